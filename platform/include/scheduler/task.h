@@ -1,0 +1,188 @@
+// The task scheduler store (liborvascheduler.so.7): the task record and its operations.
+//
+// Integer results: negative means failure, and the error facility (core/kelc.h) then
+// holds the code, file and line. Functions whose record argument is a reference have
+// C++ linkage; the others are plain C functions.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+#include <json/json.h>
+#include <string>
+#endif
+
+// Text field sizes, in bytes, terminator included. A setter given a longer text keeps
+// the first (size - 1) bytes and marks the field in `truncated`; saving a marked record
+// fails with ORVA_SCHED_ERR_TOO_LONG, so a task is never stored cut short.
+#define ORVA_SCHED_EVENT_MAX 1024      // name of the triggering event (event tasks)
+#define ORVA_SCHED_NAME_MAX 256        // task name
+#define ORVA_SCHED_APP_MAX 128         // app namespace, e.g. "ORVA.VEK.TaskScheduler.Beep"
+#define ORVA_SCHED_APP_NAME_MAX 128    // app display-name key, e.g. "#beep:beep_title#"
+#define ORVA_SCHED_EDIT_FORM_MAX 128   // edit form panel name
+#define ORVA_SCHED_ACTION_MAX 4096     // action text (a script task's holds its script)
+#define ORVA_SCHED_COMMAND_MAX 4096    // command line run by /bin/sh -c
+#define ORVA_SCHED_APP_ARGS_MAX 6144   // the app's own arguments, compact JSON
+#define ORVA_SCHED_REPEAT_CFG_MAX 16   // intervals in each repeat_*_store_config list
+
+// Bits of `truncated`: which text field was cut by a setter.
+enum {
+  ORVA_SCHED_TRUNC_NAME = 1 << 0,
+  ORVA_SCHED_TRUNC_APP = 1 << 1,
+  ORVA_SCHED_TRUNC_APP_NAME = 1 << 2,
+  ORVA_SCHED_TRUNC_EDIT_FORM = 1 << 3,
+  ORVA_SCHED_TRUNC_ACTION = 1 << 4,
+  ORVA_SCHED_TRUNC_COMMAND = 1 << 5,
+  ORVA_SCHED_TRUNC_APP_ARGS = 1 << 6,
+  ORVA_SCHED_TRUNC_EVENT = 1 << 7,
+};
+
+// Marker values.
+#define ORVA_SCHED_MARKER_SYSTEM 0      // a system task (real owner root)
+#define ORVA_SCHED_MARKER_BY_USER (-2)  // a task that belongs to a user (saved ByUser)
+
+enum ORVA_SCHED_REPEAT {
+  ORVA_SCHED_REPEAT_DAILY = 0,  // zero so that a zero-filled schedule is daily
+  ORVA_SCHED_REPEAT_WEEKLY = 1,
+  ORVA_SCHED_REPEAT_MONTHLY = 2,
+  ORVA_SCHED_REPEAT_ONCE = 3,
+};
+
+typedef struct _tag_orva_sched_schedule_ {
+  uint16_t year;            // date: once, the day; otherwise the first day it may run
+  uint8_t month;            // 1-12 (0 in a zero-filled record: no date, nothing to run)
+  uint8_t day;              // 1-31; monthly: the day of month
+  uint8_t repeat;           // ORVA_SCHED_REPEAT
+  uint8_t week_mask;        // weekly: bit d set = runs on weekday d (0 = Sunday)
+  uint8_t hour;             // first run of the day, 0-23
+  uint8_t min;              // 0-59
+  uint8_t repeat_hour;      // 0, or repeat every N hours within the day
+  uint8_t repeat_min;       // 0, or repeat every N minutes within the day
+  uint8_t last_work_hour;   // last hour in which a repeat may start, 0-23
+  uint8_t n_repeat_min_cfg;
+  uint8_t n_repeat_hour_cfg;
+  uint8_t repeat_min_cfg[ORVA_SCHED_REPEAT_CFG_MAX];   // intervals the UI offers
+  uint8_t repeat_hour_cfg[ORVA_SCHED_REPEAT_CFG_MAX];
+} ORVA_SCHED_SCHEDULE;
+
+// One task. Trivially copyable and standard-layout: records are allocated with calloc,
+// freed with free and copied by value. A zero-filled record filled with setters is
+// valid (it lists, sorts and frees like any other).
+typedef struct _tag_orva_sched_task_ {
+  struct _tag_orva_sched_task_* next;   // list link; NULL at the end of a list
+  int64_t marker;                       // ORVA_SCHED_MARKER_*
+  uint32_t owner;                       // uid the task runs as
+  char event[ORVA_SCHED_EVENT_MAX];     // event tasks: "bootup" / "shutdown"
+  uint32_t real_owner;                  // uid the task belongs to (0: system task)
+  int64_t id;                           // -1 until first saved
+  uint8_t is_new;                       // never saved
+  uint8_t enabled;
+  uint8_t listable;
+  uint8_t can_edit_from_ui;
+  uint8_t can_delete_from_ui;
+  uint8_t can_run_from_ui;
+  uint8_t can_edit_name;
+  uint8_t can_edit_owner;
+  uint8_t simple_edit_form;
+  uint8_t can_run_app_same_time;
+  uint8_t can_run_task_same_time;
+  uint8_t reserved;
+  uint32_t truncated;                   // ORVA_SCHED_TRUNC_* bits
+  ORVA_SCHED_SCHEDULE schedule;
+  char name[ORVA_SCHED_NAME_MAX];
+  char app[ORVA_SCHED_APP_MAX];
+  char app_name[ORVA_SCHED_APP_NAME_MAX];
+  char edit_form[ORVA_SCHED_EDIT_FORM_MAX];
+  char action[ORVA_SCHED_ACTION_MAX];
+  char command[ORVA_SCHED_COMMAND_MAX];
+  char app_args[ORVA_SCHED_APP_ARGS_MAX];
+} ORVA_SCHED_TASK;
+
+// Store error codes (KELCErrGet), besides the KELC_ERR_* ones.
+enum {
+  ORVA_SCHED_ERR_NOT_FOUND = 0x2101,     // no stored task of that id
+  ORVA_SCHED_ERR_NOT_OWNER = 0x2102,     // ByUser call on a task that is not the user's
+  ORVA_SCHED_ERR_TOO_LONG = 0x2103,      // a text field was truncated by its setter
+  ORVA_SCHED_ERR_NO_USER = 0x2104,       // unknown user name or uid
+  ORVA_SCHED_ERR_DATABASE = 0x2105,      // SQLite failed
+  ORVA_SCHED_ERR_INVALID = 0x2106,       // bad argument or schedule
+  ORVA_SCHED_ERR_RUN = 0x2107,           // the runner could not be started
+};
+
+// List filter: nonzero keeps the task. Called once per stored task.
+typedef int (*ORVA_SCHED_TASK_FILTER)(const ORVA_SCHED_TASK* pTask, void* pArg);
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+ORVA_SCHED_TASK* ORVASchedTaskAllocFast(void);
+void ORVASchedTaskFree(ORVA_SCHED_TASK* pTask);
+
+int ORVASchedTaskLoad(long id, ORVA_SCHED_TASK* pTask);
+int ORVASchedTaskLoadByUser(const char* user, long id, ORVA_SCHED_TASK* pTask);
+int ORVASchedTaskSave(ORVA_SCHED_TASK* pTask);
+int ORVASchedTaskSaveByUser(const char* user, ORVA_SCHED_TASK* pTask);
+int ORVASchedTaskRemove(long id);
+int ORVASchedTaskRemoveByUser(const char* user, long id);
+// Starts the task now, detached, through orva-schedrun; returns at once. The two
+// trailing arguments are reserved and must be 0.
+int ORVASchedTaskRun(long id, int reserved1, int reserved2);
+int ORVASchedTaskRunByUser(const char* user, long id, int reserved1, int reserved2);
+
+// Loads every stored task that `filter` keeps (NULL keeps all) into a new chain at
+// *ppList. Returns the number of tasks; negative on failure (*ppList is then NULL).
+int ORVASchedTaskListGet(ORVA_SCHED_TASK** ppList, ORVA_SCHED_TASK_FILTER filter, void* pArg);
+// Sorts the chain in place by "state", "id", "name", "owner", "app name", "action" or
+// "next trigger time"; ties by id ascending. `ascending` 1 or 0.
+int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, int ascending);
+ORVA_SCHED_TASK* ORVASchedTaskNext(const ORVA_SCHED_TASK* pTask);
+// Frees every record of the chain that starts at pList.
+void ORVASchedTaskListFree(ORVA_SCHED_TASK* pList);
+
+void ORVASchedCTaskSetID(ORVA_SCHED_TASK* pTask, long id);
+void ORVASchedCTaskSetName(ORVA_SCHED_TASK* pTask, const char* name);
+void ORVASchedCTaskSetOwner(ORVA_SCHED_TASK* pTask, unsigned int uid);
+void ORVASchedCTaskSetState(ORVA_SCHED_TASK* pTask, unsigned char enabled);
+void ORVASchedCTaskSetApp(ORVA_SCHED_TASK* pTask, const char* app);
+void ORVASchedCTaskSetAppName(ORVA_SCHED_TASK* pTask, const char* appName);
+void ORVASchedCTaskSetAppArgs(ORVA_SCHED_TASK* pTask, const char* appArgs);
+void ORVASchedCTaskSetAction(ORVA_SCHED_TASK* pTask, const char* action);
+void ORVASchedCTaskSetCommand(ORVA_SCHED_TASK* pTask, const char* command);
+void ORVASchedCTaskSetEditForm(ORVA_SCHED_TASK* pTask, const char* editForm);
+void ORVASchedCTaskSetEvent(ORVA_SCHED_TASK* pTask, const char* event);
+void ORVASchedCTaskSetListable(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetSimpleEditForm(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetCanEditName(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetCanEditOwner(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetCanEditFromUI(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetCanDeleteFromUI(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetCanRunFromUI(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetCanRunAppSameTime(ORVA_SCHED_TASK* pTask, int flag);
+void ORVASchedCTaskSetCanRunTaskSameTime(ORVA_SCHED_TASK* pTask, int flag);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+long ORVASchedTaskGetID(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsNew(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsEnabled(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsListable(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsCanEditFromUI(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsCanDeleteFromUI(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsCanRunFromUI(const _tag_orva_sched_task_& task);
+const char* ORVASchedTaskGetName(const _tag_orva_sched_task_& task);
+const char* ORVASchedTaskGetApp(const _tag_orva_sched_task_& task);
+const char* ORVASchedTaskGetAppName(const _tag_orva_sched_task_& task);
+const char* ORVASchedTaskGetAppArgs(const _tag_orva_sched_task_& task);
+const char* ORVASchedTaskGetAction(const _tag_orva_sched_task_& task);
+const char* ORVASchedTaskGetCommand(const _tag_orva_sched_task_& task);
+unsigned int ORVASchedTaskGetOwner(const _tag_orva_sched_task_& task);
+unsigned int ORVASchedTaskGetRealOwner(const _tag_orva_sched_task_& task);
+// "YYYY-MM-DD HH:MM" in local time, or "N/A" (disabled, or nothing left to run).
+std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task);
+
+// {"id", "running", "pid", "last_run": {...} or null}; negative for an unknown task.
+int ORVASchedTaskGetRunStatus(int id, Json::Value& status);
+#endif
