@@ -28,7 +28,8 @@ test-unit: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 test-asan: build-asan
-	cd $(ASAN_BUILD) && ctest --output-on-failure -j $(JOBS) -LE nosan
+	cd $(ASAN_BUILD) && LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp \
+	  UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS) -LE nosan
 
 # Plain build first, then the whole suite again under ASan and UBSan.
 test: test-unit test-asan
