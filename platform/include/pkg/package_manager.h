@@ -21,10 +21,15 @@ class PackageManager {
   PackageManager();
   // False when the packages folder cannot be read.
   bool init();
-  // Installed package names in a stable (name) order. `filter` NULL and `flags` all
-  // bits set mean every package.
+  // Installed package names (folders holding a package.json) in name order. `filter`
+  // is an fnmatch(3) pattern on names, NULL for every package. `flags` is reserved:
+  // every value lists every kind of package (callers pass all bits set). Empty, with
+  // the error facility set, before a successful init.
   std::vector<std::string> enumPackages(const char* filter, unsigned long long flags);
-  // False when the package is unknown or its manifest does not parse.
+  // False when the package is unknown, does not match `filter`, or its manifest does
+  // not parse (not an object, a member of the wrong type, a "name" that differs from
+  // the folder). A missing display_name reads as the name; a missing "service" flag
+  // reads as true when both control commands are given. `flags` is reserved.
   bool getPackageInfo(const std::string& name, PackageInfo& info, const char* filter,
                       unsigned long long flags);
 
