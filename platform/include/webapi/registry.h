@@ -1,12 +1,20 @@
 // The registry of web API modules (libwebapi-ZEM5.so), used by the server and by tests.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
 #include "webapi/webapi.h"
 
 namespace ORVA {
+
+// Who may call an API over HTTP or the Unix socket (a module descriptor says it).
+enum APIAuth {
+  API_AUTH_ADMIN = 0,   // root and the members of admin_group (the default)
+  API_AUTH_USER = 1,    // any authenticated account
+  API_AUTH_PUBLIC = 2,  // anyone, no session needed
+};
 
 class APIRegistry {
  public:
@@ -18,6 +26,18 @@ class APIRegistry {
   bool LoadModule(const std::string& path, std::string* error = nullptr);
   // Registers the rows of a table up to the all-zero row.
   void RegisterTable(const APITableRow* table);
+  // Loads every *.so of `dir` (name order) with its descriptor NAME.json beside it.
+  // A module that cannot be loaded is logged and skipped. Returns the number loaded.
+  int LoadDirectory(const std::string& dir);
+  // Reads a descriptor: {"apis": {API: {"auth": "admin"|"user"|"public",
+  // "methods": {METHOD: LEVEL}}}}. False (logged, nothing applied) when malformed.
+  bool LoadDescriptor(const std::string& path, std::string* error = nullptr);
+  // Sets who may call an API (`method` empty) or one of its methods.
+  void SetAuth(const std::string& api, const std::string& method, APIAuth auth);
+  // The level of (api, method): the method's own, else the API's, else admin.
+  APIAuth GetAuth(const std::string& api, const std::string& method) const;
+  // Parses "admin", "user", "public".
+  static bool ParseAuth(const std::string& text, APIAuth* auth);
 
   // Finds the row for (api, version, method). On failure `errorCode` is
   // WEBAPI_ERR_NO_API, WEBAPI_ERR_NO_VERSION or WEBAPI_ERR_NO_METHOD.
@@ -27,6 +47,12 @@ class APIRegistry {
   // Runs a row's entry function; a throwing module or one that writes no reply gets
   // WEBAPI_ERR_MODULE_FAILED (logged). Returns the reply envelope.
   Json::Value Call(const APITableRow& row, APIRequest& request) const;
+  // The same; `response` receives what the module wrote (cookie requests included) and
+  // `frameworkError` is WEBAPI_ERR_MODULE_FAILED when the module failed, else 0.
+  Json::Value Call(const APITableRow& row, APIRequest& request, APIResponse* response, int* frameworkError) const;
+
+  // The request being served by Call on this thread (innermost), or null.
+  static const APIRequest* CurrentRequest();
 
   // Every registered (api, version, method), in registration order.
   std::vector<const APITableRow*> Rows() const;
@@ -34,6 +60,7 @@ class APIRegistry {
  private:
   std::vector<APITableRow> rows_;
   std::vector<void*> handles_;
+  std::map<std::string, APIAuth> auth_;  // "API" or "API\nMETHOD"
 };
 
 }  // namespace ORVA

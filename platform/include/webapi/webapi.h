@@ -59,6 +59,11 @@ class APIRequest {
   APIParameter<Json::Value> GetAndCheckArray(const std::string& name, PARAM_NECESSITY necessity = PARAM_REQUIRED,
                                              bool (*validator)(const Json::Value&) = nullptr) const;
 
+  // The id of the session cookie the request came with ("" when none); the Auth
+  // module ends it at login and logout.
+  const std::string& GetSessionId() const { return sessionId_; }
+  void SetSessionId(const std::string& id) { sessionId_ = id; }
+
  private:
   std::string api_;
   int version_;
@@ -66,6 +71,7 @@ class APIRequest {
   Json::Value params_;
   std::string user_;
   std::string lang_;
+  std::string sessionId_;
 };
 
 class APIResponse {
@@ -82,13 +88,22 @@ class APIResponse {
   // The reply envelope: {"success": true, "data": D} or {"success": false, "error":
   // {"code": C, ...members of an object data...}} (other non-null data under "data").
   // The first reply counts when a module replied more than once.
+  // A module that wrote no reply gets the framework's error 100.
   Json::Value GetEnvelope() const;
+
+  // Asks the server to send a new session cookie with this reply (an empty id clears
+  // the cookie). Only the Auth module uses it.
+  void SetSessionCookie(const std::string& id);
+  bool HasSessionCookie() const { return cookieSet_; }
+  const std::string& GetSessionCookie() const { return cookie_; }
 
  private:
   int replies_ = 0;
   bool success_ = false;
   int code_ = 0;
   Json::Value data_;
+  bool cookieSet_ = false;
+  std::string cookie_;
 };
 
 typedef void (*APIEntryFunc)(APIRequest*, APIResponse*);
@@ -112,6 +127,9 @@ enum {
   WEBAPI_ERR_NOT_LOGGED_IN = 106,     // 401
   WEBAPI_ERR_TOO_LARGE = 107,         // 413
 };
+
+// {"success": false, "error": {"code": code}}.
+Json::Value ErrorEnvelope(int code);
 
 class APIRunner {
  public:
