@@ -1,0 +1,240 @@
+// Core services on temporary roots: root mapping, configuration, shares, users.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/conf.h"
+#include "core/kelc.h"
+#include "core/root.h"
+#include "core/share.h"
+#include "core/user.h"
+#include "temp_root.h"
+
+namespace {
+
+TEST(Root, MapsUnderTheRoot) {
+  struct Case {
+    const char* root;
+    const char* path;
+    const char* mapped;
+  } cases[] = {
+      {"/", "/usr/orva/bin/x", "/usr/orva/bin/x"},
+      {"", "/etc/orva/orva.conf", "/etc/orva/orva.conf"},
+      {"/srv/r", "/etc/orva/orva.conf", "/srv/r/etc/orva/orva.conf"},
+      {"/srv/r///", "/etc", "/srv/r/etc"},
+      {"///", "/etc", "/etc"},
+  };
+  for (const Case& c : cases) {
+    ORVA::ORVARootSet(c.root);
+    EXPECT_EQ(ORVA::ORVAPathMap(c.path), c.mapped) << c.root;
+  }
+  ORVA::ORVARootSet("/srv/r/");
+  EXPECT_EQ(ORVA::ORVARootGet(), "/srv/r");
+}
+
+TEST(Conf, Table) {
+  TempRoot root;
+  root.Write("/etc/orva/orva.conf",
+             "# comment line\n"
+             "supportUnixShare=\"yes\"\n"
+             "  admin_group = \"wheel\"  \n"
+             "empty=\"\"\n"
+             "quoted=\"say \\\"hi\\\" # not a comment\"\n"
+             "bare=plain\n"
+             "twice=\"first\"\n"
+             "twice=\"second\"\n"
+             "broken=\"no end\n"
+             "#commented=\"yes\"\n"
+             "no equals sign\n");
+  OrvaConf conf;
+  struct Case {
+    const char* key;
+    const char* expected;
+  } cases[] = {
+      {"supportUnixShare", "yes"}, {"admin_group", "wheel"},   {"empty", ""},
+      {"quoted", "say \"hi\" # not a comment"},                {"bare", "plain"},
+      {"twice", "second"},         {"broken", "dflt"},         {"commented", "dflt"},
+      {"missing", "dflt"},         {"supportunixshare", "dflt"},  // keys are case-sensitive
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(conf.Def(c.key, "dflt"), c.expected) << c.key;
+  }
+}
+
+TEST(Conf, MissingFileGivesDefaults) {
+  TempRoot root;
+  OrvaConf conf;
+  EXPECT_EQ(conf.Def("supportUnixShare", "no"), "no");
+  EXPECT_EQ(conf.Def("x", nullptr), "");
+}
+
+int Enum(std::vector<std::string>& names, unsigned int flags = 0x7F0F) {
+  PKELC_SZLIST list = KELCSzListAlloc(2);
+  int rc = ORVAShareEnum(&list, flags);
+  names.clear();
+  for (int i = 0; i < KELCSzListCount(list); ++i) {
+    names.push_back(KELCSzListGet(list, i));
+  }
+  KELCSzListFree(list);
+  return rc;
+}
+
+TEST(Share, EnumTable) {
+  struct Case {
+    const char* content;  // nullptr: no file
+    int rc;               // negative: failure
+    std::vector<std::string> names;
+  } cases[] = {
+      {nullptr, 0, {}},
+      {"[]", 0, {}},
+      {R"([{"name":"zeta","path":"/v/z","recycle_bin":false},{"name":"alpha","path":"/v/a"},
+           {"name":"home","path":"","recycle_bin":true},{"name":"Mid dle","path":"/v/m","x":1}])",
+       3,
+       {"zeta", "alpha", "Mid dle"}},  // file order, "home" not a shared folder
+      {"[{\"name\":\"a\"},", -1, {}},           // truncated
+      {"{\"name\":\"a\"}", -1, {}},             // not an array
+      {"[{\"name\":\"a\"},{\"path\":\"/x\"}]", -1, {}},  // a share without name adds nothing
+      {"[{\"name\":\"a\"},{\"name\":7}]", -1, {}},
+  };
+  for (const Case& c : cases) {
+    TempRoot root;
+    if (c.content) {
+      root.Write("/etc/orva/shares.json", c.content);
+    }
+    std::vector<std::string> names;
+    int rc = Enum(names);
+    if (c.rc < 0) {
+      EXPECT_LT(rc, 0) << c.content;
+      EXPECT_EQ(KELCErrGet(), KELC_ERR_PARSE);
+    } else {
+      EXPECT_EQ(rc, c.rc) << (c.content ? c.content : "(none)");
+    }
+    EXPECT_EQ(names, c.names);
+  }
+}
+
+TEST(Share, EnumAppendsAndFlagZeroSelectsNothing) {
+  TempRoot root;
+  root.Write("/etc/orva/shares.json", R"([{"name":"a"},{"name":"b"}])");
+  PKELC_SZLIST list = KELCSzListAlloc(1);
+  ASSERT_EQ(KELCSzListAdd(&list, "before"), 0);
+  EXPECT_EQ(ORVAShareEnum(&list, 1), 2);
+  ASSERT_EQ(KELCSzListCount(list), 3);
+  EXPECT_STREQ(KELCSzListGet(list, 0), "before");
+  EXPECT_STREQ(KELCSzListGet(list, 2), "b");
+  EXPECT_EQ(ORVAShareEnum(&list, 0), 0);
+  EXPECT_EQ(KELCSzListCount(list), 3);
+  KELCSzListFree(list);
+  EXPECT_LT(ORVAShareEnum(nullptr, 1), 0);
+}
+
+TEST(Share, UnreadableFileFails) {
+  TempRoot root;
+  root.Write("/etc/orva/x", "");
+  // A symbolic link loop cannot be opened, even by root.
+  ASSERT_EQ(symlink("shares.json", root.Real("/etc/orva/shares.json").c_str()), 0);
+  std::vector<std::string> names;
+  EXPECT_LT(Enum(names), 0);
+  EXPECT_EQ(KELCErrGet(), KELC_ERR_IO);
+}
+
+TEST(User, LookupByUidAndName) {
+  PORVAUSER user = nullptr;
+  ASSERT_EQ(ORVAUserGetByUID(0, &user), 0);
+  ASSERT_NE(user, nullptr);
+  EXPECT_STREQ(user->szName, "root");
+  EXPECT_EQ(user->uid, 0u);
+  // Reuse of the same record.
+  PORVAUSER same = user;
+  ASSERT_EQ(ORVAUserGetByName("root", &user), 0);
+  EXPECT_EQ(user, same);
+  EXPECT_STREQ(*reinterpret_cast<char**>(user), "root");  // the name is the first field
+  ORVAUserFree(user);
+
+  PORVAUSER none = nullptr;
+  EXPECT_LT(ORVAUserGetByUID(static_cast<uid_t>(4000000123u), &none), 0);
+  EXPECT_EQ(KELCErrGet(), KELC_ERR_NO_USER);
+  EXPECT_EQ(none, nullptr);
+  EXPECT_LT(ORVAUserGetByName("orvat-no-such-user", &none), 0);
+  EXPECT_LT(ORVAUserGetByUID(0, nullptr), 0);
+  ORVAUserFree(nullptr);
+}
+
+// A real user and group, created for the test and removed after it.
+class AdminUser : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "needs root to add users";
+    }
+    std::random_device rd;
+    std::string tag = std::to_string(getpid()) + "x" + std::to_string(rd() % 100000);
+    group_ = "orvatg" + tag;
+    other_ = "orvatn" + tag;
+    user_ = "orvatu" + tag;
+    plain_ = "orvatp" + tag;
+    ASSERT_EQ(Run("groupadd " + group_), 0);
+    ASSERT_EQ(Run("groupadd " + other_), 0);
+    ASSERT_EQ(Run("useradd -M -N -g " + other_ + " -G " + group_ + " " + user_), 0);
+    ASSERT_EQ(Run("useradd -M -N -g " + other_ + " " + plain_), 0);
+  }
+  void TearDown() override {
+    if (!user_.empty()) {
+      Run("userdel " + user_);
+      Run("userdel " + plain_);
+      Run("groupdel " + group_);
+      Run("groupdel " + other_);
+    }
+  }
+  static int Run(const std::string& cmd) { return system((cmd + " >/dev/null 2>&1").c_str()); }
+
+  std::string group_, other_, user_, plain_;
+};
+
+TEST_F(AdminUser, MembershipOfTheConfiguredGroup) {
+  TempRoot root;
+  root.Write("/etc/orva/orva.conf", "admin_group=\"" + group_ + "\"\n");
+  EXPECT_EQ(ORVAUserIsAdmin(user_.c_str()), 1);   // supplementary member
+  EXPECT_EQ(ORVAUserIsAdmin(plain_.c_str()), 0);
+  EXPECT_EQ(ORVAUserIsAdmin("root"), 1);
+  EXPECT_LT(ORVAUserIsAdmin("orvat-no-such-user"), 0);
+
+  // Primary group counts too.
+  root.Write("/etc/orva/orva.conf", "admin_group=\"" + other_ + "\"\n");
+  EXPECT_EQ(ORVAUserIsAdmin(plain_.c_str()), 1);
+
+  // A configured group that does not exist makes only root an administrator.
+  root.Write("/etc/orva/orva.conf", "admin_group=\"orvat-no-such-group\"\n");
+  EXPECT_EQ(ORVAUserIsAdmin(user_.c_str()), 0);
+  EXPECT_EQ(ORVAUserIsAdmin("root"), 1);
+
+  PORVAUSER u = nullptr;
+  ASSERT_EQ(ORVAUserGetByName(user_.c_str(), &u), 0);
+  PORVAUSER again = nullptr;
+  ASSERT_EQ(ORVAUserGetByUID(u->uid, &again), 0);
+  EXPECT_STREQ(again->szName, user_.c_str());
+  ORVAUserFree(u);
+  ORVAUserFree(again);
+}
+
+TEST_F(AdminUser, DefaultGroupIsAdministrators) {
+  TempRoot root;  // no orva.conf: the default group name applies
+  // "administrators" is the appliance's own admin group; create it when this machine
+  // lacks it and remove it again only when it was ours and nobody else joined it.
+  bool created = Run("getent group administrators") != 0 && Run("groupadd administrators") == 0;
+  EXPECT_EQ(ORVAUserIsAdmin(user_.c_str()), 0);
+  ASSERT_EQ(Run("usermod -a -G administrators " + user_), 0);
+  EXPECT_EQ(ORVAUserIsAdmin(user_.c_str()), 1);
+  EXPECT_EQ(ORVAUserIsAdmin(plain_.c_str()), 0);
+  Run("gpasswd -d " + user_ + " administrators");
+  if (created) {
+    Run("getent group administrators | grep -q ':$' && groupdel administrators");
+  }
+}
+
+}  // namespace

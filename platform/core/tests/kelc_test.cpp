@@ -1,0 +1,227 @@
+// KELC utilities: error facility, string lists, replacement and shell words.
+#include "core/kelc.h"
+
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+TEST(KelcError, PerThreadLastError) {
+  KELCErrSetEx(KELC_ERR_PARSE, "main_file", 42);
+  int otherCode = -1;
+  std::string otherFile;
+  std::thread t([&] {
+    otherCode = KELCErrGet();  // a new thread starts clean
+    KELC_ERR_SET(KELC_ERR_IO);
+    otherFile = KELCErrorGetFile();
+  });
+  t.join();
+  EXPECT_EQ(otherCode, KELC_ERR_NONE);
+  EXPECT_EQ(otherFile, __FILE__);
+  EXPECT_EQ(KELCErrGet(), KELC_ERR_PARSE);
+  EXPECT_STREQ(KELCErrorGetFile(), "main_file");
+  EXPECT_EQ(KELCErrorGetLine(), 42);
+}
+
+TEST(KelcSzList, GrowsMovesAndFrees) {
+  PKELC_SZLIST list = KELCSzListAlloc(1);
+  ASSERT_NE(list, nullptr);
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(KELCSzListAdd(&list, std::to_string(i).c_str()), i);
+  }
+  EXPECT_EQ(KELCSzListCount(list), 1000);
+  EXPECT_STREQ(KELCSzListGet(list, 0), "0");
+  EXPECT_STREQ(KELCSzListGet(list, 999), "999");
+  EXPECT_EQ(KELCSzListGet(list, 1000), nullptr);
+  EXPECT_EQ(KELCSzListGet(list, -1), nullptr);
+  EXPECT_LT(KELCSzListAdd(&list, nullptr), 0);
+  EXPECT_EQ(KELCErrGet(), KELC_ERR_INVALID_ARGUMENT);
+  KELCSzListFree(list);
+  KELCSzListFree(nullptr);
+  EXPECT_EQ(KELCSzListAlloc(-1), nullptr);
+}
+
+struct ReplaceCase {
+  const char* text;
+  const char* needle;
+  const char* replacement;
+  int mode;
+  size_t size;  // 0: a roomy buffer
+  int rc;       // negative: failure, buffer unchanged
+  const char* result;
+};
+
+TEST(KelcStrReplace, Table) {
+  const ReplaceCase cases[] = {
+      {"a-b-c", "-", "+", 0, 0, 2, "a+b+c"},
+      {"a-b-c", "-", "+", 1, 0, 1, "a+b-c"},
+      {"aaaa", "aa", "b", 0, 0, 2, "bb"},                // non-overlapping, left to right
+      {"aaa", "a", "aa", 0, 0, 3, "aaaaaa"},             // replacement contains the needle
+      {"abc", "x", "yy", 0, 0, 0, "abc"},                // no occurrence
+      {"abc", "abc", "", 0, 0, 1, ""},                   // shrinks to nothing
+      {"#a# #b#", "#", "", 0, 8, 4, "a b"},
+      {"ab", "b", "cd", 0, 4, 1, "acd"},                 // exactly fits with terminator
+      {"ab", "b", "cd", 0, 3, -1, "ab"},                 // one byte short
+      {"xyx", "x", "long", 0, 9, -1, "xyx"},             // second replacement would not fit
+      {"xyx", "x", "long", 1, 9, 1, "longyx"},           // only the first: fits
+      {"abc", "", "z", 0, 0, -1, "abc"},                 // empty needle
+      {"abc", "b", "z", 2, 0, -1, "abc"},                // unknown mode
+  };
+  for (const ReplaceCase& c : cases) {
+    SCOPED_TRACE(std::string(c.text) + " / " + c.needle + " -> " + c.replacement);
+    char buf[64];
+    memset(buf, 'Z', sizeof buf);
+    strcpy(buf, c.text);
+    size_t size = c.size ? c.size : sizeof buf;
+    std::vector<char> before(buf, buf + sizeof buf);
+    int rc = KELCStrReplace(buf, c.needle, c.replacement, c.mode, size);
+    if (c.rc < 0) {
+      EXPECT_LT(rc, 0);
+      EXPECT_EQ(std::vector<char>(buf, buf + sizeof buf), before);  // not one byte touched
+    } else {
+      EXPECT_EQ(rc, c.rc);
+      EXPECT_STREQ(buf, c.result);
+    }
+  }
+  char unterminated[3] = {'a', 'b', 'c'};
+  EXPECT_LT(KELCStrReplace(unterminated, "a", "b", 0, sizeof unterminated), 0);
+  EXPECT_LT(KELCStrReplace(nullptr, "a", "b", 0, 10), 0);
+}
+
+std::string Encode(const std::string& in) {
+  std::vector<char> out(in.size() * 3 + 1);
+  int n = KELCEncShParam(in.c_str(), out.data(), static_cast<int>(out.size()));
+  EXPECT_GE(n, 0);
+  EXPECT_EQ(static_cast<size_t>(n), strlen(out.data()));
+  return std::string(out.data());
+}
+
+// Generated inputs: every byte alone, then random strings drawn from all bytes, from the
+// characters the shell treats specially, and with a leading - or ~.
+std::vector<std::string> GeneratedInputs() {
+  std::vector<std::string> inputs;
+  for (int b = 1; b <= 255; ++b) {
+    inputs.emplace_back(1, static_cast<char>(b));
+    inputs.push_back(std::string("x") + static_cast<char>(b) + "y");
+  }
+  const std::string special = " \t\n'\"$`*?[]~-\\!#&;|<>(){}=%^,.:/@+ab01\x7f\x80\xff";
+  std::mt19937 rng(20240607);
+  std::uniform_int_distribution<int> len(1, 24), anyByte(1, 255), pick(0, static_cast<int>(special.size()) - 1);
+  for (int i = 0; i < 10000; ++i) {
+    std::string s;
+    int n = len(rng);
+    for (int k = 0; k < n; ++k) {
+      s += (i % 2) ? static_cast<char>(anyByte(rng)) : special[static_cast<size_t>(pick(rng))];
+    }
+    if (i % 5 == 0) {
+      s.insert(0, 1, '-');
+    } else if (i % 5 == 1) {
+      s.insert(0, 1, '~');
+    }
+    inputs.push_back(s);
+  }
+  for (const char* fixed : {"~", "~root", "-n", "--", "*", ".*", "$HOME", "`id`", "$(id)", "a b", "\n", "'\n'",
+                            "\\", "#", "!", "a=b", "[a]", "{a,b}"}) {
+    inputs.emplace_back(fixed);
+  }
+  return inputs;
+}
+
+// Runs `set -- WORD` for each escaped input through /bin/sh and returns, per input,
+// "N:FIRSTWORD" (N the number of words the shell saw).
+std::vector<std::string> ThroughShell(const std::vector<std::string>& escaped, const std::string& dir) {
+  std::string script;
+  for (const std::string& e : escaped) {
+    script += "set -- " + e + "\nprintf '%s:%s\\000' \"$#\" \"$1\"\n";
+  }
+  const std::string scriptPath = dir + "/words.sh";
+  std::ofstream(scriptPath, std::ios::binary) << script;
+  const std::string cmd = "cd '" + dir + "' && HOME=/nonexistent-home /bin/sh ./words.sh";
+  FILE* p = popen(cmd.c_str(), "r");
+  EXPECT_NE(p, nullptr);
+  std::string out;
+  char buf[65536];
+  size_t n;
+  while (p && (n = fread(buf, 1, sizeof buf, p)) > 0) {
+    out.append(buf, n);
+  }
+  EXPECT_EQ(p ? pclose(p) : -1, 0);
+  std::vector<std::string> records;
+  size_t start = 0;
+  for (size_t pos; (pos = out.find('\0', start)) != std::string::npos; start = pos + 1) {
+    records.push_back(out.substr(start, pos - start));
+  }
+  return records;
+}
+
+TEST(KelcEncShParam, EveryGeneratedInputIsOneShellWord) {
+  char tmpl[] = "/tmp/orvat-shword-XXXXXX";
+  ASSERT_NE(mkdtemp(tmpl), nullptr);
+  const std::string dir = tmpl;
+  // Files that an unescaped glob would match.
+  for (const char* f : {"a", "b", "ab", ".hidden", "-n", "x y"}) {
+    std::ofstream(dir + "/" + f) << "";
+  }
+  const std::vector<std::string> inputs = GeneratedInputs();
+  ASSERT_GE(inputs.size(), 10000u);
+  size_t checked = 0;
+  for (size_t first = 0; first < inputs.size(); first += 2000) {
+    size_t last = std::min(inputs.size(), first + 2000);
+    std::vector<std::string> escaped;
+    for (size_t i = first; i < last; ++i) {
+      escaped.push_back(Encode(inputs[i]));
+    }
+    std::vector<std::string> records = ThroughShell(escaped, dir);
+    ASSERT_EQ(records.size(), last - first);
+    for (size_t i = first; i < last; ++i) {
+      ASSERT_EQ(records[i - first], "1:" + inputs[i]) << "escaped as [" << escaped[i - first] << "]";
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, inputs.size());
+  std::filesystem::remove_all(dir);
+}
+
+TEST(KelcEncShParam, BufferBounds) {
+  const std::vector<std::string> inputs = GeneratedInputs();
+  for (const std::string& in : inputs) {
+    std::vector<char> out(2 * (in.size() + 1) + 2, 'Q');
+    int full = KELCEncShParam(in.c_str(), out.data(), static_cast<int>(out.size()));
+    ASSERT_GE(full, 0);
+    if (in.find('\n') == std::string::npos) {
+      ASSERT_LE(static_cast<size_t>(full) + 1, 2 * (in.size() + 1)) << in;
+    }
+    // Exactly the needed size succeeds; one byte less fails and writes nothing.
+    std::vector<char> exact(static_cast<size_t>(full) + 1);
+    ASSERT_EQ(KELCEncShParam(in.c_str(), exact.data(), full + 1), full);
+    std::vector<char> small(static_cast<size_t>(full), 'Q');
+    ASSERT_LT(KELCEncShParam(in.c_str(), small.data(), full), 0);
+    ASSERT_EQ(KELCErrGet(), KELC_ERR_TOO_LONG);
+    ASSERT_EQ(std::string(small.begin(), small.end()), std::string(small.size(), 'Q'));
+  }
+}
+
+TEST(KelcEncShParam, EdgeCases) {
+  char out[16] = "junk";
+  EXPECT_EQ(KELCEncShParam("", out, sizeof out), 0);
+  EXPECT_STREQ(out, "");
+  EXPECT_LT(KELCEncShParam("", out, 0), 0);
+  EXPECT_LT(KELCEncShParam(nullptr, out, sizeof out), 0);
+  EXPECT_LT(KELCEncShParam("a", nullptr, 4), 0);
+  // Plain names stay readable.
+  EXPECT_EQ(Encode("Photo_Share-1.2/x,y:z+w@v%u=t"), "Photo_Share-1.2/x,y:z+w@v%u=t");
+  EXPECT_EQ(Encode("a b"), "a\\ b");
+  EXPECT_EQ(Encode("a\nb"), "a'\n'b");
+}
+
+}  // namespace
