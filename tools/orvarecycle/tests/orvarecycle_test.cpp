@@ -1,0 +1,335 @@
+// orvarecycle on temporary trees: the real program, run as a task would run it.
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "core/kelc.h"
+#include "core/root.h"
+#include "recycle_clean.h"
+
+extern char** environ;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Result {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+Result Spawn(const std::vector<std::string>& argv, const std::string& dir) {
+  const std::string outFile = dir + "/stdout";
+  const std::string errFile = dir + "/stderr";
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&fa, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  std::vector<char*> args;
+  for (const std::string& a : argv) {
+    args.push_back(const_cast<char*>(a.c_str()));
+  }
+  args.push_back(nullptr);
+  pid_t pid = 0;
+  Result r;
+  if (posix_spawn(&pid, args[0], &fa, nullptr, args.data(), environ) == 0) {
+    int st = 0;
+    waitpid(pid, &st, 0);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  }
+  posix_spawn_file_actions_destroy(&fa);
+  r.out = ReadFile(outFile);
+  r.err = ReadFile(errFile);
+  return r;
+}
+
+const std::string kTool = std::string(ORVA_BUILD_DIR) + "/bin/orvarecycle";
+
+struct FileSpec {
+  std::string path;  // below the bin
+  size_t size;
+  int ageDays;
+};
+
+// The standard bin content: names with spaces and quotes, nested folders.
+const std::vector<FileSpec> kFiles = {
+    {"a.txt", 100, 40},
+    {"b.pdf", 5000, 10},
+    {"c.log", 300, 1},
+    {"dir one/d \"q\" 'x'.BAK", 2000, 20},
+    {"dir one/sub/e.tmp", 50, 60},
+};
+
+class RecycleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/orvarecycle-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    base_ = tmpl;
+    root_ = base_ + "/root";
+    fs::create_directories(root_ + "/etc/orva");
+    setenv("ORVA_ROOT", root_.c_str(), 1);
+    ORVA::ORVARootSet(root_);
+    AddShare("docs", base_ + "/srv/docs");
+    AddShare("my \"odd\" share", base_ + "/srv/odd share");
+    WriteShares();
+  }
+  void TearDown() override { fs::remove_all(base_); }
+
+  void AddShare(const std::string& name, const std::string& path) {
+    fs::create_directories(path + "/.recycle");
+    Json::Value s;
+    s["name"] = name;
+    s["path"] = path;
+    s["recycle_bin"] = true;
+    shares_.append(s);
+  }
+  void WriteShares() {
+    std::ofstream(root_ + "/etc/orva/shares.json") << shares_.toStyledString();
+  }
+  std::string Bin(const std::string& share) { return base_ + "/srv/" + share + "/.recycle"; }
+
+  void MakeFile(const std::string& path, size_t size, int ageDays) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path) << std::string(size, 'x');
+    SetAge(path, ageDays);
+  }
+  static void SetAge(const std::string& path, int ageDays) {
+    struct timespec ts[2];
+    ts[0].tv_sec = ts[1].tv_sec = time(nullptr) - ageDays * 86400L - 60;
+    ts[0].tv_nsec = ts[1].tv_nsec = 0;
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), ts, AT_SYMLINK_NOFOLLOW), 0) << path;
+  }
+  void Fill(const std::string& share) {
+    for (const FileSpec& f : kFiles) {
+      MakeFile(Bin(share) + "/" + f.path, f.size, f.ageDays);
+    }
+  }
+  // Every path below the bin (files, links and folders).
+  std::set<std::string> Left(const std::string& share) {
+    std::set<std::string> out;
+    for (auto it = fs::recursive_directory_iterator(Bin(share)); it != fs::recursive_directory_iterator(); ++it) {
+      out.insert(fs::relative(it->path(), Bin(share)).string());
+    }
+    return out;
+  }
+  Result Run(std::vector<std::string> args) {
+    args.insert(args.begin(), {kTool, "--root", root_});
+    return Spawn(args, base_);
+  }
+
+  std::string base_;
+  std::string root_;
+  Json::Value shares_{Json::arrayValue};
+};
+
+struct PolicyCase {
+  const char* label;
+  std::vector<std::string> args;
+  std::set<std::string> left;  // what stays below the bin
+};
+
+TEST_F(RecycleTest, PoliciesAndExceptions) {
+  const std::string d = "dir one/d \"q\" 'x'.BAK";
+  const std::vector<PolicyCase> cases = {
+      {"no policy empties the bin and its folders", {"--clean", "docs"}, {}},
+      {"age: older than 15 days goes", {"--clean", "docs", "-t", "15"}, {"b.pdf", "c.log"}},
+      {"age 0 deletes everything", {"--clean", "docs", "-t", "0"}, {}},
+      {"size, largest first, stops once it fits", {"--clean", "docs", "-s", "5400", "-o", "2"},
+       {"a.txt", "c.log", "dir one", d, "dir one/sub", "dir one/sub/e.tmp"}},
+      {"size, oldest first, stops once it fits", {"--clean", "docs", "-s", "5400", "-o", "1"},
+       {"b.pdf", "c.log"}},
+      {"size already within the limit deletes nothing", {"--clean", "docs", "-s", "7450", "-o", "2"},
+       {"a.txt", "b.pdf", "c.log", "dir one", d, "dir one/sub", "dir one/sub/e.tmp"}},
+      {"size one byte over deletes the largest only", {"--clean", "docs", "-s", "7449", "-o", "2"},
+       {"a.txt", "c.log", "dir one", d, "dir one/sub", "dir one/sub/e.tmp"}},
+      {"size one byte over, oldest first", {"--clean", "docs", "-s", "7449", "-o", "1"},
+       {"a.txt", "b.pdf", "c.log", "dir one", d}},
+      {"kept extensions, any letter case", {"--clean", "docs", "-file_ext=pdf.bak"}, {"b.pdf", "dir one", d}},
+      {"empty extension items add nothing", {"--clean", "docs", "-file_ext=.log."}, {"c.log"}},
+      {"keep larger than 1000 bytes", {"--clean", "docs", "-m", "1000"}, {"b.pdf", "dir one", d}},
+      {"keep larger is strict", {"--clean", "docs", "-m", "5000"}, {}},
+      {"keep larger, one byte below", {"--clean", "docs", "-m", "4999"}, {"b.pdf"}},
+      {"keep smaller than 200 bytes", {"--clean", "docs", "-l", "200"},
+       {"a.txt", "dir one", "dir one/sub", "dir one/sub/e.tmp"}},
+      {"keep smaller is strict", {"--clean", "docs", "-l", "50"}, {}},
+      {"age with a kept extension", {"--clean", "docs", "-t", "15", "-file_ext=tmp"},
+       {"b.pdf", "c.log", "dir one", "dir one/sub", "dir one/sub/e.tmp"}},
+      {"size 0 with exceptions keeps only the excepted", {"--clean", "docs", "-s", "0", "-o", "2", "-l", "200"},
+       {"a.txt", "dir one", "dir one/sub", "dir one/sub/e.tmp"}},
+      {"kept files count towards the size", {"--clean", "docs", "-s", "5400", "-o", "2", "-file_ext=pdf"},
+       {"a.txt", "b.pdf", "dir one", "dir one/sub", "dir one/sub/e.tmp"}},
+      {"a huge age keeps everything", {"--clean", "docs", "-t", "18446744073709551615"},
+       {"a.txt", "b.pdf", "c.log", "dir one", d, "dir one/sub", "dir one/sub/e.tmp"}},
+  };
+  for (const PolicyCase& c : cases) {
+    SCOPED_TRACE(c.label);
+    fs::remove_all(Bin("docs"));
+    fs::create_directories(Bin("docs"));
+    Fill("docs");
+    const Result r = Run(c.args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(Left("docs"), c.left);
+    EXPECT_TRUE(fs::is_directory(Bin("docs"))) << "the bin folder itself stays";
+  }
+}
+
+TEST_F(RecycleTest, SymbolicLinksAreRemovedNeverFollowed) {
+  const std::string outside = base_ + "/outside";
+  MakeFile(outside + "/precious.txt", 10, 100);
+  MakeFile(outside + "/dir/inner.txt", 10, 100);
+  fs::create_symlink(outside + "/precious.txt", Bin("docs") + "/link to file");
+  fs::create_symlink(outside + "/dir", Bin("docs") + "/link to dir");
+  fs::create_directories(Bin("docs") + "/sub");
+  fs::create_symlink("../../../outside", Bin("docs") + "/sub/relative link");
+  MakeFile(Bin("docs") + "/plain.txt", 10, 100);
+  for (const char* l : {"/link to file", "/link to dir", "/sub/relative link"}) {
+    SetAge(Bin("docs") + l, 100);
+  }
+
+  Result r = Run({"--clean", "docs", "-t", "1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(Left("docs"), std::set<std::string>{});
+  EXPECT_TRUE(fs::exists(outside + "/precious.txt"));
+  EXPECT_TRUE(fs::exists(outside + "/dir/inner.txt"));
+
+  // A bin that is itself a link to elsewhere is refused and left alone.
+  fs::remove_all(Bin("docs"));
+  fs::create_symlink(outside, Bin("docs"));
+  r = Run({"--clean", "docs"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("symbolic link"), std::string::npos) << r.err;
+  EXPECT_TRUE(fs::exists(outside + "/precious.txt"));
+  EXPECT_TRUE(fs::exists(outside + "/dir/inner.txt"));
+}
+
+TEST_F(RecycleTest, ShareNamesAreChecked) {
+  Fill("docs");
+  const std::set<std::string> full = Left("docs");
+  Result r = Run({"--clean", "docs", "nosuch"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("unknown shared folder \"nosuch\""), std::string::npos) << r.err;
+  EXPECT_EQ(Left("docs"), full) << "nothing is touched when a name is unknown";
+
+  r = Run({"--enable", "nosuch"});
+  EXPECT_EQ(r.status, 1);
+}
+
+TEST_F(RecycleTest, AllSharesWhenNoneNamedAndOddNamesThroughTheShell) {
+  Fill("docs");
+  Fill("odd share");
+  // As the task's command line names it: each argument escaped into one shell word.
+  std::string cmd = kTool + " --root " + root_ + " --clean";
+  for (const char* word : {"my \"odd\" share", "-t", "15"}) {
+    char buf[256];
+    ASSERT_GT(KELCEncShParam(word, buf, sizeof buf), 0);
+    cmd += std::string(" ") + buf;
+  }
+  Result r = Spawn({"/bin/sh", "-c", cmd}, base_);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(Left("odd share"), (std::set<std::string>{"b.pdf", "c.log"}));
+  EXPECT_EQ(Left("docs").size(), 7u) << "only the named share is cleaned";
+
+  r = Run({"--clean"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(Left("docs").empty());
+  EXPECT_TRUE(Left("odd share").empty());
+}
+
+TEST_F(RecycleTest, MissingBinIsNotAnError) {
+  fs::remove_all(Bin("docs"));
+  const Result r = Run({"--clean", "docs"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("no recycle bin"), std::string::npos);
+}
+
+TEST_F(RecycleTest, EnableAndDisableSwitchTheShareFile) {
+  auto states = [&]() {
+    Json::Value v;
+    std::ifstream in(root_ + "/etc/orva/shares.json");
+    in >> v;
+    std::vector<bool> out;
+    for (const Json::Value& s : v) {
+      out.push_back(s["recycle_bin"].asBool());
+    }
+    return out;
+  };
+  Result r = Run({"--disable", "docs"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(states(), (std::vector<bool>{false, true}));
+  r = Run({"--disable"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(states(), (std::vector<bool>{false, false}));
+  r = Run({"--enable", "my \"odd\" share"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(states(), (std::vector<bool>{false, true}));
+}
+
+TEST_F(RecycleTest, BadUsage) {
+  Fill("docs");
+  const std::set<std::string> full = Left("docs");
+  const std::vector<std::vector<std::string>> bad = {
+      {},
+      {"docs"},
+      {"--clean", "--enable"},
+      {"--clean", "-t"},
+      {"--clean", "-t", "abc"},
+      {"--clean", "-t", "-5"},
+      {"--clean", "-s", "100", "-o", "3"},
+      {"--clean", "-o", "2"},
+      {"--clean", "-s", "18446744073709551616", "-o", "1"},
+      {"--enable", "-t", "5"},
+      {"--disable", "-file_ext=tmp"},
+      {"--clean", "-x"},
+      {"--clean", ""},
+  };
+  for (const auto& args : bad) {
+    std::string shown;
+    for (const auto& a : args) shown += "[" + a + "]";
+    SCOPED_TRACE(shown);
+    const Result r = Run(args);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_FALSE(r.err.empty());
+  }
+  EXPECT_EQ(Left("docs"), full);
+  const Result help = Run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("-file_ext="), std::string::npos);
+}
+
+// The largest value the size option takes (a negative MB count written unsigned) is a
+// limit never reached.
+TEST(RecycleSelect, HugeSizeLimitKeepsAll) {
+  orvarecycle::Options o;
+  o.op = orvarecycle::Op::Clean;
+  o.sizeLimit = 18446744073708503040ull;
+  std::vector<orvarecycle::Entry> e(3);
+  e[0].size = 10;
+  e[1].size = 20;
+  e[2].size = 30;
+  uint64_t left = 0;
+  EXPECT_TRUE(orvarecycle::SelectForDeletion(e, o, time(nullptr), &left).empty());
+  EXPECT_EQ(left, 60u);
+}
+
+}  // namespace
