@@ -34,6 +34,7 @@ extern "C" int ORVAShareEnum(PKELC_SZLIST* ppList, unsigned int flags) {
   }
   Json::CharReaderBuilder builder;
   builder["collectComments"] = false;
+  builder["failIfExtra"] = true;
   Json::Value root;
   std::string errs;
   if (!Json::parseFromStream(builder, in, &root, &errs) || !root.isArray()) {

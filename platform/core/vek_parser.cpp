@@ -101,6 +101,7 @@ Json::Value LoadObject(const std::string& path) {
   gParseCount.fetch_add(1, std::memory_order_relaxed);
   Json::CharReaderBuilder builder;
   builder["collectComments"] = false;
+  builder["failIfExtra"] = true;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value value;
   std::string errs;

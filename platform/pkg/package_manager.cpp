@@ -103,6 +103,7 @@ bool PackageManager::getPackageInfo(const std::string& name, PackageInfo& info, 
   }
   Json::CharReaderBuilder builder;
   builder["collectComments"] = false;
+  builder["failIfExtra"] = true;
   Json::Value root;
   std::string errs;
   if (!Json::parseFromStream(builder, in, &root, &errs) || !root.isObject()) {

@@ -40,6 +40,7 @@ bool ReadShares(const std::string& path, Json::Value& root) {
   }
   Json::CharReaderBuilder builder;
   builder["collectComments"] = false;
+  builder["failIfExtra"] = true;
   std::string errs;
   bool ok = Json::parseFromStream(builder, in, &root, &errs) && root.isArray();
   for (Json::ArrayIndex i = 0; ok && i < root.size(); ++i) {

@@ -1,0 +1,224 @@
+// UI text parsers on temporary roots: lookups, bad files, the parse cache.
+#include "core/vek_parser.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "temp_root.h"
+
+namespace {
+
+using ORVA::VEK::JSConfigParser;
+using ORVA::VEK::LocalizedStringParser;
+using ORVA::VEK::TextFileParseCount;
+
+const std::string kWebman = "/usr/orva/orvaman/webman";
+
+void SetMtime(const std::string& path, time_t sec) {
+  struct timespec times[2] = {{sec, 0}, {sec, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST(LocalizedStringParser, SectionAndKeyLookups) {
+  TempRoot root;
+  root.Write(kWebman + "/texts/enu/strings.json",
+             R"({"common": {"ok": "OK", "start_service": "Start service"},
+                 "tree": {"leaf_filexfer": "File transfer", "a:b": "colon key"},
+                 "": {"": "empty"}})");
+  LocalizedStringParser parser;
+  Json::Value texts = parser.ParseTexts(kWebman + "/texts/enu");
+  EXPECT_EQ(texts["common"]["ok"].asString(), "OK");
+  EXPECT_EQ(texts["common"]["start_service"].asString(), "Start service");
+  EXPECT_EQ(texts["tree"]["a:b"].asString(), "colon key");
+  EXPECT_EQ(texts[""][""].asString(), "empty");
+  EXPECT_FALSE(texts["common"].isMember("missing"));
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu/"), texts);  // trailing slash
+}
+
+TEST(LocalizedStringParser, BadFilesGiveEmptyObjects) {
+  TempRoot root;
+  const struct {
+    const char* name;
+    const char* content;  // nullptr: no file
+  } cases[] = {
+      {"missing", nullptr},
+      {"truncated", R"({"common": {"ok": "OK")"},
+      {"array", R"([{"common": {}}])"},
+      {"string", R"("text")"},
+      {"empty", ""},
+      {"binary", "\x01\x02\xff\xfe"},
+      {"trailing", R"({"a": {}} garbage)"},
+  };
+  LocalizedStringParser parser;
+  for (const auto& c : cases) {
+    const std::string dir = kWebman + "/texts/" + c.name;
+    if (c.content) {
+      root.Write(dir + "/strings.json", c.content);
+    }
+    Json::Value v = parser.ParseTexts(dir);
+    EXPECT_TRUE(v.isObject()) << c.name;
+    EXPECT_EQ(v.size(), 0u) << c.name;
+  }
+  // A folder instead of the file, and paths that try to leave the texts.
+  std::filesystem::create_directories(root.Real(kWebman + "/texts/dir/strings.json"));
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/dir").size(), 0u);
+  root.Write("/etc/orva/strings.json", R"({"secret": {"k": "v"}})");
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/../../../../../etc/orva").size(), 0u);
+  EXPECT_EQ(parser.ParseTexts("relative/path").size(), 0u);
+  EXPECT_EQ(parser.ParseTexts("").size(), 0u);
+}
+
+TEST(LocalizedStringParser, ChangedFileIsReadAgain) {
+  TempRoot root;
+  const std::string file = kWebman + "/texts/enu/strings.json";
+  root.Write(file, R"({"s": {"k": "one"}})");
+  SetMtime(root.Real(file), 1000000);
+  LocalizedStringParser parser;
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "one");
+
+  // Same size, new content, only the modification time tells.
+  root.Write(file, R"({"s": {"k": "two"}})");
+  SetMtime(root.Real(file), 1000001);
+  unsigned long long before = TextFileParseCount();
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "two");
+  EXPECT_EQ(TextFileParseCount() - before, 1u);
+
+  // Replaced by rename with the very same mtime and size: the inode tells.
+  root.Write(file + ".new", R"({"s": {"k": "3rd"}})");
+  SetMtime(root.Real(file + ".new"), 1000001);
+  ASSERT_EQ(std::rename(root.Real(file + ".new").c_str(), root.Real(file).c_str()), 0);
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "3rd");
+
+  // Broken, then fixed again.
+  root.Write(file, R"({"s": )");
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu").size(), 0u);
+  root.Write(file, R"({"s": {"k": "four"}})");
+  SetMtime(root.Real(file), 1000009);
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "four");
+
+  // Removed: empty again.
+  std::filesystem::remove(root.Real(file));
+  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu").size(), 0u);
+}
+
+TEST(LocalizedStringParser, UnchangedFileIsParsedOnce) {
+  TempRoot root;
+  root.Write(kWebman + "/texts/ger/strings.json", R"({"common": {"ok": "OK"}})");
+  root.Write(kWebman + "/texts/ger/bad/strings.json", R"({"common": )");
+  unsigned long long before = TextFileParseCount();
+  for (int i = 0; i < 200; ++i) {
+    LocalizedStringParser parser;  // one per request, as the module builds them
+    ASSERT_EQ(parser.ParseTexts(kWebman + "/texts/ger")["common"]["ok"].asString(), "OK");
+    ASSERT_EQ(parser.ParseTexts(kWebman + "/texts/ger/bad").size(), 0u);
+  }
+  EXPECT_EQ(TextFileParseCount() - before, 2u);  // each file once, the malformed one too
+}
+
+void WriteApps(const TempRoot& root) {
+  root.Write(kWebman + "/3rdparty/PhotoApp/config.json", R"({"namespace": "ORVA.App.Photo"})");
+  root.Write(kWebman + "/3rdparty/Backup/config.json", R"({"namespace": "ORVA.App.Backup", "x": 1})");
+  root.Write(kWebman + "/3rdparty/Broken/config.json", R"({"namespace": )");
+  root.Write(kWebman + "/3rdparty/NoNs/config.json", R"({"name": "x"})");
+  root.Write(kWebman + "/3rdparty/BadNs/config.json", R"({"namespace": 5})");
+  std::filesystem::create_directories(root.Real(kWebman + "/3rdparty/Empty"));
+}
+
+TEST(JSConfigParser, MapsNamespacesToTextFolders) {
+  TempRoot root;
+  WriteApps(root);
+  JSConfigParser parser("enu", false);
+  EXPECT_TRUE(parser.GetTexts().isObject());
+  EXPECT_EQ(parser.GetTexts().size(), 0u);  // before Parse
+  EXPECT_TRUE(parser.Parse(nullptr));
+  Json::Value expected(Json::objectValue);
+  expected["ORVA.App.Photo"] = "3rdparty/PhotoApp/texts/enu";
+  expected["ORVA.App.Backup"] = "3rdparty/Backup/texts/enu";
+  EXPECT_EQ(parser.GetTexts(), expected);
+
+  // A copy shares the state, as the module's parser member does.
+  JSConfigParser copy = parser;
+  EXPECT_EQ(copy.GetTexts(), expected);
+
+  JSConfigParser one("ger", false);
+  EXPECT_TRUE(one.Parse((kWebman + "/3rdparty/PhotoApp/config.json").c_str()));
+  Json::Value photo(Json::objectValue);
+  photo["ORVA.App.Photo"] = "3rdparty/PhotoApp/texts/ger";
+  EXPECT_EQ(one.GetTexts(), photo);
+  EXPECT_FALSE(one.Parse((kWebman + "/3rdparty/Broken").c_str()));
+  EXPECT_FALSE(one.Parse("/etc/orva/../../3rdparty/PhotoApp"));
+  EXPECT_EQ(one.GetTexts().size(), 0u);
+}
+
+TEST(JSConfigParser, BadLanguageOrNoAppsGiveEmptyObjects) {
+  TempRoot root;
+  JSConfigParser none("enu", false);
+  EXPECT_FALSE(none.Parse(nullptr));  // no 3rdparty folder at all
+  EXPECT_EQ(none.GetTexts().size(), 0u);
+  WriteApps(root);
+  for (const char* lang : {"", "..", "../../etc", "en/us", "en u"}) {
+    JSConfigParser parser(lang, false);
+    EXPECT_FALSE(parser.Parse(nullptr)) << lang;
+    EXPECT_EQ(parser.GetTexts().size(), 0u) << lang;
+  }
+  JSConfigParser null(nullptr, false);
+  EXPECT_FALSE(null.Parse(nullptr));
+}
+
+TEST(JSConfigParser, ConfigsAreParsedOnceAndNewAppsSeen) {
+  TempRoot root;
+  WriteApps(root);
+  { JSConfigParser warm("enu", false); warm.Parse(nullptr); }
+  unsigned long long before = TextFileParseCount();
+  for (int i = 0; i < 100; ++i) {
+    JSConfigParser parser("enu", false);
+    ASSERT_TRUE(parser.Parse(nullptr));
+    ASSERT_EQ(parser.GetTexts().size(), 2u);
+  }
+  EXPECT_EQ(TextFileParseCount(), before);
+  root.Write(kWebman + "/3rdparty/Zed/config.json", R"({"namespace": "ORVA.App.Zed"})");
+  JSConfigParser parser("enu", false);
+  ASSERT_TRUE(parser.Parse(nullptr));
+  EXPECT_EQ(parser.GetTexts()["ORVA.App.Zed"].asString(), "3rdparty/Zed/texts/enu");
+  EXPECT_EQ(TextFileParseCount() - before, 1u);
+}
+
+TEST(LocalizedStringParser, ConcurrentReadersSeeWholeFiles) {
+  TempRoot root;
+  const std::string file = kWebman + "/texts/enu/strings.json";
+  root.Write(file, R"({"s": {"k": "v0"}})");
+  std::atomic<bool> stop{false};
+  std::atomic<int> bad{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 4; ++t) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        Json::Value v = LocalizedStringParser().ParseTexts(kWebman + "/texts/enu");
+        const std::string k = v["s"]["k"].asString();
+        if (k.size() < 2 || k[0] != 'v') {
+          ++bad;
+        }
+      }
+    });
+  }
+  for (int i = 1; i <= 200; ++i) {
+    // Whole-file replacement, as installers do.
+    root.Write(file + ".tmp", std::string(R"({"s": {"k": "v)") + std::to_string(i) + "\"}}");
+    std::rename(root.Real(file + ".tmp").c_str(), root.Real(file).c_str());
+  }
+  stop = true;
+  for (auto& t : readers) {
+    t.join();
+  }
+  EXPECT_EQ(bad.load(), 0);
+  EXPECT_EQ(LocalizedStringParser().ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "v200");
+}
+
+}  // namespace
