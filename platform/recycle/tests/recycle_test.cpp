@@ -1,0 +1,246 @@
+// Recycle-bin switches on temporary roots, including writers killed mid-update.
+#include "recycle/recycle.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../../core/tests/temp_root.h"
+#include "core/kelc.h"
+#include "core/share.h"
+
+namespace {
+
+const std::string kShares = "/etc/orva/shares.json";
+
+Json::Value Parse(const std::string& text, bool* ok = nullptr) {
+  Json::CharReaderBuilder b;
+  b["failIfExtra"] = true;
+  std::unique_ptr<Json::CharReader> r(b.newCharReader());
+  Json::Value v;
+  std::string errs;
+  bool parsed = r->parse(text.data(), text.data() + text.size(), &v, &errs);
+  if (ok) {
+    *ok = parsed;
+  }
+  return v;
+}
+
+std::string Sample() {
+  return R"([
+  {"name": "public", "path": "/volume1/public", "recycle_bin": false, "comment": "kept"},
+  {"name": "Photo Album", "path": "/volume1/photo", "recycle_bin": true},
+  {"name": "plain", "path": "/volume1/plain"}
+])";
+}
+
+std::vector<std::string> Names(const Json::Value& shares) {
+  std::vector<std::string> names;
+  for (const Json::Value& s : shares) {
+    names.push_back(s["name"].asString());
+  }
+  return names;
+}
+
+TEST(RecycleStatus, SwitchesOneShareAndKeepsTheRest) {
+  TempRoot root;
+  root.Write(kShares, Sample());
+  ASSERT_EQ(chmod(root.Real(kShares).c_str(), 0640), 0);
+  ASSERT_EQ(ORVARecycleStatusSet("public", 1), 0);
+  ASSERT_EQ(ORVARecycleStatusSet("Photo Album", 0), 0);
+  ASSERT_EQ(ORVARecycleStatusSet("plain", 1), 0);
+  Json::Value v = Parse(root.Read(kShares));
+  EXPECT_EQ(Names(v), (std::vector<std::string>{"public", "Photo Album", "plain"}));
+  EXPECT_EQ(v[0]["recycle_bin"], true);
+  EXPECT_EQ(v[0]["comment"], "kept");
+  EXPECT_EQ(v[0]["path"], "/volume1/public");
+  EXPECT_EQ(v[1]["recycle_bin"], false);
+  EXPECT_EQ(v[2]["recycle_bin"], true);
+  struct stat st;
+  ASSERT_EQ(stat(root.Real(kShares).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+
+  // Setting what is already set rewrites nothing.
+  ino_t inode = st.st_ino;
+  ASSERT_EQ(ORVARecycleStatusSet("public", 1), 0);
+  ASSERT_EQ(stat(root.Real(kShares).c_str(), &st), 0);
+  EXPECT_EQ(st.st_ino, inode);
+}
+
+TEST(RecycleStatus, FailuresLeaveTheFileAlone) {
+  TempRoot root;
+  root.Write(kShares, Sample());
+  const struct {
+    const char* share;
+    int enable;
+    int error;
+  } cases[] = {
+      {"nosuch", 1, KELC_ERR_NOT_FOUND},
+      {"PUBLIC", 1, KELC_ERR_NOT_FOUND},  // names are case-sensitive
+      {"", 1, KELC_ERR_INVALID_ARGUMENT},
+      {nullptr, 1, KELC_ERR_INVALID_ARGUMENT},
+      {"public", 2, KELC_ERR_INVALID_ARGUMENT},
+      {"public", -1, KELC_ERR_INVALID_ARGUMENT},
+  };
+  for (const auto& c : cases) {
+    EXPECT_LT(ORVARecycleStatusSet(c.share, c.enable), 0) << (c.share ? c.share : "(null)");
+    EXPECT_EQ(KELCErrGet(), c.error);
+    EXPECT_EQ(root.Read(kShares), Sample());
+  }
+  for (const char* bad : {"[{\"name\": \"public\"}", "{}", "[{\"path\": \"/x\"}]", "[1]", "[] x"}) {
+    root.Write(kShares, bad);
+    EXPECT_LT(ORVARecycleStatusSet("public", 1), 0) << bad;
+    EXPECT_EQ(KELCErrGet(), KELC_ERR_PARSE);
+    EXPECT_EQ(root.Read(kShares), bad);
+  }
+}
+
+TEST(RecycleStatus, HomeIsKeptAsItsOwnEntry) {
+  TempRoot root;
+  root.Write(kShares, Sample());
+  ASSERT_EQ(ORVARecycleStatusSet("home", 1), 0);
+  ASSERT_EQ(ORVARecycleStatusSet("home", 0), 0);
+  ASSERT_EQ(ORVARecycleStatusSet("home", 1), 0);
+  Json::Value v = Parse(root.Read(kShares));
+  ASSERT_EQ(Names(v), (std::vector<std::string>{"public", "Photo Album", "plain", "home"}));
+  EXPECT_EQ(v[3]["path"], "");
+  EXPECT_EQ(v[3]["recycle_bin"], true);
+
+  // Shares enumeration still lists only shared folders.
+  PKELC_SZLIST list = KELCSzListAlloc(4);
+  EXPECT_EQ(ORVAShareEnum(&list, 0x7F0F), 3);
+  KELCSzListFree(list);
+
+  // The helper list includes it.
+  PORVA_RECYCLE_SHARE shares = nullptr;
+  ASSERT_EQ(ORVARecycleShareListGet(&shares), 4);
+  EXPECT_STREQ(shares[1].szName, "Photo Album");
+  EXPECT_STREQ(shares[1].szPath, "/volume1/photo");
+  EXPECT_EQ(shares[1].recycleBin, 1);
+  EXPECT_EQ(shares[2].recycleBin, 0);  // no flag at all reads as off
+  EXPECT_STREQ(shares[3].szName, "home");
+  EXPECT_STREQ(shares[3].szPath, "");
+  EXPECT_EQ(shares[3].recycleBin, 1);
+  ORVARecycleShareListFree(shares, 4);
+}
+
+TEST(RecycleStatus, WithoutASharesFile) {
+  TempRoot root;
+  std::filesystem::create_directories(root.Real("/etc/orva"));
+  EXPECT_LT(ORVARecycleStatusSet("public", 1), 0);
+  EXPECT_EQ(KELCErrGet(), KELC_ERR_NOT_FOUND);
+  EXPECT_FALSE(std::filesystem::exists(root.Real(kShares)));
+  PORVA_RECYCLE_SHARE shares = nullptr;
+  EXPECT_EQ(ORVARecycleShareListGet(&shares), 0);
+  EXPECT_EQ(shares, nullptr);
+  ASSERT_EQ(ORVARecycleStatusSet("home", 1), 0);
+  Json::Value v = Parse(root.Read(kShares));
+  ASSERT_EQ(v.size(), 1u);
+  EXPECT_EQ(v[0]["name"], "home");
+}
+
+TEST(RecycleStatus, ConcurrentWritersLoseNoUpdate) {
+  TempRoot root;
+  std::string text = "[";
+  for (int i = 0; i < 8; ++i) {
+    text += std::string(i ? "," : "") + R"({"name": "s)" + std::to_string(i) + R"(", "path": "/v/)" +
+            std::to_string(i) + "\"}";
+  }
+  root.Write(kShares, text + "]");
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 8; ++t) {
+    writers.emplace_back([t] {
+      const std::string name = "s" + std::to_string(t);
+      for (int i = 0; i <= 20; ++i) {
+        ASSERT_EQ(ORVARecycleStatusSet(name.c_str(), i % 2), 0);  // the last call (20) switches off
+      }
+    });
+  }
+  for (auto& w : writers) {
+    w.join();
+  }
+  Json::Value v = Parse(root.Read(kShares));
+  ASSERT_EQ(v.size(), 8u);
+  for (const Json::Value& s : v) {
+    EXPECT_EQ(s["recycle_bin"], false) << s["name"];
+  }
+  // Other processes take the same lock.
+  std::vector<pid_t> kids;
+  for (int t = 1; t < 8; t += 2) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      _exit(ORVARecycleStatusSet(("s" + std::to_string(t)).c_str(), 1) == 0 ? 0 : 1);
+    }
+    kids.push_back(pid);
+  }
+  for (pid_t pid : kids) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  v = Parse(root.Read(kShares));
+  for (Json::ArrayIndex i = 0; i < v.size(); ++i) {
+    EXPECT_EQ(v[i]["recycle_bin"].asBool(), i % 2 == 1) << i;
+  }
+}
+
+// A writer killed at random moments never leaves a partial file behind.
+TEST(RecycleStatus, KilledWriterNeverLeavesAHalfWrittenFile) {
+  TempRoot root;
+  const int kShareCount = 400;  // a big file, so that kills land inside writes
+  Json::Value shares(Json::arrayValue);
+  for (int i = 0; i < kShareCount; ++i) {
+    Json::Value s;
+    s["name"] = "share" + std::to_string(i);
+    s["path"] = "/volume1/share" + std::to_string(i);
+    s["recycle_bin"] = false;
+    s["comment"] = std::string(64, 'c');
+    shares.append(s);
+  }
+  root.Write(kShares, Json::writeString(Json::StreamWriterBuilder(), shares));
+
+  std::mt19937 rng(7);
+  std::uniform_int_distribution<int> delayUs(0, 30000);
+  for (int round = 0; round < 40; ++round) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      for (unsigned i = 0;; ++i) {
+        ORVARecycleStatusSet(("share" + std::to_string(i % kShareCount)).c_str(), static_cast<int>((i / 7) % 2));
+      }
+    }
+    usleep(static_cast<useconds_t>(delayUs(rng)));
+    kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+
+    bool ok = false;
+    Json::Value v = Parse(root.Read(kShares), &ok);
+    ASSERT_TRUE(ok) << "round " << round;
+    ASSERT_TRUE(v.isArray());
+    ASSERT_EQ(v.size(), static_cast<Json::ArrayIndex>(kShareCount)) << "round " << round;
+    for (int i = 0; i < kShareCount; ++i) {
+      const Json::Value& s = v[static_cast<Json::ArrayIndex>(i)];
+      ASSERT_EQ(s["name"].asString(), "share" + std::to_string(i));
+      ASSERT_EQ(s["comment"].asString().size(), 64u);
+      ASSERT_TRUE(s["recycle_bin"].isBool());
+    }
+  }
+  // Temporary files of killed writers are cleared by the next update.
+  ASSERT_EQ(ORVARecycleStatusSet("share0", 1), 0);
+  for (const auto& e : std::filesystem::directory_iterator(root.Real("/etc/orva"))) {
+    EXPECT_EQ(e.path().filename(), "shares.json");
+  }
+}
+
+}  // namespace
