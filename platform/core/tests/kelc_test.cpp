@@ -168,6 +168,10 @@ TEST(KelcEncShParam, EveryGeneratedInputIsOneShellWord) {
   char tmpl[] = "/tmp/orvat-shword-XXXXXX";
   ASSERT_NE(mkdtemp(tmpl), nullptr);
   const std::string dir = tmpl;
+  struct Cleanup {
+    std::string dir;
+    ~Cleanup() { std::filesystem::remove_all(dir); }
+  } cleanup{dir};
   // Files that an unescaped glob would match.
   for (const char* f : {"a", "b", "ab", ".hidden", "-n", "x y"}) {
     std::ofstream(dir + "/" + f) << "";
@@ -189,7 +193,6 @@ TEST(KelcEncShParam, EveryGeneratedInputIsOneShellWord) {
     }
   }
   EXPECT_EQ(checked, inputs.size());
-  std::filesystem::remove_all(dir);
 }
 
 TEST(KelcEncShParam, BufferBounds) {
