@@ -13,20 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "ORVA.Core.TaskScheduler.Service.h"
 #include "core/kelc.h"
 #include "core/user.h"
 #include "scheduler/task.h"
-
-namespace ORVA {
-namespace Core {
-namespace TaskScheduler {
-// Service tasks' app arguments (ORVA.Core.TaskScheduler.Service).
-bool EnumInstalledPackagesAsJson(Json::Value& out);
-bool ServiceTaskAppArgsToJson(const _tag_orva_sched_task_& task, const Json::Value& packages, Json::Value& json);
-bool ServiceTaskAppArgsFromJson(const Json::Value& json, _tag_orva_sched_task_& task);
-}  // namespace TaskScheduler
-}  // namespace Core
-}  // namespace ORVA
 
 using ORVA::Core::TaskScheduler::GetRealOwner;
 
