@@ -7,10 +7,13 @@
 
 #include <stdint.h>
 #include <sys/types.h>
+#include <time.h>
 
 #ifdef __cplusplus
 #include <json/json.h>
+
 #include <string>
+#include <vector>
 #endif
 
 // Text field sizes, in bytes, terminator included. A setter given a longer text keeps
@@ -21,9 +24,13 @@
 #define ORVA_SCHED_APP_MAX 128         // app namespace, e.g. "ORVA.VEK.TaskScheduler.Beep"
 #define ORVA_SCHED_APP_NAME_MAX 128    // app display-name key, e.g. "#beep:beep_title#"
 #define ORVA_SCHED_EDIT_FORM_MAX 128   // edit form panel name
-#define ORVA_SCHED_ACTION_MAX 4096     // action text (a script task's holds its script)
-#define ORVA_SCHED_COMMAND_MAX 4096    // command line run by /bin/sh -c
-#define ORVA_SCHED_APP_ARGS_MAX 6144   // the app's own arguments, compact JSON
+#define ORVA_SCHED_COMMAND_MAX 4096    // command line run by /bin/sh -c (a script: 4095 bytes)
+// Action text. A script task's action is "#common:run#: " + its script, so the action
+// holds every command that fits, with room for a short prefix.
+#define ORVA_SCHED_ACTION_MAX (ORVA_SCHED_COMMAND_MAX + 64)
+// The app's own arguments as compact JSON. A script task keeps its script here too,
+// escaped: half as much again as the command leaves room for quotes and newlines.
+#define ORVA_SCHED_APP_ARGS_MAX 6144
 #define ORVA_SCHED_REPEAT_CFG_MAX 16   // intervals in each repeat_*_store_config list
 
 // Bits of `truncated`: which text field was cut by a setter.
@@ -76,7 +83,7 @@ typedef struct _tag_orva_sched_task_ {
   char event[ORVA_SCHED_EVENT_MAX];     // event tasks: "bootup" / "shutdown"
   uint32_t real_owner;                  // uid the task belongs to (0: system task)
   int64_t id;                           // -1 until first saved
-  uint8_t is_new;                       // never saved
+  uint8_t saved;                        // 0 until stored once (zero-filled: new)
   uint8_t enabled;
   uint8_t listable;
   uint8_t can_edit_from_ui;
@@ -184,5 +191,86 @@ unsigned int ORVASchedTaskGetRealOwner(const _tag_orva_sched_task_& task);
 std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task);
 
 // {"id", "running", "pid", "last_run": {...} or null}; negative for an unknown task.
+// last_run: {"trigger", "start", "end" ("YYYY-MM-DD HH:MM:SS" local, end null while
+// unknown), "exit_code" (or null), "signal" (or null), "output" (the last 64 KiB of
+// stdout and stderr, invalid UTF-8 replaced), "result" ("success"/"failed"/"skipped")}.
 int ORVASchedTaskGetRunStatus(int id, Json::Value& status);
+
+// ---- Platform side: the daemon, the runner, tools and tests use these. ----
+
+// Getters for the fields the module reaches only through setters.
+const char* ORVASchedTaskGetEditForm(const _tag_orva_sched_task_& task);
+const char* ORVASchedTaskGetEvent(const _tag_orva_sched_task_& task);
+int64_t ORVASchedTaskGetMarker(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsSimpleEditForm(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsCanEditName(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsCanEditOwner(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsCanRunAppSameTime(const _tag_orva_sched_task_& task);
+bool ORVASchedTaskIsCanRunTaskSameTime(const _tag_orva_sched_task_& task);
+// Nonzero ORVA_SCHED_TRUNC_* bits: a setter cut a text, the record cannot be saved.
+uint32_t ORVASchedTaskGetTruncated(const _tag_orva_sched_task_& task);
+
+// Makes the record a user's task (marker -2, real owner uid) or, with byUser false,
+// a system task (marker 0, real owner 0). Plain saves keep what the record says.
+void ORVASchedCTaskSetRealOwner(ORVA_SCHED_TASK* pTask, bool byUser, unsigned int uid);
+
+// Checks a schedule: ranges, a valid date (month 0 = no schedule, allowed), a weekly
+// schedule with at least one day, repeat_min and repeat_hour not both set. False with
+// the error facility set (ORVA_SCHED_ERR_INVALID).
+bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& schedule);
+// The first trigger strictly after `after`, from the schedule alone, in the time zone
+// of TZ: a wall time inside a spring-forward gap fires at the end of the gap, a wall
+// time that occurs twice fires at its first occurrence only, a monthly day the month
+// lacks is skipped. -1 when nothing is left.
+time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& schedule, time_t after);
+// The same for a task; -1 also when the task is disabled. The daemon's clock.
+time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after);
+// ORVASchedTaskGetNextTriggerTime with a given "now" instead of the wall clock.
+std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now);
+// "YYYY-MM-DD HH:MM" local, or "N/A" for -1.
+std::string ORVASchedFormatTriggerTime(time_t t);
+
+// The store database: $ROOT/var/lib/orva/scheduler.db (WAL: also -wal and -shm beside
+// it). A daemon may watch its folder with inotify and then read the generation.
+std::string ORVASchedStoreDbPath();
+// A counter raised by every write of a task or an event task (not by run records):
+// reading it is one indexed row. Negative on failure.
+int64_t ORVASchedStoreGeneration();
+
+// The runner program: ORVASchedSetRunnerPath, else $ORVA_SCHEDRUN, else
+// ORVAPathMap("/usr/orva/bin/orva-schedrun"). An empty path restores the default.
+void ORVASchedSetRunnerPath(const std::string& path);
+std::string ORVASchedRunnerPath();
+
+// Run history of a task, newest first, each entry shaped like "last_run" plus
+// "running" (bool) and "pid". At most 50 runs are kept per task. Negative for an
+// unknown task.
+int ORVASchedTaskGetRunHistory(long id, Json::Value& runs);
+
+// ---- Event tasks: their own table in the same database. ORVASchedTaskListGet never
+// returns them; their ids are their own. ----
+#define ORVA_SCHED_EVENT_BOOTUP "bootup"
+#define ORVA_SCHED_EVENT_SHUTDOWN "shutdown"
+
+struct ORVASchedEventTask {
+  long id = -1;                 // -1 until saved
+  std::string task_name;        // 1 .. ORVA_SCHED_NAME_MAX - 1 bytes
+  unsigned int owner = 0;       // uid the script runs as; must exist
+  bool enable = true;
+  std::string event;            // "bootup" or "shutdown"
+  std::string script;           // /bin/sh -c text, 0 .. ORVA_SCHED_COMMAND_MAX - 1 bytes
+};
+
+// Every event task (event NULL) or those of one event, by id. Returns the count.
+int ORVASchedEventTaskList(std::vector<ORVASchedEventTask>& tasks, const char* event);
+int ORVASchedEventTaskLoad(long id, ORVASchedEventTask& task);
+// Checks every field; an id <= 0 creates (the new id is written back), any other id
+// is stored under that id (insert or replace).
+int ORVASchedEventTaskSave(ORVASchedEventTask& task);
+int ORVASchedEventTaskRemove(long id);
+// Starts `orva-schedrun --event-task ID --trigger event` detached; returns at once.
+int ORVASchedEventTaskRun(long id);
+// Same shape as ORVASchedTaskGetRunStatus / ORVASchedTaskGetRunHistory.
+int ORVASchedEventTaskGetRunStatus(long id, Json::Value& status);
+int ORVASchedEventTaskGetRunHistory(long id, Json::Value& runs);
 #endif

@@ -1,0 +1,347 @@
+// orva-schedrun: one run of a task. Honours the concurrency flags with lock files,
+// runs the command as the task's owner in the appliance's mount namespace, and records
+// the run (start, end, exit code or signal, the tail of the output) in the store.
+#include <errno.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "core/kelc.h"
+#include "core/root.h"
+#include "scheduler/run_log.h"
+#include "scheduler/task.h"
+
+namespace {
+
+const char kSafePath[] = "/usr/orva/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+void Usage(FILE* out) {
+  fprintf(out,
+          "usage: orva-schedrun [--root DIR] ID --trigger manual|schedule|event\n"
+          "       orva-schedrun [--root DIR] --event-task ID [--trigger event]\n"
+          "Runs a stored task once, as its owner, and records the run.\n");
+}
+
+// What one run needs to know about its task.
+struct Job {
+  int kind = ORVA_SCHED_RUN_TASK;
+  long id = 0;
+  std::string command;
+  uid_t uid = 0;
+  std::string app;
+  bool canRunTaskSameTime = false;
+  bool canRunAppSameTime = true;
+};
+
+bool ParseId(const char* text, long& id) {
+  char* end = nullptr;
+  errno = 0;
+  id = strtol(text, &end, 10);
+  return errno == 0 && end != text && *end == '\0' && id > 0;
+}
+
+bool LoadJob(Job& job) {
+  if (job.kind == ORVA_SCHED_RUN_EVENT_TASK) {
+    ORVASchedEventTask t;
+    if (ORVASchedEventTaskLoad(job.id, t) != 0) return false;
+    job.command = t.script;
+    job.uid = t.owner;
+    job.app = "event-task";
+    job.canRunTaskSameTime = false;
+    return true;
+  }
+  std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)> t(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  if (!t || ORVASchedTaskLoad(job.id, t.get()) != 0) return false;
+  job.command = ORVASchedTaskGetCommand(*t);
+  // A user's task always runs as that user.
+  job.uid = ORVASchedTaskGetMarker(*t) == ORVA_SCHED_MARKER_BY_USER ? ORVASchedTaskGetRealOwner(*t)
+                                                                      : ORVASchedTaskGetOwner(*t);
+  job.app = ORVASchedTaskGetApp(*t);
+  job.canRunTaskSameTime = ORVASchedTaskIsCanRunTaskSameTime(*t);
+  job.canRunAppSameTime = ORVASchedTaskIsCanRunAppSameTime(*t);
+  return true;
+}
+
+bool MakeDirs(const std::string& dir, mode_t mode) {
+  for (size_t pos = 1; pos != std::string::npos;) {
+    pos = dir.find('/', pos + 1);
+    std::string cur = dir.substr(0, pos);
+    if (mkdir(cur.c_str(), mode) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+
+// Takes a lock file of the folder run/orva/scheduler; false when another run holds it.
+bool Lock(const std::string& name, bool exclusive, int& fd, std::string& error) {
+  std::string dir = ORVA::ORVAPathMap("/run/orva/scheduler");
+  if (!MakeDirs(dir, 0755)) {
+    error = "cannot create " + dir + ": " + strerror(errno);
+    fd = -1;
+    return false;
+  }
+  std::string path = dir + "/" + name + ".lock";
+  fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    error = "cannot open " + path + ": " + strerror(errno);
+    return false;
+  }
+  if (flock(fd, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
+    error = errno == EWOULDBLOCK ? "" : "cannot lock " + path + ": " + strerror(errno);
+    close(fd);
+    fd = -1;
+    return false;
+  }
+  return true;
+}
+
+std::string LockName(const std::string& app) {
+  std::string out = "app-";
+  for (char c : app) out += (isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-') ? c : '_';
+  return out;
+}
+
+[[noreturn]] void ChildFail(const char* what) {
+  dprintf(2, "orva-schedrun: %s: %s\n", what, strerror(errno));
+  _exit(126);
+}
+
+bool WriteFile(const char* path, const std::string& text) {
+  int fd = open(path, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  return ok;
+}
+
+// Puts the command in a private mount namespace in which $ROOT/usr/orva is /usr/orva.
+void EnterNamespace(const std::string& root, bool privileged) {
+  if (root == "/") return;
+  if (privileged) {
+    if (unshare(CLONE_NEWNS) != 0) ChildFail("unshare(CLONE_NEWNS)");
+  } else {
+    // An unprivileged runner may only run its own user's tasks; a user namespace
+    // that maps the user to itself lets it bind the folder.
+    uid_t uid = getuid();
+    gid_t gid = getgid();
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) ChildFail("unshare(CLONE_NEWUSER|CLONE_NEWNS)");
+    if (!WriteFile("/proc/self/setgroups", "deny") ||
+        !WriteFile("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1") ||
+        !WriteFile("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1")) {
+      ChildFail("user namespace map");
+    }
+  }
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) ChildFail("make mounts private");
+  std::string source = root + "/usr/orva";
+  if (!MakeDirs(source, 0755)) ChildFail("create the root's usr/orva");
+  if (!MakeDirs("/usr/orva", 0755)) ChildFail("create the mount point /usr/orva");
+  if (mount(source.c_str(), "/usr/orva", nullptr, MS_BIND | MS_REC, nullptr) != 0) ChildFail("bind /usr/orva");
+}
+
+// In the child: become the owner, or die. Never runs a command as root by mistake.
+void DropPrivileges(const struct passwd& pw) {
+  if (geteuid() != 0) {
+    if (pw.pw_uid != geteuid()) {
+      errno = EPERM;
+      ChildFail("not root: cannot run a task of another user");
+    }
+    return;
+  }
+  if (setgid(pw.pw_gid) != 0) ChildFail("setgid");
+  if (initgroups(pw.pw_name, pw.pw_gid) != 0) ChildFail("initgroups");
+  if (setuid(pw.pw_uid) != 0) ChildFail("setuid");
+  if (pw.pw_uid != 0) {
+    errno = EPERM;
+    if (getuid() != pw.pw_uid || geteuid() != pw.pw_uid || getgid() != pw.pw_gid || getegid() != pw.pw_gid) {
+      ChildFail("privileges not dropped");
+    }
+    if (setuid(0) == 0 || seteuid(0) == 0) ChildFail("root could be regained");
+  }
+}
+
+[[noreturn]] void RunChild(const Job& job, const struct passwd& pw, int outFd, const std::string& lang) {
+  setsid();
+  int devnull = open("/dev/null", O_RDONLY);
+  if (devnull < 0 || dup2(devnull, 0) < 0 || dup2(outFd, 1) < 0 || dup2(outFd, 2) < 0) _exit(126);
+  bool privileged = geteuid() == 0;
+  EnterNamespace(ORVA::ORVARootGet(), privileged);
+  DropPrivileges(pw);
+  clearenv();
+  setenv("HOME", pw.pw_dir && *pw.pw_dir ? pw.pw_dir : "/", 1);
+  setenv("USER", pw.pw_name, 1);
+  setenv("LOGNAME", pw.pw_name, 1);
+  setenv("SHELL", pw.pw_shell && *pw.pw_shell ? pw.pw_shell : "/bin/sh", 1);
+  setenv("PATH", kSafePath, 1);
+  setenv("LANG", lang.c_str(), 1);
+  if (chdir(pw.pw_dir && *pw.pw_dir ? pw.pw_dir : "/") != 0 && chdir("/") != 0) ChildFail("chdir");
+  umask(022);
+  close_range(3, ~0U, 0);
+  execl("/bin/sh", "sh", "-c", job.command.c_str(), static_cast<char*>(nullptr));
+  dprintf(2, "orva-schedrun: exec /bin/sh: %s\n", strerror(errno));
+  _exit(127);
+}
+
+// Reads the command's output until it closes, keeping the last bytes.
+std::string ReadTail(int fd) {
+  std::string out;
+  char buf[16384];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof(buf));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    out.append(buf, static_cast<size_t>(n));
+    if (out.size() > 2 * ORVA_SCHED_RUN_OUTPUT_MAX) out.erase(0, out.size() - ORVA_SCHED_RUN_OUTPUT_MAX);
+  }
+  if (out.size() > ORVA_SCHED_RUN_OUTPUT_MAX) out.erase(0, out.size() - ORVA_SCHED_RUN_OUTPUT_MAX);
+  return out;
+}
+
+int Run(Job& job, const char* trigger) {
+  const char* what = job.kind == ORVA_SCHED_RUN_TASK ? "task" : "event task";
+  if (!LoadJob(job)) {
+    syslog(LOG_ERR, "%s:%d cannot load %s %ld [0x%04X %s:%d]", "main", __LINE__, what, job.id, KELCErrGet(),
+           KELCErrorGetFile(), KELCErrorGetLine());
+    return 1;
+  }
+  struct passwd* found = getpwuid(job.uid);
+  if (!found) {
+    std::string msg = "the owner account (uid " + std::to_string(job.uid) + ") does not exist; not run";
+    syslog(LOG_ERR, "%s:%d %s %ld: %s", "main", __LINE__, what, job.id, msg.c_str());
+    ORVASchedRunRecord(job.kind, job.id, trigger, "failed", msg);
+    return 1;
+  }
+  struct passwd pw = *found;
+  std::string name = pw.pw_name, dir = pw.pw_dir ? pw.pw_dir : "", shell = pw.pw_shell ? pw.pw_shell : "";
+  pw.pw_name = name.data();
+  pw.pw_dir = dir.data();
+  pw.pw_shell = shell.data();
+
+  // The locks live as long as this process, which outlives the command.
+  int taskFd = -1, appFd = -1;
+  std::string error;
+  std::string taskLock = (job.kind == ORVA_SCHED_RUN_TASK ? "task-" : "event-task-") + std::to_string(job.id);
+  if (!job.canRunTaskSameTime && !Lock(taskLock, true, taskFd, error)) {
+    std::string msg = error.empty() ? "skipped: the previous run of this task has not finished" : error;
+    syslog(LOG_ERR, "%s:%d %s %ld: %s", "main", __LINE__, what, job.id, msg.c_str());
+    ORVASchedRunRecord(job.kind, job.id, trigger, error.empty() ? "skipped" : "failed", msg);
+    return error.empty() ? 0 : 1;
+  }
+  if (!job.app.empty() && !Lock(LockName(job.app), !job.canRunAppSameTime, appFd, error)) {
+    std::string msg = error.empty() ? "skipped: another task of " + job.app + " is running and they may not run together"
+                                    : error;
+    syslog(LOG_ERR, "%s:%d %s %ld: %s", "main", __LINE__, what, job.id, msg.c_str());
+    ORVASchedRunRecord(job.kind, job.id, trigger, error.empty() ? "skipped" : "failed", msg);
+    return error.empty() ? 0 : 1;
+  }
+
+  int64_t runId = ORVASchedRunBegin(job.kind, job.id, trigger, getpid());
+  if (runId < 0) {
+    syslog(LOG_ERR, "%s:%d cannot record the run of %s %ld [0x%04X %s:%d]", "main", __LINE__, what, job.id,
+           KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
+    return 1;
+  }
+  const char* langEnv = getenv("LANG");
+  std::string lang = langEnv && *langEnv ? langEnv : "C.UTF-8";
+  int pfd[2];
+  if (pipe2(pfd, O_CLOEXEC) != 0) {
+    ORVASchedRunEnd(runId, -1, 0, std::string("cannot create a pipe: ") + strerror(errno), "failed");
+    return 1;
+  }
+  pid_t child = fork();
+  if (child < 0) {
+    ORVASchedRunEnd(runId, -1, 0, std::string("cannot fork: ") + strerror(errno), "failed");
+    return 1;
+  }
+  if (child == 0) {
+    RunChild(job, pw, pfd[1], lang);
+  }
+  close(pfd[1]);
+  ORVASchedRunSetPid(runId, child);
+  std::string output = ReadTail(pfd[0]);
+  close(pfd[0]);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  int sig = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  const char* result = exitCode == 0 ? "success" : "failed";
+  if (ORVASchedRunEnd(runId, exitCode, sig, output, result) != 0) {
+    syslog(LOG_ERR, "%s:%d cannot record the end of %s %ld [0x%04X %s:%d]", "main", __LINE__, what, job.id,
+           KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
+    return 1;
+  }
+  if (taskFd >= 0) close(taskFd);
+  if (appFd >= 0) close(appFd);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Nothing inherited but the standard descriptors.
+  close_range(3, ~0U, 0);
+  for (int fd = 0; fd < 3; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);
+  }
+  openlog("orva-schedrun", LOG_PID | LOG_PERROR, LOG_USER);
+  signal(SIGPIPE, SIG_IGN);
+
+  static const struct option kOptions[] = {
+      {"root", required_argument, nullptr, 'r'},
+      {"trigger", required_argument, nullptr, 't'},
+      {"event-task", required_argument, nullptr, 'e'},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  Job job;
+  const char* trigger = nullptr;
+  const char* eventId = nullptr;
+  int opt;
+  while ((opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+    switch (opt) {
+      case 'r':
+        ORVA::ORVARootSet(optarg);
+        break;
+      case 't':
+        trigger = optarg;
+        break;
+      case 'e':
+        eventId = optarg;
+        break;
+      case 'h':
+        Usage(stdout);
+        return 0;
+      default:
+        Usage(stderr);
+        return 2;
+    }
+  }
+  bool ok;
+  if (eventId) {
+    job.kind = ORVA_SCHED_RUN_EVENT_TASK;
+    ok = optind == argc && ParseId(eventId, job.id);
+    if (!trigger) trigger = "event";
+  } else {
+    ok = optind + 1 == argc && ParseId(argv[optind], job.id);
+  }
+  if (!ok || !trigger ||
+      (strcmp(trigger, "manual") != 0 && strcmp(trigger, "schedule") != 0 && strcmp(trigger, "event") != 0)) {
+    Usage(stderr);
+    return 2;
+  }
+  return Run(job, trigger);
+}

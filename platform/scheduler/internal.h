@@ -1,0 +1,90 @@
+// Shared by the sources of liborvascheduler: the error macro, the database connection
+// and the record <-> row mapping.
+#pragma once
+
+#include <sqlite3.h>
+#include <syslog.h>
+
+#include <mutex>
+#include <string>
+
+#include "core/kelc.h"
+#include "scheduler/task.h"
+
+// Sets the error facility with this source file's short name and line.
+#define SCHED_ERR(code) KELCErrSetEx((code), __FILE_NAME__, __LINE__)
+
+namespace orva_sched {
+
+// The process's connection, locked for the lifetime of this object. The connection is
+// opened on first use, reopened in a child after fork() (the parent's is left alone,
+// never closed from the child) and when the system root changes.
+class Conn {
+ public:
+  Conn();
+  ~Conn();
+  Conn(const Conn&) = delete;
+  Conn& operator=(const Conn&) = delete;
+  // Null when the database could not be opened (error facility set, logged).
+  sqlite3* db() const { return db_; }
+  // BEGIN IMMEDIATE (write) or BEGIN (read); false with the error set.
+  bool Begin(bool write);
+  bool Commit();
+  void Rollback();
+
+ private:
+  std::unique_lock<std::mutex> lock_;
+  sqlite3* db_ = nullptr;
+  bool inTxn_ = false;
+};
+
+// A prepared statement, finalized on destruction.
+class Stmt {
+ public:
+  Stmt(sqlite3* db, const char* sql);
+  ~Stmt();
+  Stmt(const Stmt&) = delete;
+  Stmt& operator=(const Stmt&) = delete;
+  bool ok() const { return stmt_ != nullptr; }
+  sqlite3_stmt* get() const { return stmt_; }
+  void Bind(int i, int64_t v) { sqlite3_bind_int64(stmt_, i, v); }
+  void Bind(int i, const char* text) { sqlite3_bind_text(stmt_, i, text, -1, SQLITE_TRANSIENT); }
+  void Bind(int i, const std::string& text) {
+    sqlite3_bind_text(stmt_, i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+  }
+  void BindBlob(int i, const std::string& data) {
+    sqlite3_bind_blob(stmt_, i, data.data(), static_cast<int>(data.size()), SQLITE_TRANSIENT);
+  }
+  void BindNull(int i) { sqlite3_bind_null(stmt_, i); }
+  // SQLITE_ROW, SQLITE_DONE, or an error code (logged, error facility set).
+  int Step();
+  int64_t Int(int col) const { return sqlite3_column_int64(stmt_, col); }
+  bool IsNull(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
+  std::string Text(int col) const;
+
+ private:
+  sqlite3* db_;
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+// Logs an SQLite failure once and sets ORVA_SCHED_ERR_DATABASE.
+void DbFail(sqlite3* db, const char* what, int line);
+// Runs SQL without results; false (logged, error set) on failure.
+bool Exec(sqlite3* db, const char* sql);
+// Raises the store generation; call inside a write transaction.
+bool BumpGeneration(sqlite3* db);
+
+// Copies `text` into a fixed field; true when it fit.
+bool CopyText(char* dst, size_t size, const char* text, size_t len);
+
+// Current default schedule: daily at 00:00 from today.
+void DefaultSchedule(ORVA_SCHED_SCHEDULE& s);
+// "1,5,10" <-> counted byte list; Parse returns false on a malformed or too long list.
+std::string FormatByteList(const uint8_t* v, unsigned n);
+bool ParseByteList(const std::string& text, uint8_t* v, uint8_t& n, unsigned max, unsigned lo, unsigned hi);
+
+// Spawns `argv[0]` detached (double fork, new session, stdio on /dev/null, no other
+// descriptors) and waits only until it has been executed. False with the error set.
+bool SpawnDetached(const std::string& program, const std::vector<std::string>& args);
+
+}  // namespace orva_sched

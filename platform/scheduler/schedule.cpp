@@ -1,0 +1,184 @@
+// Schedules: validation and the next trigger time in the system time zone.
+#include <stdio.h>
+#include <time.h>
+
+#include <algorithm>
+#include <string>
+
+#include "internal.h"
+
+namespace {
+
+// Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's algorithm).
+int64_t DaysFromCivil(int64_t y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const int64_t era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<int64_t>(doe) - 719468;
+}
+
+unsigned DayOfMonth(int64_t z) {
+  z += 719468;
+  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+  const unsigned doe = static_cast<unsigned>(z - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  return doy - (153 * mp + 2) / 5 + 1;
+}
+
+// 0 = Sunday.
+unsigned Weekday(int64_t z) { return static_cast<unsigned>((z % 7 + 11) % 7); }
+
+bool IsLeap(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+
+unsigned DaysInMonth(unsigned y, unsigned m) {
+  static const unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  return m == 2 && IsLeap(y) ? 29 : kDays[m - 1];
+}
+
+long OffsetAt(time_t t) {
+  struct tm lt;
+  localtime_r(&t, &lt);
+  return lt.tm_gmtoff;
+}
+
+// The instant of a local wall time given as seconds since the epoch "as if UTC".
+// Ambiguous (clocks went back): the first occurrence. Nonexistent (clocks went
+// forward): the instant the gap ends.
+time_t WallToInstant(int64_t wall) {
+  const long offsets[] = {OffsetAt(wall - 86400), OffsetAt(wall), OffsetAt(wall + 86400)};
+  bool any = false;
+  time_t best = 0;
+  for (long o : offsets) {
+    time_t t = static_cast<time_t>(wall - o);
+    if (OffsetAt(t) == o && (!any || t < best)) {
+      best = t;
+      any = true;
+    }
+  }
+  if (any) {
+    return best;
+  }
+  // In a gap: the offset rises from lo to hi. wall - hi lies before the change and
+  // wall - lo after it; find the change.
+  long lo = *std::min_element(std::begin(offsets), std::end(offsets));
+  long hi = *std::max_element(std::begin(offsets), std::end(offsets));
+  time_t a = static_cast<time_t>(wall - hi);  // old offset here
+  time_t b = static_cast<time_t>(wall - lo);  // new offset here
+  long after = OffsetAt(b);
+  while (b - a > 1) {
+    time_t mid = a + (b - a) / 2;
+    if (OffsetAt(mid) == after) {
+      b = mid;
+    } else {
+      a = mid;
+    }
+  }
+  return (b + 59) / 60 * 60;
+}
+
+}  // namespace
+
+bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& s) {
+  auto bad = [](const char* what) {
+    syslog(LOG_ERR, "%s:%d invalid schedule: %s", __FILE_NAME__, __LINE__, what);
+    return false;
+  };
+  bool ok = true;
+  if (s.repeat > ORVA_SCHED_REPEAT_ONCE) {
+    ok = bad("repeat");
+  } else if (s.month != 0 && (s.year < 1970 || s.year > 9999 || s.month > 12 || s.day < 1 ||
+                              s.day > DaysInMonth(s.year, s.month))) {
+    ok = bad("date");
+  } else if (s.month == 0 && (s.year != 0 || s.day != 0)) {
+    ok = bad("date");
+  } else if (s.hour > 23 || s.min > 59 || s.last_work_hour > 23) {
+    ok = bad("time of day");
+  } else if (s.repeat_hour > 23 || s.repeat_min > 59) {
+    ok = bad("repeat interval");
+  } else if (s.repeat_hour && s.repeat_min) {
+    ok = bad("repeat_hour and repeat_min both set");
+  } else if ((s.week_mask & 0x80) || (s.repeat == ORVA_SCHED_REPEAT_WEEKLY && s.month && !s.week_mask)) {
+    ok = bad("week days");
+  } else if (s.n_repeat_min_cfg > ORVA_SCHED_REPEAT_CFG_MAX || s.n_repeat_hour_cfg > ORVA_SCHED_REPEAT_CFG_MAX) {
+    ok = bad("repeat config");
+  } else {
+    for (unsigned i = 0; i < s.n_repeat_min_cfg && ok; ++i) {
+      if (s.repeat_min_cfg[i] < 1 || s.repeat_min_cfg[i] > 59) ok = bad("repeat_min_store_config");
+    }
+    for (unsigned i = 0; i < s.n_repeat_hour_cfg && ok; ++i) {
+      if (s.repeat_hour_cfg[i] < 1 || s.repeat_hour_cfg[i] > 23) ok = bad("repeat_hour_store_config");
+    }
+  }
+  if (!ok) {
+    SCHED_ERR(ORVA_SCHED_ERR_INVALID);
+  }
+  return ok;
+}
+
+time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) {
+  if (s.month == 0 || s.month > 12 || s.day < 1 || s.day > 31 || s.repeat > ORVA_SCHED_REPEAT_ONCE ||
+      s.hour > 23 || s.min > 59) {
+    return -1;  // no (usable) schedule
+  }
+  tzset();
+  struct tm lt;
+  localtime_r(&after, &lt);
+  const int64_t today = DaysFromCivil(lt.tm_year + 1900, static_cast<unsigned>(lt.tm_mon + 1),
+                                      static_cast<unsigned>(lt.tm_mday));
+  const int64_t start = DaysFromCivil(s.year, s.month, s.day);
+  int64_t first = std::max(today, start);
+  int64_t last = first + 400;  // every rule repeats well within this
+  if (s.repeat == ORVA_SCHED_REPEAT_ONCE) {
+    first = last = start;
+  }
+  const unsigned step = s.repeat_min ? s.repeat_min : s.repeat_hour * 60u;
+  for (int64_t d = first; d <= last; ++d) {
+    if (s.repeat == ORVA_SCHED_REPEAT_WEEKLY && !(s.week_mask & (1u << Weekday(d)))) {
+      continue;
+    }
+    if (s.repeat == ORVA_SCHED_REPEAT_MONTHLY && DayOfMonth(d) != s.day) {
+      continue;
+    }
+    for (unsigned m = s.hour * 60u + s.min; m < 24 * 60; m += step) {
+      if (m / 60 > s.last_work_hour && m != s.hour * 60u + s.min) {
+        break;
+      }
+      time_t t = WallToInstant(d * 86400 + m * 60);
+      if (t > after) {
+        return t;
+      }
+      if (!step) {
+        break;
+      }
+    }
+  }
+  return -1;
+}
+
+time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after) {
+  return task.enabled ? ORVASchedScheduleNextTrigger(task.schedule, after) : -1;
+}
+
+std::string ORVASchedFormatTriggerTime(time_t t) {
+  if (t < 0) {
+    return "N/A";
+  }
+  struct tm lt;
+  localtime_r(&t, &lt);
+  char buf[64];
+  snprintf(buf, sizeof(buf), "%04d-%02d-%02d %02d:%02d", lt.tm_year + 1900, lt.tm_mon + 1, lt.tm_mday, lt.tm_hour,
+           lt.tm_min);
+  return buf;
+}
+
+std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now) {
+  return ORVASchedFormatTriggerTime(ORVASchedTaskNextTrigger(task, now));
+}
+
+std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task) {
+  return ORVASchedTaskGetNextTriggerTimeAt(task, time(nullptr));
+}
