@@ -42,20 +42,20 @@ bool APIRegistry::LoadModule(const std::string& path, std::string* error) {
   if (handle == nullptr) {
     const char* why = dlerror();
     if (error != nullptr) *error = why != nullptr ? why : "dlopen failed";
-    syslog(LOG_ERR, "%s:%d cannot load module %s: %s", __FILE__, __LINE__, path.c_str(), why ? why : "");
+    syslog(LOG_ERR, "%s:%d cannot load module %s: %s", __FILE_NAME__, __LINE__, path.c_str(), why ? why : "");
     return false;
   }
   auto getTable = reinterpret_cast<ORVA_GET_API_TABLE>(dlsym(handle, "GetAPITable"));
   if (getTable == nullptr) {
     if (error != nullptr) *error = "no GetAPITable in " + path;
-    syslog(LOG_ERR, "%s:%d module %s exports no GetAPITable", __FILE__, __LINE__, path.c_str());
+    syslog(LOG_ERR, "%s:%d module %s exports no GetAPITable", __FILE_NAME__, __LINE__, path.c_str());
     dlclose(handle);
     return false;
   }
   const APITableRow* table = getTable();
   if (table == nullptr) {
     if (error != nullptr) *error = "GetAPITable returned null in " + path;
-    syslog(LOG_ERR, "%s:%d module %s returned no table", __FILE__, __LINE__, path.c_str());
+    syslog(LOG_ERR, "%s:%d module %s returned no table", __FILE_NAME__, __LINE__, path.c_str());
     dlclose(handle);
     return false;
   }
@@ -69,7 +69,7 @@ void APIRegistry::RegisterTable(const APITableRow* table) {
   for (const APITableRow* r = table; r->api != nullptr || r->version != 0 || r->method != nullptr || r->func != nullptr;
        ++r) {
     if (r->api == nullptr || r->method == nullptr || r->func == nullptr) {
-      syslog(LOG_ERR, "%s:%d skipping an incomplete table row (%s v%d %s)", __FILE__, __LINE__,
+      syslog(LOG_ERR, "%s:%d skipping an incomplete table row (%s v%d %s)", __FILE_NAME__, __LINE__,
              r->api ? r->api : "(null)", r->version, r->method ? r->method : "(null)");
       continue;
     }
@@ -77,7 +77,7 @@ void APIRegistry::RegisterTable(const APITableRow* table) {
       return x.version == r->version && strcmp(x.api, r->api) == 0 && strcmp(x.method, r->method) == 0;
     });
     if (duplicate) {
-      syslog(LOG_WARNING, "%s:%d %s v%d %s is registered already; the first stays", __FILE__, __LINE__, r->api,
+      syslog(LOG_WARNING, "%s:%d %s v%d %s is registered already; the first stays", __FILE_NAME__, __LINE__, r->api,
              r->version, r->method);
       continue;
     }
@@ -88,7 +88,7 @@ void APIRegistry::RegisterTable(const APITableRow* table) {
 int APIRegistry::LoadDirectory(const std::string& dir) {
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) {
-    syslog(LOG_ERR, "%s:%d cannot open module folder %s: %m", __FILE__, __LINE__, dir.c_str());
+    syslog(LOG_ERR, "%s:%d cannot open module folder %s: %m", __FILE_NAME__, __LINE__, dir.c_str());
     return 0;
   }
   std::vector<std::string> names;
@@ -127,7 +127,7 @@ bool APIRegistry::ParseAuth(const std::string& text, APIAuth* auth) {
 bool APIRegistry::LoadDescriptor(const std::string& path, std::string* error) {
   auto fail = [&](const std::string& why) {
     if (error != nullptr) *error = why;
-    syslog(LOG_ERR, "%s:%d descriptor %s: %s; its APIs stay admin-only", __FILE__, __LINE__, path.c_str(),
+    syslog(LOG_ERR, "%s:%d descriptor %s: %s; its APIs stay admin-only", __FILE_NAME__, __LINE__, path.c_str(),
            why.c_str());
     return false;
   };
@@ -218,21 +218,21 @@ Json::Value APIRegistry::Call(const APITableRow& row, APIRequest& request, APIRe
     row.func(&request, response);
   } catch (const std::exception& e) {
     threw = true;
-    syslog(LOG_ERR, "%s:%d %s v%d %s threw: %s", __FILE__, __LINE__, row.api, row.version, row.method, e.what());
+    syslog(LOG_ERR, "%s:%d %s v%d %s threw: %s", __FILE_NAME__, __LINE__, row.api, row.version, row.method, e.what());
   } catch (...) {
     threw = true;
-    syslog(LOG_ERR, "%s:%d %s v%d %s threw", __FILE__, __LINE__, row.api, row.version, row.method);
+    syslog(LOG_ERR, "%s:%d %s v%d %s threw", __FILE_NAME__, __LINE__, row.api, row.version, row.method);
   }
   tlsCurrent = outer;
   if (threw || response->GetReplyCount() == 0) {
     if (!threw) {
-      syslog(LOG_ERR, "%s:%d %s v%d %s wrote no reply", __FILE__, __LINE__, row.api, row.version, row.method);
+      syslog(LOG_ERR, "%s:%d %s v%d %s wrote no reply", __FILE_NAME__, __LINE__, row.api, row.version, row.method);
     }
     *frameworkError = WEBAPI_ERR_MODULE_FAILED;
     return ErrorEnvelope(WEBAPI_ERR_MODULE_FAILED);
   }
   if (response->GetReplyCount() > 1) {
-    syslog(LOG_ERR, "%s:%d %s v%d %s replied %d times; the first reply stands", __FILE__, __LINE__, row.api,
+    syslog(LOG_ERR, "%s:%d %s v%d %s replied %d times; the first reply stands", __FILE_NAME__, __LINE__, row.api,
            row.version, row.method, response->GetReplyCount());
   }
   return response->GetEnvelope();

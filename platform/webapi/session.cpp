@@ -40,7 +40,7 @@ std::string WebRandomHex(size_t bytes) {
     ssize_t n = getrandom(raw.data() + got, bytes - got, 0);
     if (n < 0) {
       if (errno == EINTR) continue;
-      syslog(LOG_ERR, "%s:%d getrandom failed: %m", __FILE__, __LINE__);
+      syslog(LOG_ERR, "%s:%d getrandom failed: %m", __FILE_NAME__, __LINE__);
       KELC_ERR_SET(KELC_ERR_IO);
       return "";
     }
@@ -93,7 +93,7 @@ int SessionStore::IdleTimeout() {
     char* end = nullptr;
     long n = strtol(v.c_str(), &end, 10);
     if (end == v.c_str() || *end != '\0' || n <= 0 || n > 365L * 86400) {
-      syslog(LOG_ERR, "%s:%d bad session_idle_timeout \"%s\"; using 1800", __FILE__, __LINE__, v.c_str());
+      syslog(LOG_ERR, "%s:%d bad session_idle_timeout \"%s\"; using 1800", __FILE_NAME__, __LINE__, v.c_str());
       n = 1800;
     }
     idle_ = static_cast<int>(n);
@@ -109,13 +109,16 @@ bool SessionStore::Open() {
   }
   std::string dir = ORVAPathMap("/var/lib/orva");
   std::string path = dir + "/sessions.db";
+  for (size_t slash = 1; slash != std::string::npos; slash = dir.find('/', slash + 1)) {
+    mkdir(dir.substr(0, slash).c_str(), 0755);
+  }
   mkdir(dir.c_str(), 0755);
   mode_t old = umask(077);
   int rc = sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                            nullptr);
   umask(old);
   if (rc != SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d cannot open %s: %s", __FILE__, __LINE__, path.c_str(),
+    syslog(LOG_ERR, "%s:%d cannot open %s: %s", __FILE_NAME__, __LINE__, path.c_str(),
            db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
     sqlite3_close_v2(db_);
     db_ = nullptr;
@@ -127,7 +130,7 @@ bool SessionStore::Open() {
   char* err = nullptr;
   if (sqlite3_exec(db_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr, nullptr, &err) != SQLITE_OK ||
       sqlite3_exec(db_, kSchema, nullptr, nullptr, &err) != SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d cannot prepare %s: %s", __FILE__, __LINE__, path.c_str(), err ? err : "");
+    syslog(LOG_ERR, "%s:%d cannot prepare %s: %s", __FILE_NAME__, __LINE__, path.c_str(), err ? err : "");
     sqlite3_free(err);
     Close();
     KELC_ERR_SET(KELC_ERR_DATABASE);
@@ -166,7 +169,7 @@ bool SessionStore::Create(const std::string& user, const std::string& lang, WebS
     ok = sqlite3_step(st) == SQLITE_DONE;
   }
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d cannot store a session: %s", __FILE__, __LINE__, sqlite3_errmsg(db_));
+    syslog(LOG_ERR, "%s:%d cannot store a session: %s", __FILE_NAME__, __LINE__, sqlite3_errmsg(db_));
     KELC_ERR_SET(KELC_ERR_DATABASE);
   }
   sqlite3_finalize(st);
@@ -179,7 +182,7 @@ bool SessionStore::Lookup(const std::string& id, WebSession* out) {
   sqlite3_stmt* st = nullptr;
   if (sqlite3_prepare_v2(db_, "SELECT user, csrf, lang, last_seen FROM sessions WHERE id = ?", -1, &st, nullptr) !=
       SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d session lookup failed: %s", __FILE__, __LINE__, sqlite3_errmsg(db_));
+    syslog(LOG_ERR, "%s:%d session lookup failed: %s", __FILE_NAME__, __LINE__, sqlite3_errmsg(db_));
     KELC_ERR_SET(KELC_ERR_DATABASE);
     return false;
   }
@@ -187,7 +190,7 @@ bool SessionStore::Lookup(const std::string& id, WebSession* out) {
   int rc = sqlite3_step(st);
   if (rc != SQLITE_ROW) {
     if (rc != SQLITE_DONE) {
-      syslog(LOG_ERR, "%s:%d session lookup failed: %s", __FILE__, __LINE__, sqlite3_errmsg(db_));
+      syslog(LOG_ERR, "%s:%d session lookup failed: %s", __FILE_NAME__, __LINE__, sqlite3_errmsg(db_));
     }
     sqlite3_finalize(st);
     KELC_ERR_SET(KELC_ERR_NOT_FOUND);
@@ -212,7 +215,7 @@ bool SessionStore::Lookup(const std::string& id, WebSession* out) {
       sqlite3_bind_int64(up, 1, now);
       sqlite3_bind_text(up, 2, id.c_str(), -1, SQLITE_TRANSIENT);
       if (sqlite3_step(up) != SQLITE_DONE) {
-        syslog(LOG_ERR, "%s:%d cannot mark session used: %s", __FILE__, __LINE__, sqlite3_errmsg(db_));
+        syslog(LOG_ERR, "%s:%d cannot mark session used: %s", __FILE_NAME__, __LINE__, sqlite3_errmsg(db_));
       }
     }
     sqlite3_finalize(up);
@@ -230,7 +233,7 @@ bool SessionStore::Remove(const std::string& id) {
     ok = sqlite3_step(st) == SQLITE_DONE;
   }
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d cannot remove a session: %s", __FILE__, __LINE__, sqlite3_errmsg(db_));
+    syslog(LOG_ERR, "%s:%d cannot remove a session: %s", __FILE_NAME__, __LINE__, sqlite3_errmsg(db_));
     KELC_ERR_SET(KELC_ERR_DATABASE);
   }
   sqlite3_finalize(st);

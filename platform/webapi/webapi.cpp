@@ -91,7 +91,7 @@ APIParameter<Json::Value> APIRequest::GetAndCheckArray(const std::string& name, 
 
 void APIResponse::SetSuccess(const Json::Value& data) {
   if (replies_++ > 0) {
-    syslog(LOG_ERR, "%s:%d module replied more than once; the first reply stands", __FILE__, __LINE__);
+    syslog(LOG_ERR, "%s:%d module replied more than once; the first reply stands", __FILE_NAME__, __LINE__);
     return;
   }
   success_ = true;
@@ -101,7 +101,7 @@ void APIResponse::SetSuccess(const Json::Value& data) {
 
 void APIResponse::SetError(int code, const Json::Value& data) {
   if (replies_++ > 0) {
-    syslog(LOG_ERR, "%s:%d module replied more than once; the first reply stands", __FILE__, __LINE__);
+    syslog(LOG_ERR, "%s:%d module replied more than once; the first reply stands", __FILE_NAME__, __LINE__);
     return;
   }
   success_ = false;
@@ -147,7 +147,7 @@ Json::Value ErrorEnvelope(int code) {
 void APIRunner::Exec(Json::Value& result, const char* api, int version, const char* method, const Json::Value& params,
                      const char* user) {
   if (api == nullptr || method == nullptr) {
-    syslog(LOG_ERR, "%s:%d in-process call without API or method", __FILE__, __LINE__);
+    syslog(LOG_ERR, "%s:%d in-process call without API or method", __FILE_NAME__, __LINE__);
     result = ErrorEnvelope(WEBAPI_ERR_BAD_REQUEST);
     return;
   }
