@@ -5,7 +5,7 @@ pkgs=(
   build-essential cmake ninja-build pkg-config
   libjsoncpp-dev libboost-dev libsqlite3-dev libpam0g-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  sqlite3 wrk util-linux passwd procps psmisc curl
+  sqlite3 wrk util-linux passwd procps psmisc curl nodejs
 )
 missing=()
 for p in "${pkgs[@]}"; do

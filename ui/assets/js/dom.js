@@ -1,0 +1,90 @@
+// Small DOM helpers: element building (text only, never HTML from data), icons,
+// modal dialogs that give focus back, and toasts.
+
+export function h(tag, attrs = {}, ...children) {
+  const el = document.createElement(tag);
+  for (const [k, v] of Object.entries(attrs ?? {})) {
+    if (v === undefined || v === null || v === false) continue;
+    if (k === 'class') el.className = v;
+    else if (k === 'text') el.textContent = v;
+    else if (k.startsWith('on') && typeof v === 'function') el.addEventListener(k.slice(2), v);
+    else if (k in el && typeof v !== 'string') el[k] = v;
+    else el.setAttribute(k, v === true ? '' : v);
+  }
+  append(el, children);
+  return el;
+}
+
+function append(el, children) {
+  for (const c of children) {
+    if (c === null || c === undefined || c === false) continue;
+    if (Array.isArray(c)) append(el, c);
+    else el.append(c instanceof Node ? c : document.createTextNode(String(c)));
+  }
+}
+
+const SVG_NS = 'http://www.w3.org/2000/svg';
+export function icon(name) {
+  const svg = document.createElementNS(SVG_NS, 'svg');
+  svg.setAttribute('aria-hidden', 'true');
+  const use = document.createElementNS(SVG_NS, 'use');
+  use.setAttribute('href', `#i-${name}`);
+  svg.append(use);
+  return svg;
+}
+
+let uid = 0;
+export const nextId = (prefix) => `${prefix}-${++uid}`;
+
+// Opens a modal dialog and returns focus to the element that had it once it closes.
+export function openModal(dialog, onClose) {
+  const opener = document.activeElement;
+  const closed = () => {
+    dialog.removeEventListener('close', closed);
+    if (onClose) onClose();
+    if (opener && opener.isConnected && typeof opener.focus === 'function') opener.focus();
+  };
+  dialog.addEventListener('close', closed);
+  if (!dialog.open) dialog.showModal();
+}
+
+export function wireCloseButtons(dialog) {
+  dialog.addEventListener('click', (ev) => {
+    if (ev.target.closest('[data-close]')) dialog.close('cancel');
+  });
+}
+
+// Applies the page's texts to the static markup: data-t (text), data-t-aria
+// (aria-label) and data-t-title (title).
+export function applyTexts(root, t) {
+  for (const el of root.querySelectorAll('[data-t]')) el.textContent = t(el.dataset.t);
+  for (const el of root.querySelectorAll('[data-t-aria]')) el.setAttribute('aria-label', t(el.dataset.tAria));
+  for (const el of root.querySelectorAll('[data-t-title]')) el.title = t(el.dataset.tTitle);
+}
+
+export class Toaster {
+  constructor(container, t) {
+    this.container = container;
+    this.t = t;
+  }
+
+  show(message, { error = false, timeout } = {}) {
+    const close = h('button', { type: 'button', class: 'btn ghost icon', 'aria-label': this.t('toast.dismiss') }, icon('x'));
+    const toast = h('div', { class: error ? 'toast error' : 'toast', role: error ? 'alert' : 'status' },
+      h('span', { class: 'msg', text: message }), close);
+    const remove = () => toast.remove();
+    close.addEventListener('click', remove);
+    this.container.append(toast);
+    const ms = timeout ?? (error ? 0 : 4000);
+    if (ms > 0) setTimeout(remove, ms);
+    return toast;
+  }
+
+  error(message) {
+    return this.show(message, { error: true });
+  }
+
+  clear() {
+    this.container.replaceChildren();
+  }
+}

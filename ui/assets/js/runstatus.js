@@ -1,0 +1,67 @@
+// The run status of "view" ({id, running, pid, last_run}) as the result dialog shows it.
+
+// Seconds since the epoch from a time as the store writes it: a number of seconds, or a
+// text "YYYY-MM-DD HH:MM[:SS]" in local time (a "T" or a zone suffix is accepted too).
+export function timeToEpoch(value) {
+  if (Number.isFinite(value)) return value;
+  if (typeof value !== 'string' || value === '') return null;
+  const m = /^(\d{4})-(\d{2})-(\d{2})[ T](\d{2}):(\d{2})(?::(\d{2})(?:\.\d+)?)?(Z|[+-]\d{2}:?\d{2})?$/.exec(value.trim());
+  if (!m) return null;
+  if (m[7]) {
+    const ms = Date.parse(value.trim().replace(' ', 'T'));
+    return Number.isNaN(ms) ? null : ms / 1000;
+  }
+  const d = new Date(+m[1], +m[2] - 1, +m[3], +m[4], +m[5], +(m[6] ?? 0));
+  return d.getTime() / 1000;
+}
+
+export function formatDuration(seconds) {
+  if (!Number.isFinite(seconds) || seconds < 0) return '';
+  const s = Math.round(seconds);
+  if (s < 60) return `${s} s`;
+  const h = Math.floor(s / 3600);
+  const min = Math.floor((s % 3600) / 60);
+  const sec = s % 60;
+  if (h > 0) return `${h} h ${min} min`;
+  return sec ? `${min} min ${sec} s` : `${min} min`;
+}
+
+const pad2 = (n) => String(n).padStart(2, '0');
+
+// A time for display: "YYYY-MM-DD HH:MM:SS" in local time.
+export function formatTimestamp(value) {
+  const epoch = timeToEpoch(value);
+  if (epoch === null) return typeof value === 'string' ? value : '';
+  const d = new Date(epoch * 1000);
+  return `${d.getFullYear()}-${pad2(d.getMonth() + 1)}-${pad2(d.getDate())} ${pad2(d.getHours())}:${pad2(d.getMinutes())}:${pad2(d.getSeconds())}`;
+}
+
+// {running, pid, last} where last is null when the task never ran, else
+// {trigger, start, end, duration, exitCode, signal, result, output}.
+export function describeRunStatus(status) {
+  const s = status && typeof status === 'object' ? status : {};
+  const out = { running: s.running === true, pid: Number.isInteger(s.pid) ? s.pid : null, last: null };
+  const lr = s.last_run;
+  if (lr && typeof lr === 'object') {
+    const start = timeToEpoch(lr.start);
+    const end = timeToEpoch(lr.end);
+    out.last = {
+      trigger: typeof lr.trigger === 'string' ? lr.trigger : '',
+      start: lr.start ? formatTimestamp(lr.start) : '',
+      end: lr.end ? formatTimestamp(lr.end) : '',
+      duration: start !== null && end !== null && end >= start ? formatDuration(end - start) : '',
+      exitCode: Number.isInteger(lr.exit_code) ? lr.exit_code : null,
+      signal: Number.isInteger(lr.signal) && lr.signal > 0 ? lr.signal : null,
+      result: typeof lr.result === 'string' ? lr.result : '',
+      output: typeof lr.output === 'string' ? lr.output : '',
+    };
+  }
+  return out;
+}
+
+// Whether the dialog should ask again: while the task runs, and shortly after a start
+// that the status does not show yet (the run is detached and may lag a moment).
+export function shouldPoll(desc, startedAt, now, graceMs = 5000) {
+  if (desc.running) return true;
+  return startedAt !== null && now - startedAt < graceMs;
+}

@@ -1,0 +1,227 @@
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import {
+  taskToForm, formToParams, parseIntIn, parseExtensions, badExtension, cleanShareName,
+  serviceLabel, isEditableKind, KINDS,
+} from '../assets/js/kinds.js';
+import { translator } from '../assets/js/i18n.js';
+
+const TODAY = '2025-03-10';
+const schedule = {
+  repeat_date: 'daily', date: '2025-03-10', week_day: '', hour: 0, minute: 0, repeat_hour: 0, repeat_min: 0,
+  last_work_hour: 23, repeat_min_store_config: [1, 5], repeat_hour_store_config: [1, 2],
+};
+
+// Task objects as "get" answers them for a new task of each kind.
+const fresh = {
+  script: { id: -1, name: '', owner: 'root', enable: true, type: 'script', can_edit_name: true, can_edit_owner: true, schedule, extra: { script: '' } },
+  beep: { id: -1, name: '', owner: 'root', enable: true, type: 'beep', can_edit_name: true, can_edit_owner: false, schedule, extra: { beep_duration: '60' } },
+  recycle: {
+    id: -1, name: '', owner: 'root', enable: true, type: 'recycle', can_edit_name: true, can_edit_owner: false, schedule,
+    extra: { clean_share_policy: { clean_all: true, shares: null }, clean_file_policy: { policy: 'clean_all', reserve_policy: { size_greater_check: false, size_smaller_check: false, extension_check: false } } },
+  },
+  service: {
+    id: -1, name: '', owner: 'root', enable: true, type: 'service', can_edit_name: true, can_edit_owner: false, schedule,
+    extra: {
+      action: 'stop',
+      services: [
+        { type: 'service', id: 'WinShare', name: 'WinShare', enable: false },
+        { type: 'service', id: 'ClockServer', name: 'ClockServer', enable: false },
+        { type: 'package', id: 'mediad', name: 'Media Server', enable: false },
+      ],
+    },
+  },
+};
+
+const save = (kind, task, edit, isNew = false) => {
+  const form = taskToForm(task, kind, TODAY);
+  edit(form);
+  return formToParams(form, task, kind, isNew);
+};
+
+test('parseIntIn takes whole numbers in range only', () => {
+  const cases = [
+    ['1', 1, 600, 1], ['600', 1, 600, 600], [' 42 ', 1, 600, 42], [42, 1, 600, 42], ['0', 1, 600, null], ['601', 1, 600, null],
+    ['-5', 1, 600, null], ['1.5', 1, 600, null], ['1e2', 1, 600, null], ['', 1, 600, null], ['abc', 1, 600, null],
+    [undefined, 1, 600, null], ['2147483647', 1, 2147483647, 2147483647], ['2147483648', 1, 2147483647, null],
+    ['99999999999999999999', 1, 2147483647, null], ['0x10', 0, 100, null],
+  ];
+  for (const [text, lo, hi, want] of cases) assert.equal(parseIntIn(text, lo, hi), want, String(text));
+});
+
+test('every creatable kind has an editor; other apps are not edited here', () => {
+  for (const k of KINDS) assert.equal(isEditableKind(k), true, k);
+  for (const k of ['custom', 'report', 'backup', 'power', 'zemupdate', 'event_script', '', 'toString', '__proto__']) {
+    assert.equal(isEditableKind(k), false, k);
+  }
+});
+
+test('create parameters for each kind', () => {
+  const edits = {
+    script: (f) => { f.app.script = 'echo a; echo b\nexit 3'; },
+    beep: (f) => { f.app.duration = '15'; },
+    recycle: () => {},
+    service: (f) => { f.app.action = 'start'; f.app.services[2].enable = true; },
+  };
+  const wantExtra = {
+    script: { script: 'echo a; echo b\nexit 3' },
+    beep: { beep_duration: 15 },
+    recycle: {
+      clean_share_policy: { clean_all: true, shares: [] },
+      clean_file_policy: { policy: 'clean_all', reserve_policy: { size_greater_check: false, size_smaller_check: false, extension_check: false } },
+    },
+    service: {
+      action: 'start',
+      services: [
+        { type: 'service', id: 'WinShare', name: 'WinShare', enable: false },
+        { type: 'service', id: 'ClockServer', name: 'ClockServer', enable: false },
+        { type: 'package', id: 'mediad', name: 'Media Server', enable: true },
+      ],
+    },
+  };
+  for (const kind of KINDS) {
+    const { params, errors } = save(kind, fresh[kind], (f) => { f.name = `  ${kind} task `; edits[kind](f); }, true);
+    assert.deepEqual(errors, {}, kind);
+    assert.equal(params.type, kind);
+    assert.equal('id' in params, false, `${kind}: a new task carries no id`);
+    assert.equal('real_owner' in params, false);
+    assert.equal(params.name, `${kind} task`);
+    assert.equal(params.owner, 'root');
+    assert.equal(params.enable, true);
+    assert.equal(params.schedule.repeat_date, 'daily');
+    assert.deepEqual(params.extra, wantExtra[kind], kind);
+  }
+});
+
+test('set parameters name the task and its real owner', () => {
+  const task = { ...fresh.beep, id: 12, name: 'Nightly beep', real_owner: 'alice', owner: 'alice', extra: { beep_duration: 900, note: 'x' } };
+  const { params, errors } = save('beep', task, (f) => { f.enable = false; f.app.duration = '600'; });
+  assert.deepEqual(errors, {});
+  assert.equal(params.id, 12);
+  assert.equal(params.real_owner, 'alice');
+  assert.equal(params.enable, false);
+  assert.equal('type' in params, false);
+  // Members of the stored object that the form does not show survive.
+  assert.deepEqual(params.extra, { beep_duration: 600, note: 'x' });
+
+  const sys = save('beep', { ...task, real_owner: '' }, () => {}).params;
+  assert.equal('real_owner' in sys, false, 'a system task is named without real_owner');
+});
+
+test('common part: name and owner rules', () => {
+  const cases = [
+    { name: 'empty name', kind: 'beep', edit: (f) => { f.name = '   '; }, errors: ['name'] },
+    { name: 'owner kept when not editable', kind: 'beep', edit: (f) => { f.name = 'b'; f.owner = 'mallory'; }, want: { owner: 'root' } },
+    { name: 'script owner editable', kind: 'script', edit: (f) => { f.name = 's'; f.owner = ' alice '; f.app.script = 'true'; }, want: { owner: 'alice' } },
+    { name: 'script owner required', kind: 'script', edit: (f) => { f.name = 's'; f.owner = ''; f.app.script = 'true'; }, errors: ['owner'] },
+    { name: 'empty script', kind: 'script', edit: (f) => { f.name = 's'; f.app.script = ' \n '; }, errors: ['app.script'] },
+    { name: 'schedule errors are prefixed', kind: 'beep', edit: (f) => { f.name = 'b'; f.schedule.repeat = 'weekly'; f.schedule.weekDays = []; }, errors: ['schedule.weekDays'] },
+  ];
+  for (const c of cases) {
+    const { params, errors } = save(c.kind, fresh[c.kind], c.edit, true);
+    if (c.errors) assert.deepEqual(Object.keys(errors).sort(), c.errors, c.name);
+    else {
+      assert.deepEqual(errors, {}, c.name);
+      for (const [k, v] of Object.entries(c.want)) assert.equal(params[k], v, c.name);
+    }
+  }
+  // A name the task does not let the user change stays as stored.
+  const locked = { ...fresh.beep, id: 5, name: 'System beep', can_edit_name: false };
+  const { params, errors } = save('beep', locked, (f) => { f.name = ''; });
+  assert.deepEqual(errors, {});
+  assert.equal(params.name, 'System beep');
+});
+
+test('beep duration: the stored text or number shows, only 1..600 saves', () => {
+  const shown = [['60', '60'], [900, '900'], [' 7 ', '7'], ['abc', '60'], [undefined, '60'], [null, '60'], [1.5, '60']];
+  for (const [stored, want] of shown) {
+    assert.equal(taskToForm({ ...fresh.beep, extra: { beep_duration: stored } }, 'beep', TODAY).app.duration, want, String(stored));
+  }
+  for (const [typed, ok] of [['1', true], ['600', true], ['0', false], ['601', false], ['-5', false], ['2.5', false], ['', false]]) {
+    const { errors, params } = save('beep', fresh.beep, (f) => { f.name = 'b'; f.app.duration = typed; });
+    assert.equal(Object.keys(errors).length === 0, ok, typed);
+    if (ok) assert.equal(params.extra.beep_duration, Number(typed));
+    else assert.deepEqual(errors['app.duration'], { key: 'val.int_range', vars: { min: 1, max: 600 } });
+  }
+});
+
+test('recycle form reads a stored task and writes it back the same', () => {
+  const extra = {
+    clean_share_policy: { clean_all: false, shares: ['docs', 'media'] },
+    clean_file_policy: {
+      policy: 'size', size: 100, sort_type: 0,
+      reserve_policy: { size_greater_check: true, size_greater: 50, size_smaller_check: false, extension_check: true, extension: [{ file_ext: 'doc' }, { file_ext: 'pdf' }] },
+    },
+  };
+  const task = { ...fresh.recycle, id: 9, name: 'Clean', extra };
+  const form = taskToForm(task, 'recycle', TODAY).app;
+  assert.deepEqual(form, {
+    cleanAll: false, shares: ['docs', 'media'], policy: 'size', size: '100', sortType: 0, time: '',
+    keepGreater: true, greater: '50', keepSmaller: false, smaller: '', keepExt: true, extensions: 'doc, pdf',
+    enableBins: false, includeHome: false,
+  });
+  const { params, errors } = save('recycle', task, () => {});
+  assert.deepEqual(errors, {});
+  assert.deepEqual(params.extra, extra);
+});
+
+test('recycle form: policies, exceptions and the recycle bin switch', () => {
+  const cases = [
+    { name: 'by age', edit: (a) => { a.policy = 'time'; a.time = '30'; }, check: (x) => assert.deepEqual([x.clean_file_policy.policy, x.clean_file_policy.time], ['time', 30]) },
+    { name: 'by size, oldest first', edit: (a) => { a.policy = 'size'; a.size = '2048'; a.sortType = 1; }, check: (x) => assert.deepEqual([x.clean_file_policy.size, x.clean_file_policy.sort_type], [2048, 1]) },
+    { name: 'size missing', edit: (a) => { a.policy = 'size'; a.size = ''; }, errors: ['app.size'] },
+    { name: 'age zero', edit: (a) => { a.policy = 'time'; a.time = '0'; }, errors: ['app.time'] },
+    { name: 'a number of a policy not chosen is not checked', edit: (a) => { a.policy = 'clean_all'; a.size = 'x'; a.time = '-1'; }, check: (x) => assert.deepEqual(x.clean_file_policy, { policy: 'clean_all', reserve_policy: { size_greater_check: false, size_smaller_check: false, extension_check: false } }) },
+    { name: 'selected shares required', edit: (a) => { a.cleanAll = false; a.shares = []; }, errors: ['app.shares'] },
+    { name: 'keep smaller needs a size', edit: (a) => { a.keepSmaller = true; a.smaller = ''; }, errors: ['app.smaller'] },
+    { name: 'keep greater', edit: (a) => { a.keepGreater = true; a.greater = '4096'; }, check: (x) => assert.deepEqual([x.clean_file_policy.reserve_policy.size_greater_check, x.clean_file_policy.reserve_policy.size_greater], [true, 4096]) },
+    { name: 'extensions', edit: (a) => { a.keepExt = true; a.extensions = '.tmp, bak;log  tmp'; }, check: (x) => assert.deepEqual(x.clean_file_policy.reserve_policy.extension, [{ file_ext: 'tmp' }, { file_ext: 'bak' }, { file_ext: 'log' }]) },
+    { name: 'extension with a dot', edit: (a) => { a.keepExt = true; a.extensions = 'tar.gz'; }, errors: ['app.extensions'] },
+    { name: 'no extension given', edit: (a) => { a.keepExt = true; a.extensions = ' , '; }, errors: ['app.extensions'] },
+    { name: 'bins of all shares', edit: (a) => { a.enableBins = true; }, check: (x) => assert.equal(x.enableRecycle, 'all') },
+    { name: 'bins of all shares and homes', edit: (a) => { a.enableBins = true; a.includeHome = true; }, check: (x) => assert.equal(x.enableRecycle, 'all_include_home') },
+    { name: 'bins of the selected shares', edit: (a) => { a.enableBins = true; a.includeHome = true; a.cleanAll = false; a.shares = ['docs']; }, check: (x) => assert.deepEqual([x.enableRecycle, x.clean_share_policy], ['select', { clean_all: false, shares: ['docs'] }]) },
+    { name: 'no switch, no enableRecycle', edit: () => {}, check: (x) => assert.equal('enableRecycle' in x, false) },
+  ];
+  for (const c of cases) {
+    const task = { ...fresh.recycle, extra: { ...fresh.recycle.extra, enableRecycle: 'all' } };
+    const { params, errors } = save('recycle', task, (f) => { f.name = 'r'; c.edit(f.app); }, true);
+    if (c.errors) assert.deepEqual(Object.keys(errors), c.errors, c.name);
+    else {
+      assert.deepEqual(errors, {}, c.name);
+      c.check(params.extra);
+    }
+  }
+  const bad = save('recycle', fresh.recycle, (f) => { f.name = 'r'; f.app.keepExt = true; f.app.extensions = 'ok, b|d'; }, true).errors;
+  assert.deepEqual(bad['app.extensions'], { key: 'val.extension', vars: { ext: 'b|d' } });
+});
+
+test('extension and share name helpers', () => {
+  assert.deepEqual(parseExtensions(''), []);
+  assert.deepEqual(parseExtensions('..doc'), ['doc']);
+  for (const c of '^.\\?/:*`$"><| ') assert.equal(badExtension(`a${c}b`), true, JSON.stringify(c));
+  for (const ok of ['doc', 'tar-gz', 'x_1', 'ÄÖ']) assert.equal(badExtension(ok), false, ok);
+  assert.equal(badExtension('a\tb'), true);
+  assert.equal(cleanShareName('  photos  '), 'photos');
+  assert.equal(cleanShareName('my share'), 'my share');
+  for (const bad of ['', '   ', 'a/b', 'a\nb']) assert.equal(cleanShareName(bad), null, JSON.stringify(bad));
+});
+
+test('service form: selection, action and labels', () => {
+  const form = taskToForm(fresh.service, 'service', TODAY).app;
+  assert.equal(form.action, 'stop');
+  assert.equal(form.services.length, 3);
+  const none = save('service', fresh.service, (f) => { f.name = 's'; }, true);
+  assert.deepEqual(Object.keys(none.errors), ['app.services']);
+
+  const stored = { ...fresh.service, extra: { action: 'start', services: [{ type: 'package', id: 'p', name: 'P', enable: true }, { id: 7 }, null] } };
+  const f2 = taskToForm(stored, 'service', TODAY).app;
+  assert.equal(f2.action, 'start');
+  assert.deepEqual(f2.services, [{ type: 'package', id: 'p', name: 'P', enable: true }]);
+
+  const t = translator('en');
+  assert.equal(serviceLabel({ type: 'service', id: 'WinShare', name: 'WinShare' }, t), 'Windows file service (SMB)');
+  assert.equal(serviceLabel({ type: 'service', id: 'NewThing', name: 'NewThing' }, t), 'NewThing');
+  assert.equal(serviceLabel({ type: 'package', id: 'mediad', name: 'Media Server' }, t), 'Media Server');
+  assert.equal(serviceLabel({ type: 'package', id: 'mediad', name: '' }, t), 'mediad');
+});

@@ -1,0 +1,54 @@
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { describeRunStatus, timeToEpoch, formatDuration, formatTimestamp, shouldPoll } from '../assets/js/runstatus.js';
+
+test('run status: never run, running, finished, killed', () => {
+  assert.deepEqual(describeRunStatus({ id: 3, running: false, pid: null, last_run: null }), { running: false, pid: null, last: null });
+  assert.deepEqual(describeRunStatus(null), { running: false, pid: null, last: null });
+
+  const running = describeRunStatus({ id: 3, running: true, pid: 4242, last_run: null });
+  assert.deepEqual([running.running, running.pid], [true, 4242]);
+
+  const done = describeRunStatus({
+    id: 3, running: false, pid: null,
+    last_run: { trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', exit_code: 3, signal: null, output: 'a\nb\n', result: 'failed' },
+  });
+  assert.deepEqual(done.last, {
+    trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', duration: '2 min 5 s',
+    exitCode: 3, signal: null, result: 'failed', output: 'a\nb\n',
+  });
+
+  const killed = describeRunStatus({ running: false, last_run: { start: 100, end: 100, exit_code: null, signal: 9, result: 'failed', output: null } });
+  assert.equal(killed.last.signal, 9);
+  assert.equal(killed.last.exitCode, null);
+  assert.equal(killed.last.output, '');
+  assert.equal(killed.last.duration, '0 s');
+
+  const ongoing = describeRunStatus({ running: true, pid: 7, last_run: { start: '2025-03-10 12:00:00', end: null, result: '' } });
+  assert.equal(ongoing.last.end, '');
+  assert.equal(ongoing.last.duration, '');
+});
+
+test('times and durations', () => {
+  const local = new Date(2025, 0, 2, 3, 4, 5).getTime() / 1000;
+  const cases = [
+    ['2025-01-02 03:04:05', local], ['2025-01-02T03:04:05', local], ['2025-01-02 03:04', local - 5],
+    ['2025-01-02T03:04:05Z', Date.UTC(2025, 0, 2, 3, 4, 5) / 1000], [1700000000, 1700000000],
+    ['yesterday', null], ['', null], [null, null], [NaN, null],
+  ];
+  for (const [v, want] of cases) assert.equal(timeToEpoch(v), want, String(v));
+  assert.equal(formatTimestamp('2025-01-02T03:04:05'), '2025-01-02 03:04:05');
+  assert.equal(formatTimestamp('not a time'), 'not a time');
+  const durations = [[0, '0 s'], [59.4, '59 s'], [60, '1 min'], [125, '2 min 5 s'], [3600, '1 h 0 min'], [7322, '2 h 2 min'], [-1, ''], [NaN, '']];
+  for (const [s, want] of durations) assert.equal(formatDuration(s), want, String(s));
+});
+
+test('polling goes on while running and shortly after a start', () => {
+  const cases = [
+    [{ running: true }, null, 0, true],
+    [{ running: false }, null, 0, false],
+    [{ running: false }, 1000, 3000, true],
+    [{ running: false }, 1000, 6000, false],
+  ];
+  for (const [desc, startedAt, now, want] of cases) assert.equal(shouldPoll(desc, startedAt, now), want);
+});
