@@ -1,0 +1,306 @@
+// orva-schedulerd: the clock. Sleeps until the earliest next trigger, starts
+// orva-schedrun for every due task, rescans when the store changes (inotify on the
+// database folder, then the store's generation counter) and reschedules when the
+// wall clock is set (a realtime timer cancelled on clock change).
+// `--event bootup|shutdown` runs the event tasks of that event and waits for them.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/inotify.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "core/root.h"
+#include "scheduler/task.h"
+#include "scheduler_core.h"
+
+extern char** environ;
+
+namespace {
+
+const char kUsage[] =
+    "usage: orva-schedulerd [--root DIR]\n"
+    "       orva-schedulerd [--root DIR] --event bootup|shutdown\n"
+    "\n"
+    "Runs in the foreground and starts every enabled task at its next trigger time\n"
+    "through orva-schedrun. Runs missed while it was not running are logged, not\n"
+    "replayed. With --event it runs the enabled event tasks of that event, waits for\n"
+    "them and exits.\n"
+    "\n"
+    "  --root DIR   the system root (default: $ORVA_ROOT, else /)\n"
+    "  --help       this text\n";
+
+class WallClock : public orvasched::Clock {
+ public:
+  time_t Now() override { return time(nullptr); }
+};
+
+class StoreSource : public orvasched::TaskSource {
+ public:
+  bool Load(std::vector<orvasched::TaskSnapshot>& tasks) override {
+    ORVA_SCHED_TASK* list = nullptr;
+    if (ORVASchedTaskListGet(&list, nullptr, nullptr) < 0) {
+      return false;
+    }
+    for (ORVA_SCHED_TASK* t = list; t; t = ORVASchedTaskNext(t)) {
+      orvasched::TaskSnapshot s;
+      s.id = ORVASchedTaskGetID(*t);
+      s.enabled = ORVASchedTaskIsEnabled(*t);
+      s.schedule = t->schedule;
+      s.name = ORVASchedTaskGetName(*t);
+      tasks.push_back(std::move(s));
+    }
+    ORVASchedTaskListFree(list);
+    return true;
+  }
+};
+
+// Starts a runner as a child in its own session; the loop reaps it on SIGCHLD.
+pid_t SpawnRunner(const std::vector<std::string>& args) {
+  std::vector<std::string> all = {ORVASchedRunnerPath()};
+  all.insert(all.end(), args.begin(), args.end());
+  all.push_back("--root");
+  all.push_back(ORVA::ORVARootGet());
+  std::vector<char*> argv;
+  for (std::string& s : all) {
+    argv.push_back(s.data());
+  }
+  argv.push_back(nullptr);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
+  pid_t pid = -1;
+  const int rc = posix_spawn(&pid, argv[0], nullptr, &attr, argv.data(), environ);
+  posix_spawnattr_destroy(&attr);
+  if (rc != 0) {
+    syslog(LOG_ERR, "cannot start %s: %s", argv[0], strerror(rc));
+    return -1;
+  }
+  return pid;
+}
+
+class RunnerLauncher : public orvasched::Launcher {
+ public:
+  bool Launch(long id) override { return SpawnRunner({std::to_string(id), "--trigger", "schedule"}) > 0; }
+};
+
+std::string StatePath() { return ORVA::ORVAPathMap("/var/lib/orva/schedulerd.state"); }
+
+time_t ReadState() {
+  std::ifstream in(StatePath());
+  long long t = 0;
+  return (in >> t) ? static_cast<time_t>(t) : 0;
+}
+
+// When every trigger up to `checked` was handled; read back at the next start.
+void WriteState(time_t checked) {
+  const std::string path = StatePath();
+  const std::string tmp = path + ".tmp";
+  {
+    std::ofstream out(tmp, std::ios::trunc);
+    out << static_cast<long long>(checked) << "\n";
+    if (!out) {
+      syslog(LOG_ERR, "cannot write %s", tmp.c_str());
+      return;
+    }
+  }
+  if (rename(tmp.c_str(), path.c_str()) != 0) {
+    syslog(LOG_ERR, "cannot replace %s: %m", path.c_str());
+  }
+}
+
+int RunEvent(const std::string& event) {
+  std::vector<ORVASchedEventTask> tasks;
+  if (ORVASchedEventTaskList(tasks, event.c_str()) < 0) {
+    syslog(LOG_ERR, "cannot read the event tasks of %s", event.c_str());
+    return 1;
+  }
+  // Started side by side; the event (a boot or a shutdown) waits for all of them.
+  std::vector<std::pair<long, pid_t>> started;
+  int unstarted = 0;
+  for (const ORVASchedEventTask& t : tasks) {
+    if (!t.enable) {
+      continue;
+    }
+    const pid_t pid = SpawnRunner({"--event-task", std::to_string(t.id), "--trigger", "event"});
+    if (pid > 0) {
+      syslog(LOG_INFO, "%s: started event task %ld \"%s\"", event.c_str(), t.id, t.task_name.c_str());
+      started.emplace_back(t.id, pid);
+    } else {
+      syslog(LOG_ERR, "%s: could not start event task %ld \"%s\"", event.c_str(), t.id, t.task_name.c_str());
+      ++unstarted;
+    }
+  }
+  int failed = 0;
+  for (const auto& [id, pid] : started) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      syslog(LOG_WARNING, "%s: the runner of event task %ld ended with status %d", event.c_str(), id, status);
+      ++failed;
+    }
+  }
+  printf("%s: %zu event task(s) run, %d failed, %d could not be started\n", event.c_str(), started.size(), failed,
+         unstarted);
+  return unstarted ? 1 : 0;
+}
+
+// Arms the timer for `when` (absolute wall time), cancelled if the clock is set.
+void Arm(int tfd, time_t when) {
+  struct itimerspec its = {};
+  its.it_value.tv_sec = when;
+  if (timerfd_settime(tfd, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &its, nullptr) != 0) {
+    syslog(LOG_ERR, "cannot arm the timer: %m");
+  }
+}
+
+int Serve() {
+  sigset_t mask;
+  sigemptyset(&mask);
+  for (int s : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
+    sigaddset(&mask, s);
+  }
+  sigprocmask(SIG_BLOCK, &mask, nullptr);
+  const int sfd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+  const int tfd = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
+  const int ifd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if (sfd < 0 || tfd < 0 || ifd < 0) {
+    syslog(LOG_ERR, "cannot set up signals, timer or inotify: %m");
+    return 1;
+  }
+  const std::string db = ORVASchedStoreDbPath();
+  const std::string dbDir = db.substr(0, db.rfind('/'));
+  const std::string dbName = db.substr(db.rfind('/') + 1);
+  // Opening the store once makes sure the database and its folder exist.
+  int64_t generation = ORVASchedStoreGeneration();
+  if (generation < 0) {
+    syslog(LOG_ERR, "cannot open the task store %s", db.c_str());
+    return 1;
+  }
+  if (inotify_add_watch(ifd, dbDir.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
+    syslog(LOG_ERR, "cannot watch %s: %m", dbDir.c_str());
+    return 1;
+  }
+
+  WallClock clock;
+  StoreSource source;
+  RunnerLauncher launcher;
+  orvasched::Scheduler sched(clock, source, launcher);
+  if (!sched.Rescan()) {
+    return 1;
+  }
+  sched.ReportMissedSince(ReadState());
+  syslog(LOG_INFO, "watching %zu task(s) in %s; next run %s", sched.TaskCount(), db.c_str(),
+         ORVASchedFormatTriggerTime(sched.NextWake()).c_str());
+  sched.Tick();
+  WriteState(sched.Checked());
+
+  for (;;) {
+    // Nothing scheduled: still wake once a day, harmlessly, so the timer stays armed.
+    time_t wake = sched.NextWake();
+    if (wake == -1) {
+      wake = time(nullptr) + 86400;
+    }
+    Arm(tfd, wake);
+    struct pollfd pfd[3] = {{sfd, POLLIN, 0}, {tfd, POLLIN, 0}, {ifd, POLLIN, 0}};
+    if (poll(pfd, 3, -1) < 0) {
+      if (errno == EINTR) continue;
+      syslog(LOG_ERR, "poll failed: %m");
+      return 1;
+    }
+    if (pfd[0].revents & POLLIN) {
+      struct signalfd_siginfo si;
+      while (read(sfd, &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
+        if (si.ssi_signo == SIGCHLD) {
+          while (waitpid(-1, nullptr, WNOHANG) > 0) {
+          }
+        } else if (si.ssi_signo == SIGHUP) {
+          sched.Rescan();
+        } else {
+          WriteState(sched.Checked());
+          syslog(LOG_INFO, "stopping on signal %u", si.ssi_signo);
+          return 0;
+        }
+      }
+    }
+    if (pfd[1].revents & POLLIN) {
+      uint64_t expirations = 0;
+      if (read(tfd, &expirations, sizeof expirations) < 0 && errno == ECANCELED) {
+        sched.ClockChanged();
+      } else {
+        sched.Tick();
+      }
+      WriteState(sched.Checked());
+    }
+    if (pfd[2].revents & POLLIN) {
+      alignas(struct inotify_event) char buf[8192];
+      bool relevant = false;
+      ssize_t n;
+      while ((n = read(ifd, buf, sizeof buf)) > 0) {
+        for (char* p = buf; p < buf + n;) {
+          auto* ev = reinterpret_cast<struct inotify_event*>(p);
+          if (ev->len > 0 && strncmp(ev->name, dbName.c_str(), dbName.size()) == 0) {
+            relevant = true;
+          }
+          p += sizeof(struct inotify_event) + ev->len;
+        }
+      }
+      if (relevant) {
+        const int64_t g = ORVASchedStoreGeneration();
+        if (g >= 0 && g != generation) {
+          generation = g;
+          sched.Rescan();
+          // A task saved for this very second runs now.
+          sched.Tick();
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string event;
+  bool haveEvent = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--help" || a == "-h") {
+      fputs(kUsage, stdout);
+      return 0;
+    } else if (a == "--root" && i + 1 < argc) {
+      ORVA::ORVARootSet(argv[++i]);
+    } else if (a == "--event" && i + 1 < argc) {
+      event = argv[++i];
+      haveEvent = true;
+    } else {
+      fprintf(stderr, "orva-schedulerd: unexpected argument \"%s\"\n%s", a.c_str(), kUsage);
+      return 2;
+    }
+  }
+  if (haveEvent && event != ORVA_SCHED_EVENT_BOOTUP && event != ORVA_SCHED_EVENT_SHUTDOWN) {
+    fprintf(stderr, "orva-schedulerd: the event is bootup or shutdown, not \"%s\"\n", event.c_str());
+    return 2;
+  }
+  // Children (the runner) find the same root.
+  setenv("ORVA_ROOT", ORVA::ORVARootGet().c_str(), 1);
+  openlog("orva-schedulerd", LOG_PID | LOG_PERROR, LOG_DAEMON);
+  return haveEvent ? RunEvent(event) : Serve();
+}
