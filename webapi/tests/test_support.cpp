@@ -191,6 +191,7 @@ long AddTask(const TaskSpec& spec) {
   if (!ORVASchedTaskConvertFromJson_Schedule(schedule, *task)) {
     ADD_FAILURE() << "schedule refused";
   }
+  ORVASchedCTaskSetOwner(task, spec.ownerUid);
   int rc;
   if (!spec.byUser.empty()) {
     struct passwd* pw = getpwnam(spec.byUser.c_str());

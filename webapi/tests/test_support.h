@@ -70,6 +70,7 @@ struct TaskSpec {
   int hour = 0;
   int min = 0;
   std::string byUser;       // non-empty: saved on behalf of this user
+  unsigned ownerUid = 0;    // the account it runs as (byUser sets that user)
 };
 // Saves a new task; returns its id (fails the test and returns -1 on error).
 long AddTask(const TaskSpec& spec);

@@ -1,0 +1,107 @@
+// Listed service tasks: today's package display names, the process-wide package cache
+// and the WinShare rewrite. One test per program, since the cache lives for the process.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "scheduler/task.h"
+#include "test_support.h"
+
+namespace {
+
+Json::Value Parse(const char* text) {
+  Json::Value v;
+  Json::Reader().parse(text, v);
+  return v;
+}
+
+std::string ActionOf(const tstest::Reply& r, const std::string& name) {
+  for (const Json::Value& t : r.data["tasks"]) {
+    if (t["name"] == name) return t["action"].asString();
+  }
+  return "<missing>";
+}
+
+std::string StoredAction(long id) {
+  ORVA_SCHED_TASK* task = ORVASchedTaskAllocFast();
+  std::string action = ORVASchedTaskLoad(id, task) >= 0 ? ORVASchedTaskGetAction(*task) : "<unloadable>";
+  ORVASchedTaskFree(task);
+  return action;
+}
+
+TEST(ServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
+  tstest::TempRoot root;
+  tstest::SetEventTasks(Json::Value(Json::arrayValue));
+  root.WriteTexts("en", Parse(R"({
+    "common": {"start_service": "Start service", "stop_service": "Stop service"},
+    "network": {"win_share_service": "Windows file service"}})"));
+  ASSERT_EQ(rmdir((root.Path() + "/var/lib/orva/packages").c_str()), 0);
+
+  tstest::TaskSpec service;
+  service.name = "svc";
+  service.app = "ORVA.VEK.TaskScheduler.Service";
+  service.appName = "#service:service_subject#";
+  service.appArgs =
+      R"({"service_action":"1","service_store":[)"
+      R"({"name":"WinShare","display_name":"","enabled":true,"service_type":1},)"
+      R"({"name":"FileXfer","display_name":"","enabled":false,"service_type":1},)"
+      R"({"name":"pkga","display_name":"Old Name","enabled":true,"service_type":2}]})";
+  service.action = R"(#common:start_service#: "WinShare" "Old Name")";
+  long serviceId = tstest::AddTask(service);
+  ASSERT_GT(serviceId, 0);
+  tstest::TaskSpec beep;
+  beep.name = "beep";
+  beep.app = "ORVA.VEK.TaskScheduler.Beep";
+  beep.action = "WinShare #common:stop_service#";
+  tstest::AddTask(beep);
+
+  // 1. Packages cannot be enumerated: the stored action, rewritten and translated, and
+  //    the two log lines.
+  tstest::ClearLogs();
+  tstest::Reply r = tstest::Call(2, "list", Json::Value(Json::objectValue));
+  ASSERT_TRUE(r.success) << r.envelope;
+  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "Old Name")");
+  EXPECT_EQ(ActionOf(r, "beep"), "WinShare Stop service");
+  auto enumLogs = tstest::LogsWith("ORVA.Core.TaskScheduler:190 Failed to enum packages");
+  ASSERT_EQ(enumLogs.size(), 1u);
+  EXPECT_EQ(enumLogs[0].priority, LOG_ERR);
+  auto fallback = tstest::LogsWith("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
+                                   std::to_string(serviceId) + "]");
+  ASSERT_EQ(fallback.size(), 1u);
+  EXPECT_EQ(fallback[0].priority, LOG_WARNING);
+
+  // 2. The package appears renamed: the next listing enumerates again and shows the new
+  //    name; the stored task keeps the old one. Unparsable arguments fall back.
+  root.WriteFile("var/lib/orva/packages/pkga/package.json",
+                 R"({"name":"pkga","display_name":"New Name","version":"1.0","service":true,)"
+                 R"("control":{"start":"true","stop":"true"}})");
+  tstest::TaskSpec broken = service;
+  broken.name = "broken";
+  broken.appArgs = "not json";
+  broken.action = "#common:stop_service#: \"WinShare\"";
+  long brokenId = tstest::AddTask(broken);
+  tstest::ClearLogs();
+  r = tstest::Call(2, "list", Json::Value(Json::objectValue));
+  ASSERT_TRUE(r.success) << r.envelope;
+  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
+  EXPECT_EQ(StoredAction(serviceId), R"(#common:start_service#: "WinShare" "Old Name")");
+  EXPECT_EQ(ActionOf(r, "broken"), "Stop service: \"Windows file service\"");
+  EXPECT_EQ(tstest::LogsWith("Failed to enum packages").size(), 0u);
+  EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler:201 Failed to convert service task app args from json [" +
+                             std::to_string(brokenId) + "]")
+                .size(),
+            1u);
+  EXPECT_EQ(tstest::LogsWith(":214 Unable to update service task package display names [" +
+                             std::to_string(brokenId) + "]")
+                .size(),
+            1u);
+
+  // 3. Renamed again: this process keeps what it enumerated first.
+  root.WriteFile("var/lib/orva/packages/pkga/package.json",
+                 R"({"name":"pkga","display_name":"Newest Name","version":"1.1","service":true,)"
+                 R"("control":{"start":"true","stop":"true"}})");
+  r = tstest::Call(1, "list", Json::Value(Json::objectValue));
+  ASSERT_TRUE(r.success) << r.envelope;
+  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
+}
+
+}  // namespace
