@@ -1,0 +1,69 @@
+// A web API module for the server tests: replies of every shape, failures, slow calls
+// and the serving worker's pid. Three APIs with the same methods and different rights.
+#include <unistd.h>
+
+#include <stdexcept>
+#include <thread>
+
+#include "webapi/webapi.h"
+
+namespace {
+
+void Echo(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
+  Json::Value d;
+  d["user"] = req->GetLoginUserName();
+  d["lang"] = req->GetUILanguage();
+  d["params"] = req->GetParam("");
+  d["pid"] = static_cast<int>(getpid());
+  resp->SetSuccess(d);
+}
+
+void Sleep(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
+  auto ms = req->GetAndCheckInt("ms", ORVA::PARAM_REQUIRED);
+  if (ms.IsInvalid()) {
+    resp->SetError(4800, Json::Value());
+    return;
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(ms.Get()));
+  Echo(req, resp);
+}
+
+void Error(ORVA::APIRequest*, ORVA::APIResponse* resp) {
+  Json::Value d;
+  d["msg"] = "Failed to get task";
+  d["extra"] = 7;
+  resp->SetError(4801, d);
+}
+
+void ErrorScalar(ORVA::APIRequest*, ORVA::APIResponse* resp) { resp->SetError(117, Json::Value("plain text")); }
+void ErrorNull(ORVA::APIRequest*, ORVA::APIResponse* resp) { resp->SetError(4800, Json::Value()); }
+void Throw(ORVA::APIRequest*, ORVA::APIResponse*) { throw std::runtime_error("test module throws"); }
+void NoReply(ORVA::APIRequest*, ORVA::APIResponse*) {}
+void Twice(ORVA::APIRequest*, ORVA::APIResponse* resp) {
+  resp->SetSuccess(Json::Value("first"));
+  resp->SetError(4802, Json::Value());
+}
+void Ping(ORVA::APIRequest*, ORVA::APIResponse* resp) { resp->SetSuccess(Json::Value(Json::objectValue)); }
+
+// In-process call of an admin-only API: trusted, so it works for any caller.
+void Exec(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
+  Json::Value result(Json::objectValue);
+  ORVA::APIRunner::Exec(result, "ORVA.Test.Admin", 1, "echo", req->GetParam(""), "admin");
+  resp->SetSuccess(result);
+}
+
+#define TEST_ROWS(api)                                                                            \
+  {api, 1, "echo", Echo}, {api, 2, "echo", Echo}, {api, 1, "sleep", Sleep}, {api, 1, "error", Error}, \
+      {api, 1, "error_scalar", ErrorScalar}, {api, 1, "error_null", ErrorNull}, {api, 1, "throw", Throw}, \
+      {api, 1, "noreply", NoReply}, {api, 1, "twice", Twice}, {api, 1, "ping", Ping}, {api, 1, "exec", Exec}
+
+const ORVA::APITableRow gTable[] = {
+    TEST_ROWS("ORVA.Test.Admin"),
+    TEST_ROWS("ORVA.Test.User"),
+    TEST_ROWS("ORVA.Test.Public"),
+    {nullptr, 0, nullptr, nullptr},
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) const ORVA::APITableRow* GetAPITable() { return gTable; }
