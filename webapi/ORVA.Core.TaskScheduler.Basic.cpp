@@ -241,14 +241,15 @@ bool TaskSchedulerBasicHandler::ReConstructJsonGet_Basic(Json::Value& task) {
 }
 
 bool TaskSchedulerBasicHandler::ReConstructJsonGet_Schedule(Json::Value& schedule) {
+  if (!schedule.isObject()) {
+    return true;
+  }
   for (const auto& key : kScheduleKeys) {
     if (schedule.isMember(key[1])) {
       MoveMember(schedule, key[1], key[0]);
     }
   }
-  if (schedule.isObject()) {
-    schedule.removeMember("next_trigger_time");
-  }
+  schedule.removeMember("next_trigger_time");
   return true;
 }
 
@@ -267,6 +268,10 @@ bool TaskSchedulerBasicHandler::ReConstructJsonSet_Basic(Json::Value& task) {
 }
 
 bool TaskSchedulerBasicHandler::ReConstructJsonSet_Schedule(Json::Value& schedule) {
+  // Anything but an object is left for the platform's conversion to refuse.
+  if (!schedule.isObject()) {
+    return true;
+  }
   for (const auto& key : kScheduleKeys) {
     if (schedule.isMember(key[0])) {
       MoveMember(schedule, key[0], key[1]);
