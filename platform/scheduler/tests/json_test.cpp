@@ -1,0 +1,269 @@
+// The "basic" and "schedule" objects: round trips at the limits, and every bad value
+// refused with nothing applied.
+#include <string.h>
+
+#include "core/kelc.h"
+#include "scheduler/task_json.h"
+#include "test_util.h"
+
+using orva_test::Repeat;
+using orva_test::Task;
+using orva_test::TestUser;
+
+namespace {
+
+Json::Value Parse(const std::string& text) {
+  Json::Value v;
+  Json::CharReaderBuilder b;
+  std::string errs;
+  std::unique_ptr<Json::CharReader> r(b.newCharReader());
+  EXPECT_TRUE(r->parse(text.data(), text.data() + text.size(), &v, &errs)) << text;
+  return v;
+}
+
+// The record's bytes, to prove a refused conversion changed nothing.
+std::string Bytes(const ORVA_SCHED_TASK& t) { return std::string(reinterpret_cast<const char*>(&t), sizeof(t)); }
+
+}  // namespace
+
+TEST(Json, BasicToJsonHasEveryKey) {
+  TestUser a("a");
+  Task t;
+  ORVASchedCTaskSetID(t.t, 42);
+  ORVASchedCTaskSetName(t.t, "n\"ame");
+  ORVASchedCTaskSetOwner(t.t, a.uid());
+  ORVASchedCTaskSetRealOwner(t.t, true, a.uid());
+  ORVASchedCTaskSetState(t.t, 0);
+  ORVASchedCTaskSetApp(t.t, "ORVA.VEK.TaskScheduler.Beep");
+  ORVASchedCTaskSetAppName(t.t, "#beep:beep_title#");
+  ORVASchedCTaskSetAction(t.t, "#beep:beep_action#");
+  ORVASchedCTaskSetEditForm(t.t, "Form");
+  ORVASchedCTaskSetCanEditOwner(t.t, 1);
+  Json::Value task = Parse(R"({"keep": 1})");
+  ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, task));
+  EXPECT_EQ(task["keep"], 1);
+  const Json::Value& b = task["basic"];
+  EXPECT_EQ(b["id"], 42);
+  EXPECT_EQ(b["task_name"], "n\"ame");
+  EXPECT_EQ(b["owner"], a.name());
+  EXPECT_EQ(b["real_owner"], a.name());
+  EXPECT_EQ(b["enabled"], "off");
+  EXPECT_EQ(b["app"], "ORVA.VEK.TaskScheduler.Beep");
+  EXPECT_EQ(b["app_name"], "#beep:beep_title#");
+  EXPECT_EQ(b["action"], "#beep:beep_action#");
+  EXPECT_EQ(b["edit_form"], "Form");
+  EXPECT_EQ(b["can_edit_name"], true);
+  EXPECT_EQ(b["can_edit_owner"], true);
+  EXPECT_EQ(b["can_edit_from_ui"], true);
+  EXPECT_EQ(b["can_delete_from_ui"], true);
+  EXPECT_EQ(b["can_run_from_ui"], true);
+  EXPECT_EQ(b["simple_edit_form"], false);
+
+  Task sys;  // a new system task
+  Json::Value fresh;
+  ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*sys, fresh));
+  EXPECT_EQ(fresh["basic"]["id"], -1);
+  EXPECT_EQ(fresh["basic"]["owner"], "root");
+  EXPECT_EQ(fresh["basic"]["real_owner"], "");
+  EXPECT_EQ(fresh["basic"]["enabled"], "on");
+  Json::Value notObject = 5;
+  EXPECT_FALSE(ORVASchedTaskConvertToJson_Basic(*sys, notObject));
+}
+
+TEST(Json, BasicFromJsonAtTheLimitAndOver) {
+  TestUser a("a");
+  Task t;
+  std::string longest = Repeat('n', ORVA_SCHED_NAME_MAX - 1);
+  Json::Value in;
+  in["basic"]["id"] = "17";
+  in["basic"]["task_name"] = longest;
+  in["basic"]["owner"] = a.name();
+  in["basic"]["enabled"] = "OFF";
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic(in, *t));
+  EXPECT_EQ(ORVASchedTaskGetID(*t), 17);
+  EXPECT_EQ(ORVASchedTaskGetName(*t), longest);
+  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.uid());
+  EXPECT_FALSE(ORVASchedTaskIsEnabled(*t));
+  // Back to JSON and in again: the same record.
+  Json::Value out;
+  ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, out));
+  Task again;
+  out["basic"]["id"] = std::to_string(out["basic"]["id"].asInt());
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic(out, *again));
+  EXPECT_EQ(Bytes(*again), Bytes(*t));
+
+  in["basic"]["task_name"] = longest + "n";
+  std::string before = Bytes(*again);
+  EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic(in, *again));
+  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_TOO_LONG);
+  EXPECT_STREQ(KELCErrorGetFile(), "json.cpp");
+  EXPECT_EQ(Bytes(*again), before);
+
+  // Absent keys keep what the record holds; "-1" makes it new.
+  Json::Value onlyId;
+  onlyId["basic"]["id"] = "-1";
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic(onlyId, *again));
+  EXPECT_EQ(ORVASchedTaskGetID(*again), -1);
+  EXPECT_TRUE(ORVASchedTaskIsNew(*again));
+  EXPECT_EQ(ORVASchedTaskGetName(*again), longest);
+  EXPECT_EQ(ORVASchedTaskGetOwner(*again), a.uid());
+}
+
+TEST(Json, BasicFromJsonRefusesBadValues) {
+  struct Case {
+    const char* json;
+    int code;
+  } cases[] = {
+      {R"({"basic": 1})", ORVA_SCHED_ERR_INVALID},
+      {R"([])", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": "abc"}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": "12x"}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": ""}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": "0"}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": "-2"}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": 1.5}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": true}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": "99999999999999999999"}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"task_name": ""}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"task_name": 5}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"owner": "orvat-no-such-user"}})", ORVA_SCHED_ERR_NO_USER},
+      {R"({"basic": {"owner": 0}})", ORVA_SCHED_ERR_NO_USER},
+      {R"({"basic": {"enabled": true}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"enabled": "yes"}})", ORVA_SCHED_ERR_INVALID},
+      // One bad value spoils the whole object: the good ones are not applied either.
+      {R"({"basic": {"id": "5", "task_name": "x", "enabled": "maybe"}})", ORVA_SCHED_ERR_INVALID},
+  };
+  for (const Case& c : cases) {
+    Task t;
+    std::string before = Bytes(*t);
+    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic(Parse(c.json), *t)) << c.json;
+    EXPECT_EQ(KELCErrGet(), c.code) << c.json;
+    EXPECT_EQ(Bytes(*t), before) << c.json;
+  }
+  // Accepted forms of the id.
+  for (const char* ok : {R"({"basic": {"id": 12}})", R"({"basic": {"id": "12"}})", R"({"basic": {}})", R"({})"}) {
+    Task t;
+    EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic(Parse(ok), *t)) << ok;
+  }
+}
+
+TEST(Json, BasicByUser) {
+  TestUser a("a"), b("b");
+  Task t;
+  Json::Value in;
+  in["basic"]["task_name"] = "mine";
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.name(), in, *t));
+  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.uid());  // absent owner: the user
+  EXPECT_EQ(ORVASchedTaskGetRealOwner(*t), a.uid());
+  EXPECT_EQ(ORVASchedTaskGetMarker(*t), ORVA_SCHED_MARKER_BY_USER);
+  in["basic"]["owner"] = a.name();
+  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.name(), in, *t));
+  for (const std::string& other : {b.name(), std::string("root")}) {
+    in["basic"]["owner"] = other;
+    Task u;
+    std::string before = Bytes(*u);
+    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.name(), in, *u)) << other;
+    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER);
+    EXPECT_EQ(Bytes(*u), before);
+  }
+  in["basic"].removeMember("owner");
+  EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic_ByUser("orvat-no-such-user", in, *t));
+  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NO_USER);
+}
+
+TEST(Json, ScheduleRoundTrip) {
+  Task t;
+  Json::Value in = Parse(R"({"schedule": {
+      "repeat": "weekly", "date": "2031-12-31", "week_name": "0,2,6", "hour": 23, "min": 59,
+      "repeat_hour": 0, "repeat_min": 59, "last_work_hour": 23,
+      "repeat_min_store_config": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 59],
+      "repeat_hour_store_config": [23]}, "basic": {"ignored": true}})");
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(in, *t));
+  Json::Value out = Parse(R"({"other": "kept"})");
+  ASSERT_TRUE(ORVASchedTaskConvertToJson_Schedule(*t, out));
+  EXPECT_EQ(out["other"], "kept");
+  const Json::Value& s = out["schedule"];
+  for (const char* key : {"repeat", "date", "week_name", "hour", "min", "repeat_hour", "repeat_min", "last_work_hour",
+                          "repeat_min_store_config", "repeat_hour_store_config"}) {
+    EXPECT_EQ(s[key], in["schedule"][key]) << key;
+  }
+  EXPECT_EQ(s["next_trigger_time"], ORVASchedTaskGetNextTriggerTime(*t));
+  EXPECT_NE(s["next_trigger_time"], "N/A");
+  // The object the conversion wrote reads back to the same record.
+  Task again;
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(out, *again));
+  EXPECT_EQ(memcmp(&again->schedule, &t->schedule, sizeof(ORVA_SCHED_SCHEDULE)), 0);
+
+  // Every repeat name, and absent keys keep the record's values.
+  for (const char* repeat : {"once", "daily", "monthly", "weekly"}) {
+    Json::Value r;
+    r["schedule"]["repeat"] = repeat;
+    ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(r, *again)) << repeat;
+    Json::Value o;
+    ASSERT_TRUE(ORVASchedTaskConvertToJson_Schedule(*again, o));
+    EXPECT_EQ(o["schedule"]["repeat"], repeat);
+    EXPECT_EQ(o["schedule"]["date"], "2031-12-31");
+    EXPECT_EQ(o["schedule"]["week_name"], "0,2,6");
+  }
+  Json::Value disabled;
+  ORVASchedCTaskSetState(again.t, 0);
+  ASSERT_TRUE(ORVASchedTaskConvertToJson_Schedule(*again, disabled));
+  EXPECT_EQ(disabled["schedule"]["next_trigger_time"], "N/A");
+}
+
+TEST(Json, ScheduleRefusesBadValues) {
+  const char* cases[] = {
+      R"({"schedule": 3})",
+      R"({"schedule": {"repeat": "yearly"}})",
+      R"({"schedule": {"repeat": 1}})",
+      R"({"schedule": {"date": "2024-02-30"}})",
+      R"({"schedule": {"date": "2023-02-29"}})",
+      R"({"schedule": {"date": "2024-13-01"}})",
+      R"({"schedule": {"date": "2024-1-01"}})",
+      R"({"schedule": {"date": "24-01-01xx"}})",
+      R"({"schedule": {"date": "1969-12-31"}})",
+      R"({"schedule": {"date": 20240101}})",
+      R"({"schedule": {"week_name": "7"}})",
+      R"({"schedule": {"week_name": "1,,2"}})",
+      R"({"schedule": {"week_name": "1,2,"}})",
+      R"({"schedule": {"week_name": "1,1"}})",
+      R"({"schedule": {"week_name": "1 ,2"}})",
+      R"({"schedule": {"week_name": [1, 2]}})",
+      R"({"schedule": {"repeat": "weekly", "week_name": ""}})",
+      R"({"schedule": {"hour": 24}})",
+      R"({"schedule": {"hour": -1}})",
+      R"({"schedule": {"hour": "5"}})",
+      R"({"schedule": {"hour": 5.5}})",
+      R"({"schedule": {"min": 60}})",
+      R"({"schedule": {"repeat_hour": 24}})",
+      R"({"schedule": {"repeat_min": 60}})",
+      R"({"schedule": {"repeat_min": 5, "repeat_hour": 2}})",
+      R"({"schedule": {"last_work_hour": 24}})",
+      R"({"schedule": {"repeat_min_store_config": [0]}})",
+      R"({"schedule": {"repeat_min_store_config": [60]}})",
+      R"({"schedule": {"repeat_min_store_config": "5"}})",
+      R"({"schedule": {"repeat_hour_store_config": [1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17]}})",
+      R"({"schedule": {"repeat_hour_store_config": [24]}})",
+      // Good values beside a bad one are not applied.
+      R"({"schedule": {"hour": 7, "min": 7, "repeat": "never"}})",
+  };
+  for (const char* c : cases) {
+    Task t;
+    std::string before = Bytes(*t);
+    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(c), *t)) << c;
+    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_INVALID) << c;
+    EXPECT_EQ(Bytes(*t), before) << c;
+  }
+  // A repeat_hour already set conflicts with a new repeat_min unless cleared with it.
+  Task t;
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_hour": 3}})"), *t));
+  EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_min": 5}})"), *t));
+  EXPECT_TRUE(
+      ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_min": 5, "repeat_hour": 0}})"), *t));
+  EXPECT_EQ(t->schedule.repeat_min, 5);
+  // A record without a schedule (zero-filled) cannot take one that has no date.
+  ORVA_SCHED_TASK* zero = static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)));
+  EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"hour": 1}})"), *zero));
+  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"date": "2030-01-01"}})"), *zero));
+  free(zero);
+}

@@ -1,0 +1,280 @@
+// Real runs through orva-schedrun: as the owner, with the owner's groups, in the
+// appliance's mount namespace, recorded with output and exit status.
+#include <sys/stat.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "core/kelc.h"
+#include "scheduler/run_log.h"
+#include "test_util.h"
+
+using orva_test::Task;
+using orva_test::TempRoot;
+using orva_test::TestUser;
+
+namespace {
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// Waits until the task has `n` runs and none is running; returns the history.
+Json::Value WaitRuns(long id, unsigned n, bool event = false) {
+  Json::Value runs;
+  for (int i = 0; i < 600; ++i) {
+    int rc = event ? ORVASchedEventTaskGetRunHistory(id, runs) : ORVASchedTaskGetRunHistory(id, runs);
+    EXPECT_EQ(rc, 0);
+    bool running = false;
+    for (const Json::Value& r : runs) running = running || r["running"].asBool();
+    if (runs.size() >= n && !running) return runs;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ADD_FAILURE() << "task " << id << " did not finish " << n << " runs";
+  return runs;
+}
+
+class RunTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ORVASchedSetRunnerPath(ORVA_SCHEDRUN_PATH);
+    out_ = root_.path() + "/usr/orva/out";
+    ASSERT_EQ(orva_test::Shell("mkdir -p " + out_ + " && chmod 0777 " + out_), 0);
+  }
+  void TearDown() override { orva_test::WaitForRunners(root_.path()); }
+
+  long Save(const std::string& command, uid_t owner, bool twice = false) {
+    Task t;
+    ORVASchedCTaskSetName(t.t, "run test");
+    ORVASchedCTaskSetCommand(t.t, command.c_str());
+    ORVASchedCTaskSetOwner(t.t, owner);
+    ORVASchedCTaskSetCanRunTaskSameTime(t.t, twice);
+    EXPECT_EQ(ORVASchedTaskSave(t.t), 0);
+    return ORVASchedTaskGetID(*t);
+  }
+
+  TempRoot root_;
+  std::string out_;
+};
+
+}  // namespace
+
+TEST_F(RunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
+  TestUser u("r");
+  long id = Save(
+      "id -u > /usr/orva/out/ids; id -G >> /usr/orva/out/ids; env > /usr/orva/out/env;"
+      " ls /proc/self/fd > /usr/orva/out/fds; echo to stdout; echo to stderr >&2; exit 7",
+      u.uid());
+  ASSERT_EQ(ORVASchedTaskRun(id, 0, 0), 0);
+  Json::Value runs = WaitRuns(id, 1);
+  ASSERT_EQ(runs.size(), 1u);
+
+  // The file is the owner's, written inside the namespace where $ROOT/usr/orva is /usr/orva.
+  struct stat st;
+  ASSERT_EQ(stat((out_ + "/ids").c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, u.uid());
+  EXPECT_EQ(st.st_gid, u.gid());
+  std::istringstream ids(ReadFile(out_ + "/ids"));
+  unsigned uid = 0;
+  ids >> uid;
+  EXPECT_EQ(uid, u.uid());
+  std::set<unsigned> groups;
+  for (unsigned g; ids >> g;) groups.insert(g);
+  EXPECT_EQ(groups, (std::set<unsigned>{u.gid(), u.extraGid()}));
+
+  // Only the allowed environment, plus what the shell itself sets.
+  std::istringstream env(ReadFile(out_ + "/env"));
+  std::set<std::string> names;
+  for (std::string line; std::getline(env, line);) names.insert(line.substr(0, line.find('=')));
+  for (const char* shellOwn : {"PWD", "SHLVL", "OLDPWD", "_"}) names.erase(shellOwn);
+  EXPECT_EQ(names, (std::set<std::string>{"HOME", "USER", "LOGNAME", "SHELL", "PATH", "LANG"}));
+  EXPECT_NE(ReadFile(out_ + "/env").find("USER=" + u.name() + "\n"), std::string::npos);
+  // No inherited descriptors: 0-2 and the one ls opened to list them.
+  std::istringstream fds(ReadFile(out_ + "/fds"));
+  for (int fd; fds >> fd;) EXPECT_LE(fd, 3);
+
+  Json::Value status;
+  ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
+  EXPECT_EQ(status["id"], static_cast<Json::Int64>(id));
+  EXPECT_EQ(status["running"], false);
+  EXPECT_TRUE(status["pid"].isNull());
+  const Json::Value& last = status["last_run"];
+  EXPECT_EQ(last["trigger"], "manual");
+  EXPECT_EQ(last["exit_code"], 7);
+  EXPECT_TRUE(last["signal"].isNull());
+  EXPECT_EQ(last["result"], "failed");
+  EXPECT_EQ(last["output"], "to stdout\nto stderr\n");
+  EXPECT_TRUE(last["start"].isString());
+  EXPECT_TRUE(last["end"].isString());
+}
+
+TEST_F(RunTest, SecondRunOfANoTwiceTaskIsSkipped) {
+  TestUser u("s");
+  long once = Save("sleep 2; echo done", u.uid(), false);
+  ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);  // returns at once: the run goes on detached
+  Json::Value status;
+  for (int i = 0; i < 300 && !status["running"].asBool(); ++i) {
+    ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(once), status), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ASSERT_TRUE(status["running"].asBool());
+  EXPECT_TRUE(status["pid"].isInt());
+  ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);
+  Json::Value runs = WaitRuns(once, 2);
+  ASSERT_EQ(runs.size(), 2u);
+  EXPECT_EQ(runs[0]["result"], "skipped");  // newest first
+  EXPECT_EQ(runs[1]["result"], "success");
+  EXPECT_EQ(runs[1]["output"], "done\n");
+
+  // A task that may run twice at once does.
+  long twice = Save("sleep 1", u.uid(), true);
+  ASSERT_EQ(ORVASchedTaskRun(twice, 0, 0), 0);
+  ASSERT_EQ(ORVASchedTaskRun(twice, 0, 0), 0);
+  runs = WaitRuns(twice, 2);
+  EXPECT_EQ(runs[0]["result"], "success");
+  EXPECT_EQ(runs[1]["result"], "success");
+}
+
+TEST_F(RunTest, TasksOfAnAppThatMayNotRunTogether) {
+  TestUser u("p");
+  auto save = [&](const char* cmd, bool appSameTime) {
+    Task t;
+    ORVASchedCTaskSetCommand(t.t, cmd);
+    ORVASchedCTaskSetOwner(t.t, u.uid());
+    ORVASchedCTaskSetApp(t.t, "ORVA.Test.Backup");
+    ORVASchedCTaskSetCanRunAppSameTime(t.t, appSameTime);
+    EXPECT_EQ(ORVASchedTaskSave(t.t), 0);
+    return ORVASchedTaskGetID(*t);
+  };
+  long first = save("sleep 2", false);
+  long second = save("true", true);
+  ASSERT_EQ(ORVASchedTaskRun(first, 0, 0), 0);
+  Json::Value status;
+  for (int i = 0; i < 300 && !status["running"].asBool(); ++i) {
+    ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(first), status), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ASSERT_EQ(ORVASchedTaskRun(second, 0, 0), 0);
+  Json::Value runs = WaitRuns(second, 1);
+  EXPECT_EQ(runs[0]["result"], "skipped");
+  WaitRuns(first, 1);
+  ASSERT_EQ(ORVASchedTaskRun(second, 0, 0), 0);
+  runs = WaitRuns(second, 2);
+  EXPECT_EQ(runs[0]["result"], "success");
+}
+
+TEST_F(RunTest, UsersTaskRunsAsThatUser) {
+  TestUser u("u");
+  Task t;
+  ASSERT_EQ(ORVASchedTaskLoadByUser(u.c_str(), -1, t.t), 0);
+  ORVASchedCTaskSetCommand(t.t, "id -u");
+  ASSERT_EQ(ORVASchedTaskSaveByUser(u.c_str(), t.t), 0);
+  long id = ORVASchedTaskGetID(*t);
+  ASSERT_EQ(ORVASchedTaskRunByUser(u.c_str(), id, 0, 0), 0);
+  Json::Value runs = WaitRuns(id, 1);
+  EXPECT_EQ(runs[0]["output"], std::to_string(u.uid()) + "\n");
+  EXPECT_EQ(runs[0]["result"], "success");
+}
+
+TEST_F(RunTest, MissingOwnerIsNotRun) {
+  long id;
+  {
+    TestUser gone("g");
+    id = Save("touch /usr/orva/out/ran", gone.uid());
+    gone.Remove();
+  }
+  ASSERT_EQ(ORVASchedTaskRun(id, 0, 0), 0);
+  Json::Value runs = WaitRuns(id, 1);
+  EXPECT_EQ(runs[0]["result"], "failed");
+  EXPECT_NE(runs[0]["output"].asString().find("does not exist"), std::string::npos);
+  struct stat st;
+  EXPECT_NE(stat((out_ + "/ran").c_str(), &st), 0);
+}
+
+TEST_F(RunTest, SignalAndLongOutput) {
+  TestUser u("o");
+  long killed = Save("echo before; kill -TERM $$", u.uid());
+  long chatty = Save("head -c 100000 /dev/zero | tr '\\0' a; printf '\\377'; echo END", u.uid());
+  ASSERT_EQ(ORVASchedTaskRun(killed, 0, 0), 0);
+  ASSERT_EQ(ORVASchedTaskRun(chatty, 0, 0), 0);
+  Json::Value runs = WaitRuns(killed, 1);
+  EXPECT_EQ(runs[0]["signal"], 15);
+  EXPECT_TRUE(runs[0]["exit_code"].isNull());
+  EXPECT_EQ(runs[0]["result"], "failed");
+  EXPECT_EQ(runs[0]["output"], "before\n");
+  runs = WaitRuns(chatty, 1);
+  std::string output = runs[0]["output"].asString();
+  // The last 64 KiB; the invalid byte shows as U+FFFD (3 bytes instead of 1).
+  EXPECT_EQ(output.size(), static_cast<size_t>(ORVA_SCHED_RUN_OUTPUT_MAX) + 2);
+  EXPECT_EQ(output.substr(output.size() - 8), "a\xef\xbf\xbd" "END\n");
+  EXPECT_EQ(runs[0]["result"], "success");
+}
+
+TEST_F(RunTest, EventTaskRunsByItsOwnId) {
+  TestUser u("e");
+  ORVASchedEventTask ev;
+  ev.task_name = "boot";
+  ev.owner = u.uid();
+  ev.event = "bootup";
+  ev.script = "echo booted as $(id -un)";
+  ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
+  ASSERT_EQ(ORVASchedEventTaskRun(ev.id), 0);
+  Json::Value runs = WaitRuns(ev.id, 1, true);
+  EXPECT_EQ(runs[0]["trigger"], "event");
+  EXPECT_EQ(runs[0]["output"], "booted as " + u.name() + "\n");
+  // Task ids and event task ids are apart: task 1 does not exist.
+  Json::Value status;
+  EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(ev.id), status), -1);
+}
+
+TEST_F(RunTest, HistoryKeepsTheLastFifty) {
+  long id = Save("true", 0);
+  for (int i = 0; i < ORVA_SCHED_RUN_HISTORY_MAX + 7; ++i) {
+    ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, id, "schedule", "skipped", std::to_string(i)), 0);
+  }
+  Json::Value runs;
+  ASSERT_EQ(ORVASchedTaskGetRunHistory(id, runs), 0);
+  ASSERT_EQ(runs.size(), static_cast<unsigned>(ORVA_SCHED_RUN_HISTORY_MAX));
+  EXPECT_EQ(runs[0]["output"], std::to_string(ORVA_SCHED_RUN_HISTORY_MAX + 6));
+  EXPECT_EQ(runs[ORVA_SCHED_RUN_HISTORY_MAX - 1]["output"], "7");
+  // Removing the task drops its history.
+  ASSERT_EQ(ORVASchedTaskRemove(id), 0);
+  EXPECT_EQ(ORVASchedTaskGetRunHistory(id, runs), -1);
+}
+
+TEST_F(RunTest, RunnerCommandLine) {
+  const std::string run = std::string(ORVA_SCHEDRUN_PATH) + " --root " + root_.path() + " ";
+  struct Case {
+    std::string args;
+    int status;
+  } cases[] = {
+      {"--help", 0},
+      {"", 2},
+      {"1", 2},
+      {"1 --trigger never", 2},
+      {"abc --trigger manual", 2},
+      {"1 2 --trigger manual", 2},
+      {"--event-task x", 2},
+      {"999 --trigger manual", 1},  // unknown task
+      {"--event-task 999", 1},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(orva_test::Shell(run + c.args + " >/dev/null 2>&1"), c.status) << c.args;
+  }
+  long id = Save("echo hi", 0);
+  EXPECT_EQ(orva_test::Shell(run + std::to_string(id) + " --trigger schedule >/dev/null 2>&1"), 0);
+  Json::Value runs = WaitRuns(id, 1);
+  EXPECT_EQ(runs[0]["trigger"], "schedule");
+  EXPECT_EQ(runs[0]["output"], "hi\n");
+}
+
+TEST_F(RunTest, UnstartableRunnerFails) {
+  long id = Save("true", 0);
+  ORVASchedSetRunnerPath(root_.path() + "/no-such-runner");
+  EXPECT_EQ(ORVASchedTaskRun(id, 0, 0), -1);
+  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_RUN);
+}

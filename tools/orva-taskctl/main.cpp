@@ -1,0 +1,280 @@
+// orva-taskctl: raw task records for other packages and for tests.
+//   orva-taskctl [--root DIR] add JSON | show ID | list | remove ID
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <syslog.h>
+
+#include <memory>
+#include <string>
+
+#include "core/kelc.h"
+#include "core/root.h"
+#include "core/user.h"
+#include "scheduler/task.h"
+#include "scheduler/task_json.h"
+
+namespace {
+
+using TaskPtr = std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)>;
+
+void Usage(FILE* out) {
+  fprintf(out,
+          "usage: orva-taskctl [--root DIR] add JSON\n"
+          "       orva-taskctl [--root DIR] show ID\n"
+          "       orva-taskctl [--root DIR] list\n"
+          "       orva-taskctl [--root DIR] remove ID\n"
+          "add prints the new task's id. JSON members: name, app, app_name, action, command,\n"
+          "app_args, edit_form, event (texts); owner, real_owner (user names; no real_owner:\n"
+          "a system task); enabled, listable, can_edit_from_ui, can_delete_from_ui,\n"
+          "can_run_from_ui, can_edit_name, can_edit_owner, simple_edit_form,\n"
+          "can_run_app_same_time, can_run_task_same_time (booleans); schedule (object);\n"
+          "id (integer: store under this id). Absent members keep the defaults.\n");
+}
+
+int Error(const std::string& msg) {
+  fprintf(stderr, "orva-taskctl: %s\n", msg.c_str());
+  return 1;
+}
+
+std::string StoreError() {
+  char buf[64];
+  snprintf(buf, sizeof(buf), " [0x%04X %s:%d]", KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
+  return buf;
+}
+
+std::string UserName(unsigned uid) {
+  PORVAUSER u = nullptr;
+  std::string name;
+  if (ORVAUserGetByUID(uid, &u) == 0) name = u->szName;
+  ORVAUserFree(u);
+  return name;
+}
+
+bool UserUid(const std::string& name, unsigned& uid) {
+  PORVAUSER u = nullptr;
+  if (ORVAUserGetByName(name.c_str(), &u) != 0) return false;
+  uid = u->uid;
+  ORVAUserFree(u);
+  return true;
+}
+
+bool ParseId(const char* text, long& id) {
+  char* end = nullptr;
+  id = strtol(text, &end, 10);
+  return end != text && *end == '\0';
+}
+
+std::string OneLine(const Json::Value& v) {
+  Json::StreamWriterBuilder w;
+  w["indentation"] = "";
+  w["emitUTF8"] = true;
+  return Json::writeString(w, v);
+}
+
+Json::Value ToJson(const ORVA_SCHED_TASK& t) {
+  Json::Value o(Json::objectValue);
+  o["id"] = static_cast<Json::Int64>(ORVASchedTaskGetID(t));
+  o["name"] = ORVASchedTaskGetName(t);
+  o["app"] = ORVASchedTaskGetApp(t);
+  o["app_name"] = ORVASchedTaskGetAppName(t);
+  o["action"] = ORVASchedTaskGetAction(t);
+  o["command"] = ORVASchedTaskGetCommand(t);
+  o["app_args"] = ORVASchedTaskGetAppArgs(t);
+  o["edit_form"] = ORVASchedTaskGetEditForm(t);
+  o["event"] = ORVASchedTaskGetEvent(t);
+  o["owner"] = UserName(ORVASchedTaskGetOwner(t));
+  bool byUser = ORVASchedTaskGetMarker(t) == ORVA_SCHED_MARKER_BY_USER;
+  o["real_owner"] = byUser ? Json::Value(UserName(ORVASchedTaskGetRealOwner(t))) : Json::Value();
+  o["enabled"] = ORVASchedTaskIsEnabled(t);
+  o["listable"] = ORVASchedTaskIsListable(t);
+  o["can_edit_from_ui"] = ORVASchedTaskIsCanEditFromUI(t);
+  o["can_delete_from_ui"] = ORVASchedTaskIsCanDeleteFromUI(t);
+  o["can_run_from_ui"] = ORVASchedTaskIsCanRunFromUI(t);
+  o["can_edit_name"] = ORVASchedTaskIsCanEditName(t);
+  o["can_edit_owner"] = ORVASchedTaskIsCanEditOwner(t);
+  o["simple_edit_form"] = ORVASchedTaskIsSimpleEditForm(t);
+  o["can_run_app_same_time"] = ORVASchedTaskIsCanRunAppSameTime(t);
+  o["can_run_task_same_time"] = ORVASchedTaskIsCanRunTaskSameTime(t);
+  Json::Value sched;
+  ORVASchedTaskConvertToJson_Schedule(t, sched);
+  o["schedule"] = sched["schedule"];
+  o["marker"] = static_cast<Json::Int64>(ORVASchedTaskGetMarker(t));
+  o["owner_uid"] = ORVASchedTaskGetOwner(t);
+  o["real_owner_uid"] = ORVASchedTaskGetRealOwner(t);
+  o["next_trigger_time"] = ORVASchedTaskGetNextTriggerTime(t);
+  return o;
+}
+
+typedef void (*TextSetter)(ORVA_SCHED_TASK*, const char*);
+typedef void (*FlagSetter)(ORVA_SCHED_TASK*, int);
+
+int Add(const char* text) {
+  Json::Value in;
+  Json::CharReaderBuilder rb;
+  rb["strictRoot"] = true;
+  std::string errs;
+  std::unique_ptr<Json::CharReader> reader(rb.newCharReader());
+  if (!reader->parse(text, text + strlen(text), &in, &errs) || !in.isObject()) {
+    return Error("the task must be a JSON object");
+  }
+  static const struct {
+    const char* key;
+    TextSetter set;
+    uint32_t bit;
+    size_t max;
+  } kTexts[] = {
+      {"name", ORVASchedCTaskSetName, ORVA_SCHED_TRUNC_NAME, ORVA_SCHED_NAME_MAX},
+      {"app", ORVASchedCTaskSetApp, ORVA_SCHED_TRUNC_APP, ORVA_SCHED_APP_MAX},
+      {"app_name", ORVASchedCTaskSetAppName, ORVA_SCHED_TRUNC_APP_NAME, ORVA_SCHED_APP_NAME_MAX},
+      {"action", ORVASchedCTaskSetAction, ORVA_SCHED_TRUNC_ACTION, ORVA_SCHED_ACTION_MAX},
+      {"command", ORVASchedCTaskSetCommand, ORVA_SCHED_TRUNC_COMMAND, ORVA_SCHED_COMMAND_MAX},
+      {"app_args", ORVASchedCTaskSetAppArgs, ORVA_SCHED_TRUNC_APP_ARGS, ORVA_SCHED_APP_ARGS_MAX},
+      {"edit_form", ORVASchedCTaskSetEditForm, ORVA_SCHED_TRUNC_EDIT_FORM, ORVA_SCHED_EDIT_FORM_MAX},
+      {"event", ORVASchedCTaskSetEvent, ORVA_SCHED_TRUNC_EVENT, ORVA_SCHED_EVENT_MAX},
+  };
+  static const struct {
+    const char* key;
+    FlagSetter set;
+  } kFlags[] = {
+      {"listable", ORVASchedCTaskSetListable},
+      {"can_edit_from_ui", ORVASchedCTaskSetCanEditFromUI},
+      {"can_delete_from_ui", ORVASchedCTaskSetCanDeleteFromUI},
+      {"can_run_from_ui", ORVASchedCTaskSetCanRunFromUI},
+      {"can_edit_name", ORVASchedCTaskSetCanEditName},
+      {"can_edit_owner", ORVASchedCTaskSetCanEditOwner},
+      {"simple_edit_form", ORVASchedCTaskSetSimpleEditForm},
+      {"can_run_app_same_time", ORVASchedCTaskSetCanRunAppSameTime},
+      {"can_run_task_same_time", ORVASchedCTaskSetCanRunTaskSameTime},
+  };
+  TaskPtr task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  if (!task) return Error("out of memory");
+  ORVA_SCHED_TASK* t = task.get();
+
+  for (const std::string& key : in.getMemberNames()) {
+    const Json::Value& v = in[key];
+    bool known = false;
+    for (const auto& f : kTexts) {
+      if (key != f.key) continue;
+      known = true;
+      if (!v.isString()) return Error("\"" + key + "\" must be a string");
+      f.set(t, v.asCString());
+      if (ORVASchedTaskGetTruncated(*t) & f.bit || v.asString().size() != strlen(v.asCString())) {
+        return Error("\"" + key + "\" is too long or holds a NUL (at most " + std::to_string(f.max - 1) +
+                     " bytes)");
+      }
+    }
+    for (const auto& f : kFlags) {
+      if (key != f.key) continue;
+      known = true;
+      if (!v.isBool()) return Error("\"" + key + "\" must be true or false");
+      f.set(t, v.asBool());
+    }
+    if (known) continue;
+    if (key == "enabled") {
+      if (!v.isBool()) return Error("\"enabled\" must be true or false");
+      ORVASchedCTaskSetState(t, v.asBool());
+    } else if (key == "id") {
+      if (!v.isInt64() || v.asInt64() <= 0) return Error("\"id\" must be a positive integer");
+      ORVASchedCTaskSetID(t, static_cast<long>(v.asInt64()));
+    } else if (key == "owner" || key == "real_owner") {
+      // handled below
+    } else if (key == "schedule") {
+      Json::Value wrap(Json::objectValue);
+      wrap["schedule"] = v;
+      if (!v.isObject() || !ORVASchedTaskConvertFromJson_Schedule(wrap, *t)) {
+        return Error("\"schedule\" is not a valid schedule object" + StoreError());
+      }
+    } else {
+      return Error("unknown member \"" + key + "\"");
+    }
+  }
+  unsigned uid = 0;
+  if (in.isMember("owner")) {
+    if (!in["owner"].isString() || !UserUid(in["owner"].asString(), uid)) {
+      return Error("\"owner\" must name an existing user");
+    }
+    ORVASchedCTaskSetOwner(t, uid);
+  }
+  if (in.isMember("real_owner") && !in["real_owner"].isNull()) {
+    unsigned real = 0;
+    if (!in["real_owner"].isString() || !UserUid(in["real_owner"].asString(), real)) {
+      return Error("\"real_owner\" must name an existing user");
+    }
+    if (!in.isMember("owner")) ORVASchedCTaskSetOwner(t, real);
+    ORVASchedCTaskSetRealOwner(t, true, real);
+  }
+  if (ORVASchedTaskSave(t) != 0) {
+    if (KELCErrGet() == ORVA_SCHED_ERR_NOT_OWNER) {
+      return Error("a user's task must run as that user (owner = real_owner)" + StoreError());
+    }
+    return Error("cannot save the task" + StoreError());
+  }
+  printf("%ld\n", ORVASchedTaskGetID(*t));
+  return 0;
+}
+
+int Show(long id) {
+  TaskPtr task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  if (!task) return Error("out of memory");
+  if (id == -1 || ORVASchedTaskLoad(id, task.get()) != 0) {
+    return Error("no task " + std::to_string(id) + StoreError());
+  }
+  printf("%s\n", OneLine(ToJson(*task)).c_str());
+  return 0;
+}
+
+int List() {
+  ORVA_SCHED_TASK* list = nullptr;
+  if (ORVASchedTaskListGet(&list, nullptr, nullptr) < 0) return Error("cannot list the tasks" + StoreError());
+  for (ORVA_SCHED_TASK* t = list; t; t = ORVASchedTaskNext(t)) {
+    printf("%s\n", OneLine(ToJson(*t)).c_str());
+  }
+  ORVASchedTaskListFree(list);
+  return 0;
+}
+
+int Remove(long id) {
+  if (ORVASchedTaskRemove(id) != 0) {
+    return Error((KELCErrGet() == ORVA_SCHED_ERR_NOT_FOUND ? "no task " : "cannot remove task ") +
+                 std::to_string(id) + StoreError());
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  openlog("orva-taskctl", LOG_PID, LOG_USER);
+  static const struct option kOptions[] = {
+      {"root", required_argument, nullptr, 'r'},
+      {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
+  };
+  int opt;
+  while ((opt = getopt_long(argc, argv, "+", kOptions, nullptr)) != -1) {
+    switch (opt) {
+      case 'r':
+        ORVA::ORVARootSet(optarg);
+        break;
+      case 'h':
+        Usage(stdout);
+        return 0;
+      default:
+        Usage(stderr);
+        return 2;
+    }
+  }
+  int n = argc - optind;
+  const char* cmd = n > 0 ? argv[optind] : "";
+  long id = 0;
+  if (strcmp(cmd, "add") == 0 && n == 2) return Add(argv[optind + 1]);
+  if (strcmp(cmd, "list") == 0 && n == 1) return List();
+  if ((strcmp(cmd, "show") == 0 || strcmp(cmd, "remove") == 0) && n == 2) {
+    if (!ParseId(argv[optind + 1], id)) return Error(std::string("not a task id: ") + argv[optind + 1]);
+    return cmd[0] == 's' ? Show(id) : Remove(id);
+  }
+  Usage(stderr);
+  return 2;
+}
