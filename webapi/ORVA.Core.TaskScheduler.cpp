@@ -306,15 +306,15 @@ bool TaskSchedulerHandler::ListDataCommon(int version, Json::Value& result) {
     }
   }
   if (allocFailed) {
+    syslog(LOG_ERR, "%s:%d get event task list failed. [0x%04X %s:%d]", kSrc, 306, KELCErrGet(), ErrFile(),
+           KELCErrorGetLine());
+    SetError(117, "get event task list failed");
     if (storeList) {
       ORVASchedTaskListFree(storeList);
     }
     if (eventHead) {
       ORVASchedTaskListFree(eventHead);
     }
-    syslog(LOG_ERR, "%s:%d get event task list failed. [0x%04X %s:%d]", kSrc, 306, KELCErrGet(), ErrFile(),
-           KELCErrorGetLine());
-    SetError(117, "get event task list failed");
     return false;
   }
   total += eventCount;
