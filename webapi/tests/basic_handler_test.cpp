@@ -86,6 +86,8 @@ TEST(SetTask, VersionOneCannotSetMinuteRepetition) {
     EXPECT_EQ(Record(id).schedule.repeat_min, version >= 2 ? 15 : 0);
     EXPECT_EQ(Record(id).schedule.n_repeat_min_cfg,
               version >= 2 ? 2 : apptest::FreshRecord().schedule.n_repeat_min_cfg);
+    EXPECT_EQ(Record(id).schedule.n_repeat_hour_cfg,
+              version >= 2 ? 1 : apptest::FreshRecord().schedule.n_repeat_hour_cfg);
 
     // The same through "set" on an existing task.
     Json::Value set = params;
