@@ -47,7 +47,7 @@ bool ReadFull(int fd, void* buf, size_t n) {
 
 }  // namespace
 
-TEST(Crash, KilledWriterLosesNoAcknowledgedSave) {
+TEST(SchedCrash, KilledWriterLosesNoAcknowledgedSave) {
   TempRoot root;
   std::mt19937 rng(static_cast<unsigned>(getpid()));
   std::vector<long> acked;
@@ -89,7 +89,7 @@ TEST(Crash, KilledWriterLosesNoAcknowledgedSave) {
   }
 }
 
-TEST(Crash, TwoWritersLoseNothing) {
+TEST(SchedCrash, TwoWritersLoseNothing) {
   TempRoot root;  // the database does not exist yet: both writers create it at once
   const int kSaves = 150;
   int go[2];

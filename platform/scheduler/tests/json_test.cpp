@@ -26,7 +26,7 @@ std::string Bytes(const ORVA_SCHED_TASK& t) { return std::string(reinterpret_cas
 
 }  // namespace
 
-TEST(Json, BasicToJsonHasEveryKey) {
+TEST(SchedJson, BasicToJsonHasEveryKey) {
   TestUser a("a");
   Task t;
   ORVASchedCTaskSetID(t.t, 42);
@@ -70,7 +70,7 @@ TEST(Json, BasicToJsonHasEveryKey) {
   EXPECT_FALSE(ORVASchedTaskConvertToJson_Basic(*sys, notObject));
 }
 
-TEST(Json, BasicFromJsonAtTheLimitAndOver) {
+TEST(SchedJson, BasicFromJsonAtTheLimitAndOver) {
   TestUser a("a");
   Task t;
   std::string longest = Repeat('n', ORVA_SCHED_NAME_MAX - 1);
@@ -109,7 +109,7 @@ TEST(Json, BasicFromJsonAtTheLimitAndOver) {
   EXPECT_EQ(ORVASchedTaskGetOwner(*again), a.uid());
 }
 
-TEST(Json, BasicFromJsonRefusesBadValues) {
+TEST(SchedJson, BasicFromJsonRefusesBadValues) {
   struct Case {
     const char* json;
     int code;
@@ -147,7 +147,7 @@ TEST(Json, BasicFromJsonRefusesBadValues) {
   }
 }
 
-TEST(Json, BasicByUser) {
+TEST(SchedJson, BasicByUser) {
   TestUser a("a"), b("b");
   Task t;
   Json::Value in;
@@ -171,7 +171,7 @@ TEST(Json, BasicByUser) {
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NO_USER);
 }
 
-TEST(Json, ScheduleRoundTrip) {
+TEST(SchedJson, ScheduleRoundTrip) {
   Task t;
   Json::Value in = Parse(R"({"schedule": {
       "repeat": "weekly", "date": "2031-12-31", "week_name": "0,2,6", "hour": 23, "min": 59,
@@ -211,7 +211,7 @@ TEST(Json, ScheduleRoundTrip) {
   EXPECT_EQ(disabled["schedule"]["next_trigger_time"], "N/A");
 }
 
-TEST(Json, ScheduleRefusesBadValues) {
+TEST(SchedJson, ScheduleRefusesBadValues) {
   const char* cases[] = {
       R"({"schedule": 3})",
       R"({"schedule": {"repeat": "yearly"}})",

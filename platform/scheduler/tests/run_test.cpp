@@ -38,7 +38,7 @@ Json::Value WaitRuns(long id, unsigned n, bool event = false) {
   return runs;
 }
 
-class RunTest : public ::testing::Test {
+class SchedRunTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ORVASchedSetRunnerPath(ORVA_SCHEDRUN_PATH);
@@ -63,7 +63,7 @@ class RunTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(RunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
+TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   TestUser u("r");
   long id = Save(
       "id -u > /usr/orva/out/ids; id -G >> /usr/orva/out/ids; env > /usr/orva/out/env;"
@@ -112,7 +112,7 @@ TEST_F(RunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   EXPECT_TRUE(last["end"].isString());
 }
 
-TEST_F(RunTest, SecondRunOfANoTwiceTaskIsSkipped) {
+TEST_F(SchedRunTest, SecondRunOfANoTwiceTaskIsSkipped) {
   TestUser u("s");
   long once = Save("sleep 2; echo done", u.uid(), false);
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);  // returns at once: the run goes on detached
@@ -139,7 +139,7 @@ TEST_F(RunTest, SecondRunOfANoTwiceTaskIsSkipped) {
   EXPECT_EQ(runs[1]["result"], "success");
 }
 
-TEST_F(RunTest, TasksOfAnAppThatMayNotRunTogether) {
+TEST_F(SchedRunTest, TasksOfAnAppThatMayNotRunTogether) {
   TestUser u("p");
   auto save = [&](const char* cmd, bool appSameTime) {
     Task t;
@@ -167,7 +167,7 @@ TEST_F(RunTest, TasksOfAnAppThatMayNotRunTogether) {
   EXPECT_EQ(runs[0]["result"], "success");
 }
 
-TEST_F(RunTest, UsersTaskRunsAsThatUser) {
+TEST_F(SchedRunTest, UsersTaskRunsAsThatUser) {
   TestUser u("u");
   Task t;
   ASSERT_EQ(ORVASchedTaskLoadByUser(u.c_str(), -1, t.t), 0);
@@ -180,7 +180,7 @@ TEST_F(RunTest, UsersTaskRunsAsThatUser) {
   EXPECT_EQ(runs[0]["result"], "success");
 }
 
-TEST_F(RunTest, MissingOwnerIsNotRun) {
+TEST_F(SchedRunTest, MissingOwnerIsNotRun) {
   long id;
   {
     TestUser gone("g");
@@ -195,7 +195,7 @@ TEST_F(RunTest, MissingOwnerIsNotRun) {
   EXPECT_NE(stat((out_ + "/ran").c_str(), &st), 0);
 }
 
-TEST_F(RunTest, SignalAndLongOutput) {
+TEST_F(SchedRunTest, SignalAndLongOutput) {
   TestUser u("o");
   long killed = Save("echo before; kill -TERM $$", u.uid());
   long chatty = Save("head -c 100000 /dev/zero | tr '\\0' a; printf '\\377'; echo END", u.uid());
@@ -214,7 +214,7 @@ TEST_F(RunTest, SignalAndLongOutput) {
   EXPECT_EQ(runs[0]["result"], "success");
 }
 
-TEST_F(RunTest, EventTaskRunsByItsOwnId) {
+TEST_F(SchedRunTest, EventTaskRunsByItsOwnId) {
   TestUser u("e");
   ORVASchedEventTask ev;
   ev.task_name = "boot";
@@ -231,7 +231,7 @@ TEST_F(RunTest, EventTaskRunsByItsOwnId) {
   EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(ev.id), status), -1);
 }
 
-TEST_F(RunTest, HistoryKeepsTheLastFifty) {
+TEST_F(SchedRunTest, HistoryKeepsTheLastFifty) {
   long id = Save("true", 0);
   for (int i = 0; i < ORVA_SCHED_RUN_HISTORY_MAX + 7; ++i) {
     ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, id, "schedule", "skipped", std::to_string(i)), 0);
@@ -246,7 +246,7 @@ TEST_F(RunTest, HistoryKeepsTheLastFifty) {
   EXPECT_EQ(ORVASchedTaskGetRunHistory(id, runs), -1);
 }
 
-TEST_F(RunTest, RunnerCommandLine) {
+TEST_F(SchedRunTest, RunnerCommandLine) {
   const std::string run = std::string(ORVA_SCHEDRUN_PATH) + " --root " + root_.path() + " ";
   struct Case {
     std::string args;
@@ -272,7 +272,7 @@ TEST_F(RunTest, RunnerCommandLine) {
   EXPECT_EQ(runs[0]["output"], "hi\n");
 }
 
-TEST_F(RunTest, UnstartableRunnerFails) {
+TEST_F(SchedRunTest, UnstartableRunnerFails) {
   long id = Save("true", 0);
   ORVASchedSetRunnerPath(root_.path() + "/no-such-runner");
   EXPECT_EQ(ORVASchedTaskRun(id, 0, 0), -1);

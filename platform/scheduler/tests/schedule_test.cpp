@@ -121,7 +121,7 @@ ORVA_SCHED_SCHEDULE Make(const Case& c) {
 
 }  // namespace
 
-TEST(Schedule, NextTriggerTable) {
+TEST(SchedSchedule, NextTriggerTable) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(std::string(c.what) + " (" + c.tz + ")");
     setenv("TZ", c.tz, 1);
@@ -138,7 +138,7 @@ TEST(Schedule, NextTriggerTable) {
   tzset();
 }
 
-TEST(Schedule, TaskStateAndEmptySchedules) {
+TEST(SchedSchedule, TaskStateAndEmptySchedules) {
   setenv("TZ", BER, 1);
   tzset();
   ORVA_SCHED_TASK* t = ORVASchedTaskAllocFast();

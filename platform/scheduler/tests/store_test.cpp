@@ -65,7 +65,7 @@ void SetOnce(ORVA_SCHED_TASK* t, int year, int month, int day, int hour, int min
 
 }  // namespace
 
-TEST(Store, FreshRecordDefaults) {
+TEST(SchedStore, FreshRecordDefaults) {
   TempRoot root;
   TestUser a("a");
   Task alloc, loaded, byUser;
@@ -111,7 +111,7 @@ TEST(Store, FreshRecordDefaults) {
   EXPECT_NE(ORVASchedTaskGetNextTriggerTime(*alloc), "N/A");
 }
 
-TEST(Store, ZeroFilledRecordIsValid) {
+TEST(SchedStore, ZeroFilledRecordIsValid) {
   TempRoot root;
   ORVA_SCHED_TASK* t = static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)));
   ORVASchedCTaskSetName(t, "zeroed");
@@ -127,7 +127,7 @@ TEST(Store, ZeroFilledRecordIsValid) {
   free(t);
 }
 
-TEST(Store, TextFieldsAtTheLimitAndOneByteOver) {
+TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
   TempRoot root;
   for (const TextField& f : kTextFields) {
     SCOPED_TRACE(f.name);
@@ -165,7 +165,7 @@ TEST(Store, TextFieldsAtTheLimitAndOneByteOver) {
   }
 }
 
-TEST(Store, EveryFieldRoundTrips) {
+TEST(SchedStore, EveryFieldRoundTrips) {
   TempRoot root;
   Task t;
   ORVASchedCTaskSetOwner(t.t, 2);
@@ -211,7 +211,7 @@ TEST(Store, EveryFieldRoundTrips) {
   EXPECT_FALSE(ORVASchedTaskIsNew(*back));
 }
 
-TEST(Store, IdsAssignedAndKept) {
+TEST(SchedStore, IdsAssignedAndKept) {
   TempRoot root;
   Task a, b, fixed;
   ASSERT_EQ(ORVASchedTaskSave(a.t), 0);
@@ -255,7 +255,7 @@ TEST(Store, IdsAssignedAndKept) {
   EXPECT_STREQ(ORVASchedTaskGetName(*loaded), "renamed");
 }
 
-TEST(Store, BadScheduleIsNotSaved) {
+TEST(SchedStore, BadScheduleIsNotSaved) {
   TempRoot root;
   struct Case {
     const char* what;
@@ -280,7 +280,7 @@ TEST(Store, BadScheduleIsNotSaved) {
   EXPECT_EQ(CountTasks(), 0);
 }
 
-TEST(Store, ByUserMatrix) {
+TEST(SchedStore, ByUserMatrix) {
   TempRoot root;
   TestUser a("a"), b("b");
   enum Actor { kSystem, kA, kB };
@@ -385,7 +385,7 @@ int KeepListable(const ORVA_SCHED_TASK* t, void* arg) {
 
 }  // namespace
 
-TEST(Store, ListFiltersAndFreesForeignRecords) {
+TEST(SchedStore, ListFiltersAndFreesForeignRecords) {
   TempRoot root;
   for (int i = 0; i < 10; ++i) {
     Task t;
@@ -424,7 +424,7 @@ TEST(Store, ListFiltersAndFreesForeignRecords) {
   EXPECT_EQ(ORVASchedTaskListGet(nullptr, nullptr, nullptr), -1);
 }
 
-TEST(Store, SortEveryKeyBothDirections) {
+TEST(SchedStore, SortEveryKeyBothDirections) {
   TempRoot root;
   // id: name, enabled, owner uid (0 root, 1 daemon, 2 bin), app name, action, once at
   struct Row {
@@ -491,7 +491,7 @@ TEST(Store, SortEveryKeyBothDirections) {
   ORVASchedTaskListFree(list);
 }
 
-TEST(Store, PagesNeitherOverlapNorSkip) {
+TEST(SchedStore, PagesNeitherOverlapNorSkip) {
   TempRoot root;
   const int kTasks = 47;
   for (int i = 0; i < kTasks; ++i) {
@@ -520,7 +520,7 @@ TEST(Store, PagesNeitherOverlapNorSkip) {
   }
 }
 
-TEST(Store, GenerationCountsTaskWritesOnly) {
+TEST(SchedStore, GenerationCountsTaskWritesOnly) {
   TempRoot root;
   EXPECT_EQ(ORVASchedStoreDbPath(), root.path() + "/var/lib/orva/scheduler.db");
   int64_t g0 = ORVASchedStoreGeneration();
@@ -545,7 +545,7 @@ TEST(Store, GenerationCountsTaskWritesOnly) {
   EXPECT_GT(ORVASchedStoreGeneration(), g2);
 }
 
-TEST(Store, EventTasks) {
+TEST(SchedStore, EventTasks) {
   TempRoot root;
   TestUser a("a");
   ORVASchedEventTask boot;
@@ -610,7 +610,7 @@ TEST(Store, EventTasks) {
   EXPECT_TRUE(status["last_run"].isNull());
 }
 
-TEST(Store, DatabaseSettingsAndSchemaVersion) {
+TEST(SchedStore, DatabaseSettingsAndSchemaVersion) {
   TempRoot root;
   ASSERT_GE(ORVASchedStoreGeneration(), 0);
   sqlite3* db = nullptr;
@@ -637,7 +637,7 @@ TEST(Store, DatabaseSettingsAndSchemaVersion) {
   ORVA::ORVARootSet(other.path());
 }
 
-TEST(Store, ConnectionIsNotCarriedAcrossFork) {
+TEST(SchedStore, ConnectionIsNotCarriedAcrossFork) {
   TempRoot root;
   Task t;
   ASSERT_EQ(ORVASchedTaskSave(t.t), 0);  // the parent's connection is open
