@@ -245,6 +245,9 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
 
 int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts) {
   signal(SIGPIPE, SIG_IGN);
+  // A terminal's Ctrl-C reaches the whole process group; the supervisor alone decides
+  // and drains the workers with SIGTERM.
+  signal(SIGINT, SIG_IGN);
   // Modules and their database connections belong to this process alone.
   ORVA::APIRegistry::Instance().LoadDirectory(ORVA::ORVAPathMap("/usr/orva/lib/webapi"));
 
@@ -267,7 +270,7 @@ int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts) {
     return 1;
   }
 
-  asio::signal_set signals(ioc, SIGTERM, SIGINT);
+  asio::signal_set signals(ioc, SIGTERM);
   signals.async_wait([&](beast::error_code ec, int) {
     if (ec) return;
     gDraining = true;

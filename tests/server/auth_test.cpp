@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <iostream>
+
 #include "server_fixture.h"
 
 namespace {
@@ -13,6 +15,9 @@ using orvatest::ParseJson;
 class Identity : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.Start(1)); }
+  void TearDown() override {
+    if (HasFailure()) std::cerr << "server log:\n" << server.Log();
+  }
   orvatest::TempRoot root;
   orvatest::Server server{root};
 };

@@ -1,5 +1,7 @@
 // The web API entry point of the real server: envelopes, framework error codes with
 // their HTTP statuses, sessions, CSRF and language negotiation.
+#include <iostream>
+
 #include "server_fixture.h"
 
 namespace {
@@ -10,6 +12,9 @@ using orvatest::ParseJson;
 class Entry : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.Start(1)); }
+  void TearDown() override {
+    if (HasFailure()) std::cerr << "server log:\n" << server.Log();
+  }
   orvatest::TempRoot root;
   orvatest::Server server{root};
 };

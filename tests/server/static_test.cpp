@@ -1,4 +1,6 @@
 // Static files of the webman folder, and every way of trying to leave it.
+#include <iostream>
+
 #include "server_fixture.h"
 
 namespace {
@@ -6,6 +8,9 @@ namespace {
 class Static : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.Start(1)); }
+  void TearDown() override {
+    if (HasFailure()) std::cerr << "server log:\n" << server.Log();
+  }
   orvatest::TempRoot root;
   orvatest::Server server{root};
 };
