@@ -171,6 +171,22 @@ bool SpawnDetached(const std::string& program, const std::vector<std::string>& a
     SCHED_ERR(ORVA_SCHED_ERR_RUN);
     return false;
   }
+  // A caller with closed standard descriptors would get the pipe among 0-2, which
+  // the child points at /dev/null; keep it above them.
+  for (int& fd : pfd) {
+    if (fd < 3) {
+      int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+      close(fd);
+      fd = moved;
+    }
+  }
+  if (pfd[0] < 0 || pfd[1] < 0) {
+    syslog(LOG_ERR, "%s:%d dup failed: %m", __FILE_NAME__, __LINE__);
+    if (pfd[0] >= 0) close(pfd[0]);
+    if (pfd[1] >= 0) close(pfd[1]);
+    SCHED_ERR(ORVA_SCHED_ERR_RUN);
+    return false;
+  }
   pid_t pid = fork();
   if (pid < 0) {
     syslog(LOG_ERR, "%s:%d fork failed: %m", __FILE_NAME__, __LINE__);
