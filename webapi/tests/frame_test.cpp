@@ -88,7 +88,7 @@ struct Handler {
         handler(&request, &response, 0, "", Json::Value(), new ORVA::Core::TaskScheduler::AppParser("en")) {}
 };
 
-TEST(Dispatch, UnknownOrMisplacedMethodsReportCodeZero) {
+TEST(HandlerDispatch, UnknownOrMisplacedMethodsReportCodeZero) {
   tstest::TempRoot root;
   struct Case {
     int version;
@@ -109,7 +109,7 @@ TEST(Dispatch, UnknownOrMisplacedMethodsReportCodeZero) {
   }
 }
 
-TEST(Dispatch, EmptyMethodWritesNoReply) {
+TEST(HandlerDispatch, EmptyMethodWritesNoReply) {
   tstest::TempRoot root;
   Handler a;
   a.handler.Process_v1(nullptr);

@@ -280,7 +280,7 @@ TEST(EscapeShellName, EmptyOrUnescapableGivesEmptyAndALogLine) {
   EXPECT_EQ(tstest::LogsWith("escape cmd=\n\n failed").size(), 1u);
 }
 
-class Texts : public ::testing::Test {
+class AppParserTexts : public ::testing::Test {
  protected:
   void SetUp() override {
     root.WriteTexts("en", Parse(R"({
@@ -297,7 +297,7 @@ class Texts : public ::testing::Test {
   tstest::TempRoot root;
 };
 
-TEST_F(Texts, SectionKeyShape) {
+TEST_F(AppParserTexts, SectionKeyShape) {
   TS::AppParser parser("en");
   struct Case {
     const char* text;
@@ -310,7 +310,7 @@ TEST_F(Texts, SectionKeyShape) {
   }
 }
 
-TEST_F(Texts, Lookups) {
+TEST_F(AppParserTexts, Lookups) {
   TS::AppParser parser("en");
   struct Case {
     const char* app;
@@ -342,7 +342,7 @@ TEST_F(Texts, Lookups) {
   EXPECT_FALSE(parser.Is3rdPartyApp("Other.App"));
 }
 
-TEST_F(Texts, NoFallbackToAnotherLanguage) {
+TEST_F(AppParserTexts, NoFallbackToAnotherLanguage) {
   TS::AppParser de("de");
   EXPECT_EQ(de.GetString("", "#common:run#"), "Ausführen");
   EXPECT_EQ(de.GetString("", "#common:ok#"), "#common:ok#");
@@ -350,7 +350,7 @@ TEST_F(Texts, NoFallbackToAnotherLanguage) {
   EXPECT_EQ(fr.GetString("", "#common:ok#"), "#common:ok#");
 }
 
-TEST_F(Texts, AppTextsAreReadAtLookupTime) {
+TEST_F(AppParserTexts, AppTextsAreReadAtLookupTime) {
   TS::AppParser parser("en");
   EXPECT_EQ(parser.GetString("Vendor.App", "#app:title#"), "My App");
   // Rewritten after the parser was built: the next lookup sees it (different size, so

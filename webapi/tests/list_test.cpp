@@ -32,7 +32,7 @@ std::vector<long> Ids(const Reply& r) {
   return out;
 }
 
-class List : public ::testing::Test {
+class ListTasks : public ::testing::Test {
  protected:
   void SetUp() override {
     root.WriteTexts("en", Parse(R"({
@@ -46,7 +46,7 @@ class List : public ::testing::Test {
   tstest::TempRoot root;
 };
 
-TEST_F(List, NothingAtAll) {
+TEST_F(ListTasks, NothingAtAll) {
   for (int version : {1, 2}) {
     Reply r = Call(version, "list", Json::Value(Json::objectValue));
     ASSERT_TRUE(r.success) << r.envelope;
@@ -55,7 +55,7 @@ TEST_F(List, NothingAtAll) {
   }
 }
 
-TEST_F(List, PagingArithmetic) {
+TEST_F(ListTasks, PagingArithmetic) {
   for (int i = 0; i < 8; ++i) {
     tstest::TaskSpec spec;
     spec.name = "t" + std::to_string(i);
@@ -96,7 +96,7 @@ TEST_F(List, PagingArithmetic) {
 }
 
 // The listing's order for each "sort_by" is the store's order for the mapped key.
-TEST_F(List, SortKeysMapToTheStoresKeys) {
+TEST_F(ListTasks, SortKeysMapToTheStoresKeys) {
   tstest::TestUser u1;
   tstest::TestUser u2;
   ASSERT_TRUE(u1.Ok() && u2.Ok());
@@ -171,7 +171,7 @@ TEST_F(List, SortKeysMapToTheStoresKeys) {
   EXPECT_EQ(order("type"), order("app_name"));
 }
 
-TEST_F(List, VersionFilterAndOwners) {
+TEST_F(ListTasks, VersionFilterAndOwners) {
   tstest::TestUser user;
   ASSERT_TRUE(user.Ok());
   tstest::TaskSpec sys;
@@ -204,7 +204,7 @@ TEST_F(List, VersionFilterAndOwners) {
   EXPECT_EQ(v2.data["tasks"][1]["owner"], user.Name());
 }
 
-TEST_F(List, ItemFields) {
+TEST_F(ListTasks, ItemFields) {
   tstest::TaskSpec script;
   script.name = "script";
   script.action = "#common:run#: echo hi";
@@ -262,7 +262,7 @@ TEST_F(List, ItemFields) {
   EXPECT_EQ(otherItem["app_name"], "System title");
 }
 
-TEST_F(List, EventTasksJoinEveryListingWithNewIds) {
+TEST_F(ListTasks, EventTasksJoinEveryListingWithNewIds) {
   tstest::TestUser user;
   ASSERT_TRUE(user.Ok());
   tstest::TaskSpec spec;
@@ -319,7 +319,7 @@ TEST_F(List, EventTasksJoinEveryListingWithNewIds) {
   }
 }
 
-TEST_F(List, EventSchedulerFailureMeansNoEventTasks) {
+TEST_F(ListTasks, EventSchedulerFailureMeansNoEventTasks) {
   tstest::TaskSpec spec;
   tstest::AddTask(spec);
   Json::Value e;

@@ -22,7 +22,7 @@ Json::Value Parse(const std::string& text) {
 
 std::string S(long id) { return std::to_string(id); }
 
-class Ops : public ::testing::Test {
+class TaskOps : public ::testing::Test {
  protected:
   void SetUp() override {
     for (int i = 0; i < 3; ++i) {
@@ -44,7 +44,7 @@ class Ops : public ::testing::Test {
   long ids[3] = {0, 0, 0};
 };
 
-TEST_F(Ops, ParameterShapes) {
+TEST_F(TaskOps, ParameterShapes) {
   struct Case {
     int version;
     const char* method;
@@ -82,7 +82,7 @@ TEST_F(Ops, ParameterShapes) {
   for (long id : ids) EXPECT_TRUE(tstest::TaskExists(id) && tstest::TaskEnabled(id));
 }
 
-TEST_F(Ops, EmptyArraysSucceedWithNullData) {
+TEST_F(TaskOps, EmptyArraysSucceedWithNullData) {
   const char* cases[][2] = {{"set_enable", R"({"status": []})"}, {"delete", R"({"task": []})"},
                             {"run", R"({"task": []})"}};
   for (auto& c : cases) {
@@ -96,7 +96,7 @@ TEST_F(Ops, EmptyArraysSucceedWithNullData) {
   EXPECT_TRUE(r.success);
 }
 
-TEST_F(Ops, SetEnableV1StopsAtTheFirstFailureAndKeepsEarlierChanges) {
+TEST_F(TaskOps, SetEnableV1StopsAtTheFirstFailureAndKeepsEarlierChanges) {
   std::string p = R"({"status": [{"id": )" + S(ids[0]) + R"(, "enable": false}, {"id": 99999, "enable": false},
                                  {"id": )" + S(ids[1]) + R"(, "enable": false}]})";
   tstest::ClearLogs();
@@ -121,7 +121,7 @@ TEST_F(Ops, SetEnableV1StopsAtTheFirstFailureAndKeepsEarlierChanges) {
   EXPECT_EQ(tstest::LogsWith(":585 backend_orvaschedule: enabled task [").size(), 2u);
 }
 
-TEST_F(Ops, DeleteAndRunV1) {
+TEST_F(TaskOps, DeleteAndRunV1) {
   // A single id, then an array whose second element is not an integer.
   Reply r = Call(1, "delete", Parse(R"({"task": )" + S(ids[0]) + "}"));
   EXPECT_TRUE(r.success);
@@ -141,7 +141,7 @@ TEST_F(Ops, DeleteAndRunV1) {
   EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler:498 Failed to run task [424242]. [0x").size(), 1u);
 }
 
-TEST_F(Ops, VersionTwoActsOnBehalfOfUsers) {
+TEST_F(TaskOps, VersionTwoActsOnBehalfOfUsers) {
   tstest::TestUser alice;
   tstest::TestUser bob;
   ASSERT_TRUE(alice.Ok() && bob.Ok());
@@ -228,7 +228,7 @@ Json::Value WaitForLastRun(long id) {
   return Json::Value();
 }
 
-TEST_F(Ops, RunStartsTheRealRunner) {
+TEST_F(TaskOps, RunStartsTheRealRunner) {
   std::string runner = std::string(ORVA_BUILD_DIR) + "/bin/orva-schedrun";
   ASSERT_EQ(access(runner.c_str(), X_OK), 0) << runner;
   ASSERT_EQ(symlink(runner.c_str(), (root.Path() + "/usr/orva/bin/orva-schedrun").c_str()), 0);

@@ -14,7 +14,7 @@ Json::Value Parse(const char* text) {
   return v;
 }
 
-class Translate : public ::testing::Test {
+class TranslateAction : public ::testing::Test {
  protected:
   void SetUp() override {
     root.WriteTexts("en", Parse(R"({
@@ -43,7 +43,7 @@ class Translate : public ::testing::Test {
   std::unique_ptr<TaskSchedulerHandler> handler;
 };
 
-TEST_F(Translate, ScannerCases) {
+TEST_F(TranslateAction, ScannerCases) {
   struct Case {
     const char* action;
     const char* want;
@@ -73,18 +73,18 @@ TEST_F(Translate, ScannerCases) {
   }
 }
 
-TEST_F(Translate, AppTextsFirstThenSystemTexts) {
+TEST_F(TranslateAction, AppTextsFirstThenSystemTexts) {
   EXPECT_EQ(Run("#a:b# / #x:y#", "Vendor.App"), "vendor AB / XY");
   EXPECT_EQ(Run("#a:b#", "ORVA.VEK.TaskScheduler.Beep"), "AB");
 }
 
-TEST_F(Translate, ReplacementHitsTheFirstRemainingOccurrence) {
+TEST_F(TranslateAction, ReplacementHitsTheFirstRemainingOccurrence) {
   // "#common:ab#" translates to "#x:y#"; the later token then replaces the copy inside
   // that translation and its own occurrence stays.
   EXPECT_EQ(Run("#common:ab# #x:y#"), "XY #x:y#");
 }
 
-TEST_F(Translate, NonStringOrMissingAction) {
+TEST_F(TranslateAction, NonStringOrMissingAction) {
   Json::Value item(Json::objectValue);
   item["name"] = "n";
   handler->TranslateActionKey(item, "");
