@@ -1,6 +1,7 @@
 // Listed service tasks: today's package display names, the process-wide package cache
 // and the WinShare rewrite. One test per program, since the cache lives for the process.
 #include <gtest/gtest.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "scheduler/task.h"
@@ -54,6 +55,14 @@ TEST(ServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   beep.action = "WinShare #common:stop_service#";
   tstest::AddTask(beep);
 
+  // A stored action so long that the rewritten one would not fit: it stays as it is.
+  tstest::TaskSpec full = service;
+  full.name = "full";
+  std::string head = R"(#common:start_service#: "WinShare" ")";
+  full.action = head + std::string(ORVA_SCHED_ACTION_MAX - 2 - head.size(), 'p') + "\"";
+  ASSERT_EQ(full.action.size(), static_cast<size_t>(ORVA_SCHED_ACTION_MAX - 1));
+  ASSERT_GT(tstest::AddTask(full), 0);
+
   // 1. Packages cannot be enumerated: the stored action, rewritten and translated, and
   //    the two log lines.
   tstest::ClearLogs();
@@ -61,12 +70,18 @@ TEST(ServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   ASSERT_TRUE(r.success) << r.envelope;
   EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "Old Name")");
   EXPECT_EQ(ActionOf(r, "beep"), "WinShare Stop service");
+  EXPECT_EQ(ActionOf(r, "full"), "Start service" + full.action.substr(strlen("#common:start_service#")));
+  auto replaceLogs = tstest::LogsWith("replace string failed");
+  ASSERT_EQ(replaceLogs.size(), 1u);
+  EXPECT_EQ(replaceLogs[0].text, "ORVA.Core.TaskScheduler:174 replace string failed");
+  // Every service task of the listing tries the enumeration again.
   auto enumLogs = tstest::LogsWith("ORVA.Core.TaskScheduler:190 Failed to enum packages");
-  ASSERT_EQ(enumLogs.size(), 1u);
+  ASSERT_EQ(enumLogs.size(), 2u);
   EXPECT_EQ(enumLogs[0].priority, LOG_ERR);
   auto fallback = tstest::LogsWith("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
                                    std::to_string(serviceId) + "]");
   ASSERT_EQ(fallback.size(), 1u);
+  EXPECT_EQ(tstest::LogsWith(":214 Unable to update service task package display names [").size(), 2u);
   EXPECT_EQ(fallback[0].priority, LOG_WARNING);
 
   // 2. The package appears renamed: the next listing enumerates again and shows the new
