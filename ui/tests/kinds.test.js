@@ -220,8 +220,14 @@ test('service form: selection, action and labels', () => {
   assert.deepEqual(f2.services, [{ type: 'package', id: 'p', name: 'P', enable: true }]);
 
   const t = translator('en');
-  assert.equal(serviceLabel({ type: 'service', id: 'WinShare', name: 'WinShare' }, t), 'Windows file service (SMB)');
+  assert.equal(serviceLabel({ type: 'service', id: 'WinShare', name: 'WinShare' }, t), 'SMB/CIFS file service');
   assert.equal(serviceLabel({ type: 'service', id: 'NewThing', name: 'NewThing' }, t), 'NewThing');
   assert.equal(serviceLabel({ type: 'package', id: 'mediad', name: 'Media Server' }, t), 'Media Server');
   assert.equal(serviceLabel({ type: 'package', id: 'mediad', name: '' }, t), 'mediad');
+  // The appliance's own texts name built-in services first; a missing or empty one falls back.
+  const sys = { network: { win_share_service: 'SMB/CIFS file service', mac_share_subject: '' }, time: 'x' };
+  assert.equal(serviceLabel({ type: 'service', id: 'WinShare' }, t, sys), 'SMB/CIFS file service');
+  assert.equal(serviceLabel({ type: 'service', id: 'MacShare' }, t, sys), 'AFP file service');
+  assert.equal(serviceLabel({ type: 'service', id: 'ClockServer' }, t, sys), 'NTP service');
+  assert.equal(serviceLabel({ type: 'service', id: 'toString' }, t, sys), 'toString');
 });

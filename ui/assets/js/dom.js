@@ -37,13 +37,27 @@ let uid = 0;
 export const nextId = (prefix) => `${prefix}-${++uid}`;
 
 // Opens a modal dialog and returns focus to the element that had it once it closes.
+// The close event comes a moment after close(); a dialog opened again before it came
+// settles the earlier opening first.
+const openings = new WeakMap();
 export function openModal(dialog, onClose) {
-  const opener = document.activeElement;
+  const prev = openings.get(dialog);
+  let opener = document.activeElement;
+  if (prev) {
+    dialog.removeEventListener('close', prev.closed);
+    openings.delete(dialog);
+    opener = prev.opener;
+    if (prev.onClose) prev.onClose();
+  }
   const closed = () => {
+    // The late close event of an earlier opening reaches this listener too.
+    if (dialog.open) return;
     dialog.removeEventListener('close', closed);
+    openings.delete(dialog);
     if (onClose) onClose();
     if (opener && opener.isConnected && typeof opener.focus === 'function') opener.focus();
   };
+  openings.set(dialog, { closed, onClose, opener });
   dialog.addEventListener('close', closed);
   if (!dialog.open) dialog.showModal();
 }

@@ -9,7 +9,8 @@ const TS_API = 'ORVA.Core.TaskScheduler';
 const TS_EDIT_VERSION = 3;
 
 export class Editor {
-  constructor({ dialog, client, getT, toaster, onSaved }) {
+  constructor({ dialog, client, getT, getTexts, toaster, onSaved }) {
+    this.getTexts = getTexts ?? (() => null);
     this.dialog = dialog;
     this.client = client;
     this.getT = getT;
@@ -46,6 +47,7 @@ export class Editor {
 
   async open({ kind, item }) {
     const t = this.t;
+    openModal(this.dialog, () => { this.session++; });
     const session = ++this.session;
     this.isNew = item === null;
     this.kind = kind;
@@ -56,7 +58,6 @@ export class Editor {
     this.saveBtn.disabled = true;
     this.task = null;
     this.ctl = null;
-    openModal(this.dialog, () => { this.session++; });
 
     const params = this.isNew ? { id: -1, type: kind } : { id: item.id };
     if (!this.isNew && typeof item.real_owner === 'string' && item.real_owner !== '') params.real_owner = item.real_owner;
@@ -351,7 +352,7 @@ export class Editor {
         cb.addEventListener('change', () => { s.enable = cb.checked; });
         boxes.push(cb);
         this.ctl.svcChecks.push(cb);
-        list.append(h('label', { class: 'check', title: s.id }, cb, serviceLabel(s, t),
+        list.append(h('label', { class: 'check', title: s.id }, cb, serviceLabel(s, t, this.getTexts()),
           type === 'package' && s.name !== s.id ? h('span', { class: 'pkg-tag', text: s.id }) : null));
       }
       firstCheck.push(boxes[0]);
@@ -363,8 +364,8 @@ export class Editor {
       return h('div', { role: 'group', 'aria-labelledby': legendId },
         h('div', { class: 'checklist-head' }, h('span', { id: legendId, text: title }),
           h('span', { class: 'links' },
-            h('button', { type: 'button', class: 'link-btn', text: t('toolbar.enable'), onclick: setAll(true) }),
-            h('button', { type: 'button', class: 'link-btn', text: t('toolbar.disable'), onclick: setAll(false) }))),
+            h('button', { type: 'button', class: 'link-btn', text: t('service.select_all'), onclick: setAll(true) }),
+            h('button', { type: 'button', class: 'link-btn', text: t('service.select_none'), onclick: setAll(false) }))),
         list);
     };
     const pick = h('span', { class: 'label' });

@@ -191,10 +191,27 @@ const service = {
   },
 };
 
-// The label of one entry of the service list: a built-in service by the page's own
-// text for its id, a package by its display name.
-export function serviceLabel(entry, t) {
+// The appliance's own text of each built-in service (section and key of the system
+// texts, texts/LANG/strings.json), so the form names them as the task list does.
+export const SERVICE_TEXT_KEYS = {
+  WinShare: ['network', 'win_share_service'],
+  MacShare: ['network', 'mac_share_subject'],
+  UnixShare: ['unixshare', 'unixshare_title'],
+  PrinterBeacon: ['network', 'printerBeacon_subject'],
+  LoginGuard: ['tree', 'leaf_loginguard'],
+  FileXferTls: ['tree', 'leaf_filexfer_tls'],
+  FileXferSsh: ['tree', 'leaf_filexfer_ssh'],
+  FileXfer: ['tree', 'leaf_filexfer'],
+  ClockServer: ['time', 'clock_service'],
+};
+
+// The label of one entry of the service list: a package by its display name, a
+// built-in service by the system texts, else by the page's own text, else by its id.
+export function serviceLabel(entry, t, systemTexts) {
   if (entry.type === 'package') return entry.name || entry.id;
+  const sk = Object.hasOwn(SERVICE_TEXT_KEYS, entry.id) ? SERVICE_TEXT_KEYS[entry.id] : null;
+  const sys = sk ? systemTexts?.[sk[0]]?.[sk[1]] : undefined;
+  if (typeof sys === 'string' && sys !== '') return sys;
   const key = `svc.${entry.id}`;
   const text = t(key);
   return text === key ? entry.id : text;

@@ -27,6 +27,7 @@ const app = {
   selected: new Set(),
   loadSeq: 0,
   busy: false,
+  systemTexts: null,
 };
 
 const client = new ApiClient({ onSessionLost: () => sessionLost() });
@@ -34,7 +35,7 @@ const toaster = new Toaster($('#toasts'), app.t);
 const getT = () => app.t;
 
 const editor = new Editor({
-  dialog: $('#edit-dialog'), client, getT, toaster,
+  dialog: $('#edit-dialog'), client, getT, getTexts: () => app.systemTexts, toaster,
   onSaved: () => loadList(),
 });
 const results = new ResultView({
@@ -44,8 +45,21 @@ const results = new ResultView({
 
 // ---- language ---------------------------------------------------------------------
 
+// The appliance's own texts of the language (names of the built-in services).
+async function loadSystemTexts(lang) {
+  try {
+    const res = await fetch(`texts/${encodeURIComponent(lang)}/strings.json`, { cache: 'no-cache' });
+    const texts = res.ok ? await res.json() : null;
+    if (app.lang === lang) app.systemTexts = texts && typeof texts === 'object' ? texts : null;
+  } catch {
+    if (app.lang === lang) app.systemTexts = null;
+  }
+}
+
 function setLanguage(lang) {
   app.lang = lang;
+  app.systemTexts = null;
+  loadSystemTexts(lang);
   app.t = translator(lang);
   toaster.t = app.t;
   client.lang = lang;
@@ -156,7 +170,7 @@ async function onLoginSubmit(ev) {
   btn.disabled = true;
   btn.textContent = app.t('login.busy');
   try {
-    await client.login({ account, passwd });
+    await client.login({ account, passwd, lang: app.lang });
     saveCsrf(client.csrf);
     $('#login-password').value = '';
     await enterApp();
@@ -190,7 +204,7 @@ async function boot() {
     // The token must not stay in the address bar or the history.
     history.replaceState(history.state, '', cleanUrl);
     try {
-      await client.login({ token });
+      await client.login({ token, lang: app.lang });
       saveCsrf(client.csrf);
       await enterApp();
     } catch (err) {

@@ -32,6 +32,7 @@ export class ResultView {
 
   open(item, { startedAt = null } = {}) {
     const t = this.t;
+    openModal(this.dialog, () => this.stop());
     this.item = item;
     this.startedAt = startedAt;
     this.session++;
@@ -41,7 +42,6 @@ export class ResultView {
     this.runBtn.hidden = item.can_run !== true;
     this.runBtn.disabled = false;
     this.lastOutput = null;
-    openModal(this.dialog, () => this.stop());
     this.refresh();
   }
 
