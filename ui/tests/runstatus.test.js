@@ -43,12 +43,27 @@ test('times and durations', () => {
   for (const [s, want] of durations) assert.equal(formatDuration(s), want, String(s));
 });
 
-test('polling goes on while running and shortly after a start', () => {
+test('polling goes on while running and shortly after a start until the new run shows', () => {
+  const fmt = (ms) => {
+    const d = new Date(ms);
+    const p = (n) => String(n).padStart(2, '0');
+    return `${d.getFullYear()}-${p(d.getMonth() + 1)}-${p(d.getDate())} ${p(d.getHours())}:${p(d.getMinutes())}:${p(d.getSeconds())}`;
+  };
+  const t0 = new Date(2025, 2, 10, 12, 0, 0).getTime();
+  const old = { running: false, last: { start: fmt(t0 - 3600e3) } };
+  const fresh = { running: false, last: { start: fmt(t0 + 1000) } };
   const cases = [
-    [{ running: true }, null, 0, true],
-    [{ running: false }, null, 0, false],
-    [{ running: false }, 1000, 3000, true],
-    [{ running: false }, 1000, 6000, false],
+    ['running', { running: true, last: null }, null, t0, undefined, true],
+    ['idle, nothing started', { running: false, last: null }, null, t0, undefined, false],
+    ['started, old run still shown', old, t0, t0 + 1500, undefined, true],
+    ['started, nothing shown yet', { running: false, last: null }, t0, t0 + 1500, undefined, true],
+    ['started, new run shown', fresh, t0, t0 + 1500, undefined, false],
+    ['started, old run shown, grace over', old, t0, t0 + 6000, undefined, false],
+    ['baseline: same start is the old run', old, t0, t0 + 1000, old.last.start, true],
+    ['baseline: a different start is the new run', { running: false, last: { start: 'odd clock' } }, t0, t0 + 1000, old.last.start, false],
+    ['running beats everything', { running: true, last: fresh.last }, t0, t0 + 99999, fresh.last.start, true],
   ];
-  for (const [desc, startedAt, now, want] of cases) assert.equal(shouldPoll(desc, startedAt, now), want);
+  for (const [name, desc, startedAt, now, baseline, want] of cases) {
+    assert.equal(shouldPoll(desc, startedAt, now, baseline), want, name);
+  }
 });

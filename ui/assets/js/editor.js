@@ -216,7 +216,9 @@ export class Editor {
     this.ctl.duration = input;
     const f = this.field('app.duration', t('beep.label'), input, t('beep.hint'));
     // Unit beside the number.
-    f.replaceChild(h('div', { class: 'inline' }, input, h('span', { text: t('beep.unit') })), input);
+    const wrap = h('div', { class: 'inline' });
+    input.replaceWith(wrap);
+    wrap.append(input, h('span', { text: t('beep.unit') }));
     return [f];
   }
 
@@ -484,7 +486,7 @@ export class Editor {
   // ---- saving --------------------------------------------------------------------
 
   async save() {
-    if (!this.task || this.saveBtn.disabled) return;
+    if (!this.task || !this.dialog.open || this.saveBtn.disabled) return;
     const t = this.t;
     for (const key of this.fields.keys()) this.showFieldError(key, null);
     this.setError('');

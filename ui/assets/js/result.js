@@ -35,6 +35,8 @@ export class ResultView {
     openModal(this.dialog, () => this.stop());
     this.item = item;
     this.startedAt = startedAt;
+    this.baseline = undefined;
+    this.lastStart = undefined;
     this.session++;
     this.title.textContent = t('result.title', { name: item.name });
     this.body.replaceChildren(h('div', { class: 'grid-state', text: t('edit.loading') }));
@@ -67,7 +69,8 @@ export class ResultView {
     if (session !== this.session) return;
     const desc = describeRunStatus(status);
     this.render(desc);
-    const poll = shouldPoll(desc, this.startedAt, Date.now());
+    this.lastStart = desc.last ? desc.last.start : '';
+    const poll = shouldPoll(desc, this.startedAt, Date.now(), this.baseline);
     this.live.textContent = poll ? t('result.refreshing') : '';
     this.runBtn.disabled = desc.running;
     if (poll) this.timer = setTimeout(() => this.refresh(), POLL_MS);
@@ -125,6 +128,7 @@ export class ResultView {
       await this.client.call(TS_API, 2, 'run', taskListParams([item]));
       this.toaster.show(t('toast.started', { n: 1, name: item.name }));
       this.startedAt = Date.now();
+      this.baseline = this.lastStart;
       if (this.onRun) this.onRun();
       this.refresh();
     } catch (err) {

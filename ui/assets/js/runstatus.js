@@ -60,8 +60,16 @@ export function describeRunStatus(status) {
 }
 
 // Whether the dialog should ask again: while the task runs, and shortly after a start
-// that the status does not show yet (the run is detached and may lag a moment).
-export function shouldPoll(desc, startedAt, now, graceMs = 5000) {
+// until the status shows that run (the run is detached and may lag a moment). A run
+// counts as shown when its start differs from the one seen before the start
+// (`baselineStart`, undefined when not known) or lies after the start (clocks of
+// browser and server may differ a little).
+export function shouldPoll(desc, startedAt, now, baselineStart = undefined, graceMs = 5000) {
   if (desc.running) return true;
-  return startedAt !== null && now - startedAt < graceMs;
+  if (startedAt === null || now - startedAt >= graceMs) return false;
+  const start = desc.last ? desc.last.start : '';
+  if (baselineStart !== undefined && start !== baselineStart) return false;
+  const epoch = desc.last ? timeToEpoch(desc.last.start) : null;
+  if (epoch !== null && epoch * 1000 >= startedAt - 2000) return false;
+  return true;
 }
