@@ -56,6 +56,12 @@ export function openModal(dialog, onClose) {
     openings.delete(dialog);
     if (onClose) onClose();
     if (opener && opener.isConnected && typeof opener.focus === 'function') opener.focus();
+    else if (opener?.dataset?.focus) {
+      // The opener's row was rebuilt meanwhile: its successor takes the focus.
+      const key = opener.dataset.focus;
+      const again = [...document.querySelectorAll('[data-focus]')].find((el) => el.dataset.focus === key);
+      if (again) again.focus();
+    }
   };
   openings.set(dialog, { closed, onClose, opener });
   dialog.addEventListener('close', closed);

@@ -313,7 +313,13 @@ function showGridState(text, error = false) {
 function renderGrid() {
   const t = app.t;
   const body = $('#grid-body');
+  // Rows are rebuilt; keep keyboard focus on the same control of the same task.
+  const focused = document.activeElement?.closest?.('#grid-body [data-focus]')?.dataset.focus;
   body.replaceChildren(...app.items.map(renderRow));
+  if (focused) {
+    const again = [...body.querySelectorAll('[data-focus]')].find((el) => el.dataset.focus === focused);
+    if (again && !again.disabled) again.focus();
+  }
   if (app.items.length === 0) showGridState(t('grid.empty'));
   else $('#grid-state').hidden = true;
 
@@ -339,6 +345,7 @@ function renderRow(item) {
   tr.dataset.key = key;
 
   const check = h('input', { type: 'checkbox', checked: selected, 'aria-label': t('col.select', { name: item.name }) });
+  check.dataset.focus = `${key}|select`;
   check.addEventListener('change', () => {
     if (check.checked) app.selected.add(key);
     else app.selected.delete(key);
@@ -350,12 +357,14 @@ function renderRow(item) {
     type: 'checkbox', role: 'switch', class: 'switch', checked: item.enable === true,
     disabled: !caps.toggle, 'aria-label': t('row.toggle', { name: item.name }),
   });
+  toggle.dataset.focus = `${key}|toggle`;
   toggle.addEventListener('change', () => runBulk(toggle.checked ? 'enable' : 'disable', [item], { revert: toggle }));
 
   const tools = h('span', { class: 'tools' });
   const toolBtn = (label, aria, iconName, enabled, onClick, title) => {
     const b = h('button', { type: 'button', class: 'btn sm ghost', 'aria-label': aria, disabled: !enabled, title: title ?? aria },
       icon(iconName), h('span', { text: label }));
+    b.dataset.focus = `${key}|${iconName}`;
     b.addEventListener('click', onClick);
     tools.append(b);
   };
@@ -534,6 +543,15 @@ function initGridControls() {
   $('#page-next').addEventListener('click', () => go(app.grid.page + 1));
   $('#page-last').addEventListener('click', () => go(Infinity));
 }
+
+// Next run times move on: refresh the grid now and then while the page is in view and
+// nothing else is going on.
+const AUTO_REFRESH_MS = 30000;
+setInterval(() => {
+  if (!app.user || app.busy || document.visibilityState !== 'visible') return;
+  if (document.querySelector('dialog[open]')) return;
+  loadList({ quiet: true });
+}, AUTO_REFRESH_MS);
 
 $('#login-form').addEventListener('submit', onLoginSubmit);
 $('#logout').addEventListener('click', onLogout);

@@ -52,7 +52,7 @@ before(async () => {
   server = spawn(join(root, 'usr/orva/bin/orva-webapid'), ['--root', root, '--listen', '127.0.0.1:0', '--workers', '1'],
     { stdio: 'ignore' });
   const listenFile = join(root, 'run/orva/webapi.listen');
-  for (let i = 0; i < 200 && !existsSync(listenFile); i++) await sleep(50);
+  for (let i = 0; i < 600 && !existsSync(listenFile); i++) await sleep(50);
   assert.ok(existsSync(listenFile), 'the server did not start');
   base = `http://${readFileSync(listenFile, 'utf8').trim()}`;
   client = new ApiClient({ fetchImpl: cookieFetch(), path: `${base}/webapi/entry`, lang: 'en', onSessionLost: () => { lost++; } });
@@ -182,7 +182,7 @@ test('each kind made with the editor reads back into the same form', async () =>
 
   await client.call(TS, 2, 'run', taskListParams([{ id: script }]));
   let desc;
-  for (let i = 0; i < 100; i++) {
+  for (let i = 0; i < 300; i++) {
     desc = describeRunStatus(await client.call(TS, 1, 'view', { id: script }));
     if (desc.last && !desc.running && desc.last.end) break;
     await sleep(100);
