@@ -48,7 +48,11 @@ function cookieFetch() {
 before(async () => {
   assert.ok(build && source, 'ORVA_BUILD_DIR and ORVA_SOURCE_DIR must be set (CTest sets them)');
   root = mkdtempSync(join(tmpdir(), 'orvat-ui-'));
-  execFileSync('/bin/bash', [join(source, 'scripts/stage.sh'), build, root], { stdio: 'ignore' });
+  try {
+    execFileSync('/bin/bash', [join(source, 'scripts/stage.sh'), build, root], { stdio: 'pipe' });
+  } catch (err) {
+    assert.fail(`staging ${build} failed (is the whole tree built?): ${err.stderr?.toString().slice(-2000)}`);
+  }
   server = spawn(join(root, 'usr/orva/bin/orva-webapid'), ['--root', root, '--listen', '127.0.0.1:0', '--workers', '1'],
     { stdio: 'ignore' });
   const listenFile = join(root, 'run/orva/webapi.listen');
