@@ -212,6 +212,23 @@ int Serve() {
   sched.Tick();
   WriteState(sched.Checked());
 
+  // A writer's WAL write wakes us before its commit is visible (the commit itself
+  // only touches the mmapped index), so after any write the generation is read again
+  // a few times with growing pauses: 25 ms doubling to 3.2 s, then quiet again.
+  int rechecks = 0;
+  int recheckMs = 0;
+  auto checkStore = [&]() {
+    const int64_t g = ORVASchedStoreGeneration();
+    if (g >= 0 && g != generation) {
+      generation = g;
+      sched.Rescan();
+      syslog(LOG_INFO, "store changed; %zu task(s), next run %s", sched.TaskCount(),
+             ORVASchedFormatTriggerTime(sched.NextWake()).c_str());
+      // A task saved for this very second runs now.
+      sched.Tick();
+    }
+  };
+
   for (;;) {
     // Nothing scheduled: still wake once a day, harmlessly, so the timer stays armed.
     time_t wake = sched.NextWake();
@@ -220,10 +237,17 @@ int Serve() {
     }
     Arm(tfd, wake);
     struct pollfd pfd[3] = {{sfd, POLLIN, 0}, {tfd, POLLIN, 0}, {ifd, POLLIN, 0}};
-    if (poll(pfd, 3, -1) < 0) {
+    const int ready = poll(pfd, 3, rechecks > 0 ? recheckMs : -1);
+    if (ready < 0) {
       if (errno == EINTR) continue;
       syslog(LOG_ERR, "poll failed: %m");
       return 1;
+    }
+    if (ready == 0) {
+      checkStore();
+      --rechecks;
+      recheckMs *= 2;
+      continue;
     }
     if (pfd[0].revents & POLLIN) {
       struct signalfd_siginfo si;
@@ -263,13 +287,9 @@ int Serve() {
         }
       }
       if (relevant) {
-        const int64_t g = ORVASchedStoreGeneration();
-        if (g >= 0 && g != generation) {
-          generation = g;
-          sched.Rescan();
-          // A task saved for this very second runs now.
-          sched.Tick();
-        }
+        checkStore();
+        rechecks = 8;
+        recheckMs = 25;
       }
     }
   }
