@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <vector>
 #include <utility>  // before Asio: its awaitable.hpp uses std::exchange
 
 #include <boost/asio.hpp>
@@ -60,9 +61,15 @@ int main(int argc, char** argv) {
   int procs = argc > 2 ? atoi(argv[2]) : 1;
   asio::io_context setup;
   tcp::acceptor listener(setup, {asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(atoi(argv[1]))});
+  // Port 0 picks a free one; the bound port is the first line of stdout.
+  printf("%u\n", listener.local_endpoint().port());
+  fflush(stdout);
   int fd = listener.release();
+  static std::vector<pid_t> children;
   for (int i = 0; i < procs; ++i) {
-    if (fork() == 0) {
+    pid_t pid = fork();
+    if (pid > 0) children.push_back(pid);
+    if (pid == 0) {
       asio::io_context ioc(1);
       tcp::acceptor a(ioc);
       a.assign(tcp::v4(), fd);
@@ -71,7 +78,10 @@ int main(int argc, char** argv) {
       _exit(0);
     }
   }
-  signal(SIGTERM, [](int) { kill(0, SIGTERM); _exit(0); });
+  signal(SIGTERM, [](int) {
+    for (pid_t c : children) kill(c, SIGKILL);
+    _exit(0);
+  });
   while (wait(nullptr) > 0) {
   }
   return 0;

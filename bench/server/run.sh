@@ -26,7 +26,6 @@ ln -s "$build/lib/webapi/ORVA.API.Auth.so" "$build/lib/webapi/ORVA.API.Auth.json
 ln -s "$build/tests/server/modules/orva_server_test_module.so" "$root/usr/orva/lib/webapi/ORVA.Test.so"
 ln -s "$here/../../tests/server/test_module.json" "$root/usr/orva/lib/webapi/ORVA.Test.json"
 
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 measure() {  # NAME URL
   echo "--- $1"
   wrk -t2 -c"$conns" -d"$duration" --latency -s "$here/post.lua" "$2" | \
@@ -49,9 +48,10 @@ for workers in 1 "$cores"; do
   measure "orva-webapid, $workers worker(s)" "http://$addr/webapi/entry"
   kill -TERM "$pid"; wait "$pid" || true; pid=
 
-  port=$(free_port)
-  "$build/bin/bench_server_ceiling" "$port" "$workers" &
+  "$build/bin/bench_server_ceiling" 0 "$workers" >"$root/ceiling.port" &
   pid=$!
+  for _ in $(seq 100); do [ -s "$root/ceiling.port" ] && break; sleep 0.1; done
+  port=$(head -1 "$root/ceiling.port")
   wait_port "$port"
   measure "ceiling (fixed reply), $workers process(es)" "http://127.0.0.1:$port/webapi/entry"
   kill -TERM "$pid"; wait "$pid" || true; pid=

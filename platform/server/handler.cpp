@@ -11,6 +11,7 @@
 #include <boost/algorithm/string.hpp>
 #include <cstring>
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include "core/conf.h"
@@ -25,11 +26,42 @@ namespace orvad {
 
 namespace {
 
+// Built once per worker: making a builder's settings costs more than a small reply.
 std::string WriteJson(const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  b["emitUTF8"] = true;
-  return Json::writeString(b, v);
+  static const std::unique_ptr<Json::StreamWriter> writer = [] {
+    Json::StreamWriterBuilder b;
+    b["indentation"] = "";
+    b["emitUTF8"] = true;
+    return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
+  }();
+  std::ostringstream out;
+  writer->write(v, &out);
+  return out.str();
+}
+
+Json::CharReader& StrictReader() {
+  static const std::unique_ptr<Json::CharReader> reader = [] {
+    Json::CharReaderBuilder b;
+    Json::CharReaderBuilder::strictMode(&b.settings_);
+    b["stackLimit"] = kJsonDepthLimit + 8;
+    return std::unique_ptr<Json::CharReader>(b.newCharReader());
+  }();
+  return *reader;
+}
+
+// The configured default language, read again only when orva.conf changes.
+std::string DefaultLanguage() {
+  static std::string cached;
+  static timespec cachedMtime{-1, 0};
+  struct stat st;
+  timespec mtime{0, 0};
+  if (stat(ORVA::ORVAPathMap("/etc/orva/orva.conf").c_str(), &st) == 0) mtime = st.st_mtim;
+  if (mtime.tv_sec != cachedMtime.tv_sec || mtime.tv_nsec != cachedMtime.tv_nsec || cached.empty()) {
+    cached = OrvaConf().Def("default_lang", "en");
+    if (cached.empty()) cached = "en";
+    cachedMtime = mtime;
+  }
+  return cached;
 }
 
 Response JsonResponse(http::status status, const Json::Value& body, unsigned version, bool keepAlive) {
@@ -92,15 +124,11 @@ Response HandleEntry(const Request& req, const Peer& peer) {
     syslog(LOG_WARNING, "%s:%d request nested deeper than %d refused", __FILE_NAME__, __LINE__, kJsonDepthLimit);
     return ErrorResponse(ORVA::WEBAPI_ERR_BAD_REQUEST, ver, keep);
   }
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["stackLimit"] = kJsonDepthLimit + 8;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errs;
   bool parsed = false;
   try {
-    parsed = reader->parse(body.data(), body.data() + body.size(), &root, &errs);
+    parsed = StrictReader().parse(body.data(), body.data() + body.size(), &root, &errs);
   } catch (const std::exception&) {
     parsed = false;
   }
@@ -304,8 +332,7 @@ std::string NegotiateLanguage(const std::string& requested, const std::string& s
       if (ORVA::WebLanguageExists(candidate)) return candidate;
     }
   }
-  std::string def = OrvaConf().Def("default_lang", "en");
-  return def.empty() ? "en" : def;
+  return DefaultLanguage();
 }
 
 bool ResolveStaticPath(const std::string& target, std::string* file, int* status) {

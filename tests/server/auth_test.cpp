@@ -12,7 +12,7 @@ namespace {
 using orvatest::Envelope;
 using orvatest::ParseJson;
 
-class Identity : public ::testing::Test {
+class ServerIdentity : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.Start(1)); }
   void TearDown() override {
@@ -22,7 +22,7 @@ class Identity : public ::testing::Test {
   orvatest::Server server{root};
 };
 
-TEST_F(Identity, PamLoginOfATestUserAndRefusedWrongPassword) {
+TEST_F(ServerIdentity, PamLoginOfATestUserAndRefusedWrongPassword) {
   ASSERT_TRUE(orvatest::EnsurePamService());
   orvatest::TestUser user("S3cret-pass!");
   ASSERT_TRUE(user.Ok());
@@ -73,7 +73,7 @@ TEST_F(Identity, PamLoginOfATestUserAndRefusedWrongPassword) {
   EXPECT_EQ(ParseJson(R"({"success": false, "error": {"code": 105}})"), admin.json);
 }
 
-TEST_F(Identity, AMemberOfTheAdminGroupIsAnAdministrator) {
+TEST_F(ServerIdentity, AMemberOfTheAdminGroupIsAnAdministrator) {
   ASSERT_TRUE(orvatest::EnsurePamService());
   orvatest::TestUser user("Adm1n-pass");
   ASSERT_TRUE(user.Ok());
@@ -92,7 +92,7 @@ TEST_F(Identity, AMemberOfTheAdminGroupIsAnAdministrator) {
   EXPECT_EQ(0, std::system(("gpasswd -d " + user.Name() + " " + group + " >/dev/null && groupdel " + group).c_str()));
 }
 
-TEST_F(Identity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
+TEST_F(ServerIdentity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
   const std::string whoami = Envelope("ORVA.API.Auth", 1, "whoami");
   auto asRoot = server.Local(whoami);
   EXPECT_EQ(200, asRoot.status);

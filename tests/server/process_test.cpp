@@ -14,7 +14,7 @@ namespace {
 using orvatest::Envelope;
 using orvatest::ParseJson;
 
-TEST(Process, SessionFromOneWorkerIsAcceptedByAnother) {
+TEST(ServerProcess, SessionFromOneWorkerIsAcceptedByAnother) {
   orvatest::TempRoot root;
   orvatest::Server server(root);
   ASSERT_TRUE(server.Start(2));
@@ -36,7 +36,7 @@ TEST(Process, SessionFromOneWorkerIsAcceptedByAnother) {
   EXPECT_NE(busy.json["data"]["pid"].asInt(), fast.json["data"]["pid"].asInt());
 }
 
-TEST(Process, KilledWorkerIsReplacedAndTheNextRequestServed) {
+TEST(ServerProcess, KilledWorkerIsReplacedAndTheNextRequestServed) {
   orvatest::TempRoot root;
   orvatest::Server server(root);
   ASSERT_TRUE(server.Start(1));
@@ -55,7 +55,7 @@ TEST(Process, KilledWorkerIsReplacedAndTheNextRequestServed) {
   EXPECT_EQ(0, server.Stop());
 }
 
-TEST(Process, SigtermFinishesTheRequestInProgressThenExits) {
+TEST(ServerProcess, SigtermFinishesTheRequestInProgressThenExits) {
   orvatest::TempRoot root;
   orvatest::Server server(root);
   ASSERT_TRUE(server.Start(1));
@@ -71,7 +71,7 @@ TEST(Process, SigtermFinishesTheRequestInProgressThenExits) {
   EXPECT_NE(0, access((root.Path() + "/run/orva/webapi.sock").c_str(), F_OK));
 }
 
-TEST(Process, OrvaApiPrintsTheReplyAndExitsByOutcome) {
+TEST(ServerProcess, OrvaApiPrintsTheReplyAndExitsByOutcome) {
   orvatest::TempRoot root;
   orvatest::Server server(root);
   ASSERT_TRUE(server.Start(1));

@@ -9,7 +9,7 @@ namespace {
 using orvatest::Envelope;
 using orvatest::ParseJson;
 
-class Entry : public ::testing::Test {
+class ServerEntry : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.Start(1)); }
   void TearDown() override {
@@ -19,7 +19,7 @@ class Entry : public ::testing::Test {
   orvatest::Server server{root};
 };
 
-TEST_F(Entry, ModuleRepliesKeepTheirShapeAndHttp200) {
+TEST_F(ServerEntry, ModuleRepliesKeepTheirShapeAndHttp200) {
   struct Case {
     const char* method;
     const char* expected;
@@ -44,7 +44,7 @@ TEST_F(Entry, ModuleRepliesKeepTheirShapeAndHttp200) {
   EXPECT_EQ("", echo.json["data"]["user"].asString());  // public: nobody logged in
 }
 
-TEST_F(Entry, FrameworkErrorsHaveTheirCodeAndStatus) {
+TEST_F(ServerEntry, FrameworkErrorsHaveTheirCodeAndStatus) {
   // Inside the envelope's object and "params": 62 more levels make 64.
   std::string deep64 = std::string(62, '[') + std::string(62, ']');
   std::string deep65 = std::string(63, '[') + std::string(63, ']');
@@ -98,7 +98,7 @@ TEST_F(Entry, FrameworkErrorsHaveTheirCodeAndStatus) {
   EXPECT_NE(std::string::npos, server.Log().find("wrote no reply"));
 }
 
-TEST_F(Entry, WrongHttpMethodOnEntryAndInProcessCallsAreTrusted) {
+TEST_F(ServerEntry, WrongHttpMethodOnEntryAndInProcessCallsAreTrusted) {
   auto get = server.Http("GET", "/webapi/entry");
   EXPECT_EQ(405, get.status);
   EXPECT_EQ(101, get.json["error"]["code"].asInt());
@@ -108,7 +108,7 @@ TEST_F(Entry, WrongHttpMethodOnEntryAndInProcessCallsAreTrusted) {
   EXPECT_EQ("admin", exec.json["data"]["data"]["user"].asString());
 }
 
-TEST_F(Entry, TokenLoginGivesAStrictHttpOnlyCookieAndCsrfIsRequired) {
+TEST_F(ServerEntry, TokenLoginGivesAStrictHttpOnlyCookieAndCsrfIsRequired) {
   auto bad = orvatest::LoginWith(server, ParseJson(R"({"token": "0000"})"));
   EXPECT_EQ(200, bad.reply.status);
   EXPECT_FALSE(bad.reply.json["success"].asBool());
@@ -159,7 +159,7 @@ TEST_F(Entry, TokenLoginGivesAStrictHttpOnlyCookieAndCsrfIsRequired) {
   EXPECT_EQ(401, server.Api(whoami, login.Headers()).status);
 }
 
-TEST_F(Entry, SessionIdChangesAtLoginAndTheOldOneIsRefused) {
+TEST_F(ServerEntry, SessionIdChangesAtLoginAndTheOldOneIsRefused) {
   Json::Value p;
   p["token"] = server.Token();
   auto first = orvatest::LoginWith(server, p);
@@ -173,7 +173,7 @@ TEST_F(Entry, SessionIdChangesAtLoginAndTheOldOneIsRefused) {
   EXPECT_EQ(200, server.Api(whoami, second.Headers()).status);
 }
 
-TEST_F(Entry, LanguageNegotiationAcceptsOnlyExistingTextFolders) {
+TEST_F(ServerEntry, LanguageNegotiationAcceptsOnlyExistingTextFolders) {
   struct Case {
     const char* name;
     const char* lang;  // nullptr: none in the request
@@ -216,7 +216,7 @@ TEST_F(Entry, LanguageNegotiationAcceptsOnlyExistingTextFolders) {
   EXPECT_EQ("en", server.Api(orvatest::WriteJson(e), login.Headers()).json["data"]["lang"].asString());
 }
 
-TEST(EntryConfig, IdleSessionsExpire) {
+TEST(ServerEntryConfig, IdleSessionsExpire) {
   orvatest::TempRoot root;
   root.WriteFile("/etc/orva/orva.conf", "session_idle_timeout=\"1\"\n");
   orvatest::Server server(root);

@@ -5,7 +5,7 @@
 
 namespace {
 
-class Static : public ::testing::Test {
+class ServerStatic : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.Start(1)); }
   void TearDown() override {
@@ -15,7 +15,7 @@ class Static : public ::testing::Test {
   orvatest::Server server{root};
 };
 
-TEST_F(Static, ServesFilesOfTheWebmanFolder) {
+TEST_F(ServerStatic, ServesFilesOfTheWebmanFolder) {
   struct Case {
     const char* target;
     int status;
@@ -51,7 +51,7 @@ TEST_F(Static, ServesFilesOfTheWebmanFolder) {
   EXPECT_EQ(405, server.Http("POST", "/index.html", "x").status);
 }
 
-TEST_F(Static, NoPathLeavesTheWebmanFolder) {
+TEST_F(ServerStatic, NoPathLeavesTheWebmanFolder) {
   const char* targets[] = {
       "/../secret.txt",
       "/../../../secret.txt",

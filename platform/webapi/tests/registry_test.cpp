@@ -54,13 +54,13 @@ const ORVA::APITableRow kTable[] = {
     {nullptr, 0, nullptr, nullptr},
 };
 
-class Registry : public ::testing::Test {
+class WebapiRegistry : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { ORVA::APIRegistry::Instance().RegisterTable(kTable); }
   ORVA::APIRegistry& reg = ORVA::APIRegistry::Instance();
 };
 
-TEST_F(Registry, FindGivesTheRowOrTheRightErrorCode) {
+TEST_F(WebapiRegistry, FindGivesTheRowOrTheRightErrorCode) {
   struct Case {
     const char* api;
     int version;
@@ -91,7 +91,7 @@ TEST_F(Registry, FindGivesTheRowOrTheRightErrorCode) {
   }
 }
 
-TEST_F(Registry, CallGuardsAgainstThrowingAndSilentModules) {
+TEST_F(WebapiRegistry, CallGuardsAgainstThrowingAndSilentModules) {
   struct Case {
     const char* method;
     int frameworkError;
@@ -116,7 +116,7 @@ TEST_F(Registry, CallGuardsAgainstThrowingAndSilentModules) {
   }
 }
 
-TEST_F(Registry, ExecRunsAnotherApiInProcessAsTheGivenUser) {
+TEST_F(WebapiRegistry, ExecRunsAnotherApiInProcessAsTheGivenUser) {
   const ORVA::APITableRow* row = reg.Find("ORVA.Reg.A", 1, "nested");
   ASSERT_NE(nullptr, row);
   ORVA::APIRequest req("ORVA.Reg.A", 1, "nested", Parse("{\"inner\": {\"k\": [1]}}"), "bob", "de");
@@ -137,7 +137,7 @@ TEST_F(Registry, ExecRunsAnotherApiInProcessAsTheGivenUser) {
   EXPECT_EQ(Parse("{\"success\":false,\"error\":{\"code\":100}}"), out);
 }
 
-class Descriptor : public ::testing::Test {
+class WebapiDescriptor : public ::testing::Test {
  protected:
   void SetUp() override {
     char tmpl[] = "/tmp/orva-desc-XXXXXX";
@@ -153,7 +153,7 @@ class Descriptor : public ::testing::Test {
   std::string dir;
 };
 
-TEST_F(Descriptor, LevelsAndMalformedDescriptorsApplyNothing) {
+TEST_F(WebapiDescriptor, LevelsAndMalformedDescriptorsApplyNothing) {
   ORVA::APIRegistry reg;
   EXPECT_EQ(ORVA::API_AUTH_ADMIN, reg.GetAuth("ORVA.D.X", "m"));
   ASSERT_TRUE(reg.LoadDescriptor(Write("ok.json", R"({"apis": {
@@ -193,7 +193,7 @@ TEST_F(Descriptor, LevelsAndMalformedDescriptorsApplyNothing) {
   EXPECT_FALSE(reg.LoadDescriptor(dir + "/absent.json"));
 }
 
-TEST_F(Descriptor, LoadDirectoryLoadsModulesWithTheirDescriptors) {
+TEST_F(WebapiDescriptor, LoadDirectoryLoadsModulesWithTheirDescriptors) {
   ORVA::APIRegistry reg;
   std::string error;
   EXPECT_FALSE(reg.LoadModule(dir + "/absent.so", &error));

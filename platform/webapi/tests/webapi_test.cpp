@@ -19,7 +19,7 @@ ORVA::APIRequest Req(const std::string& params) {
 }
 
 // Each JSON type against each reader: only the reader of its own type takes it.
-TEST(TypedReaders, EachReaderAcceptsOnlyItsOwnType) {
+TEST(WebapiTypedReaders, EachReaderAcceptsOnlyItsOwnType) {
   struct Case {
     const char* json;
     bool intOk, stringOk, arrayOk;
@@ -74,7 +74,7 @@ TEST(TypedReaders, EachReaderAcceptsOnlyItsOwnType) {
   }
 }
 
-TEST(TypedReaders, NecessityDecidesWhetherAbsenceIsInvalid) {
+TEST(WebapiTypedReaders, NecessityDecidesWhetherAbsenceIsInvalid) {
   auto req = Req("{\"other\": 1}");
   struct Case {
     ORVA::PARAM_NECESSITY nec;
@@ -97,7 +97,7 @@ TEST(TypedReaders, NecessityDecidesWhetherAbsenceIsInvalid) {
   EXPECT_TRUE(req.GetAndCheckString("other", ORVA::PARAM_OPTIONAL, nullptr).IsInvalid());
 }
 
-TEST(TypedReaders, ValidatorRefusalMakesInvalid) {
+TEST(WebapiTypedReaders, ValidatorRefusalMakesInvalid) {
   auto req = Req("{\"n\": 5, \"s\": \"abc\", \"a\": [1]}");
   EXPECT_TRUE(req.GetAndCheckInt("n", ORVA::PARAM_REQUIRED, [](const int& v) { return v > 10; }).IsInvalid());
   EXPECT_FALSE(req.GetAndCheckInt("n", ORVA::PARAM_REQUIRED, [](const int& v) { return v == 5; }).IsInvalid());
@@ -107,7 +107,7 @@ TEST(TypedReaders, ValidatorRefusalMakesInvalid) {
       req.GetAndCheckArray("a", ORVA::PARAM_REQUIRED, [](const Json::Value& v) { return v.size() == 2; }).IsInvalid());
 }
 
-TEST(GetParam, EmptyNameGivesAllParamsAndDefaultsApply) {
+TEST(WebapiGetParam, EmptyNameGivesAllParamsAndDefaultsApply) {
   auto req = Req("{\"a\": 1, \"b\": [true], \"c\": null}");
   EXPECT_EQ(Parse("{\"a\": 1, \"b\": [true], \"c\": null}"), req.GetParam(""));
   EXPECT_EQ(Json::Value(1), req.GetParam("a"));
@@ -125,7 +125,7 @@ TEST(GetParam, EmptyNameGivesAllParamsAndDefaultsApply) {
   EXPECT_EQ("u", none.GetLoginUserName());
 }
 
-TEST(Envelope, Shapes) {
+TEST(WebapiEnvelope, Shapes) {
   struct Case {
     const char* name;
     bool success;
@@ -160,7 +160,7 @@ TEST(Envelope, Shapes) {
   }
 }
 
-TEST(Envelope, FirstReplyStandsAndNoReplyIsModuleFailure) {
+TEST(WebapiEnvelope, FirstReplyStandsAndNoReplyIsModuleFailure) {
   ORVA::APIResponse r;
   r.SetError(4801, Parse("{\"msg\":\"first\"}"));
   r.SetSuccess(Parse("{\"x\":1}"));
