@@ -21,33 +21,40 @@ using ORVA::VEK::LocalizedStringParser;
 using ORVA::VEK::TextFileParseCount;
 
 const std::string kWebman = "/usr/orva/orvaman/webman";
+const std::string kEnu = kWebman + "/texts/enu";
 
 void SetMtime(const std::string& path, time_t sec) {
   struct timespec times[2] = {{sec, 0}, {sec, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
 }
 
+std::string Text(const std::string& dir, const char* section = "s", const char* key = "k") {
+  return LocalizedStringParser().ParseTexts(dir)[section][key].asString();
+}
+
 TEST(LocalizedStringParser, SectionAndKeyLookups) {
   TempRoot root;
-  root.Write(kWebman + "/texts/enu/strings.json",
+  root.Write(kEnu + "/strings.json",
              R"({"common": {"ok": "OK", "start_service": "Start service"},
                  "tree": {"leaf_filexfer": "File transfer", "a:b": "colon key"},
                  "": {"": "empty"}})");
   LocalizedStringParser parser;
-  Json::Value texts = parser.ParseTexts(kWebman + "/texts/enu");
+  Json::Value texts = parser.ParseTexts(kEnu);
   EXPECT_EQ(texts["common"]["ok"].asString(), "OK");
   EXPECT_EQ(texts["common"]["start_service"].asString(), "Start service");
   EXPECT_EQ(texts["tree"]["a:b"].asString(), "colon key");
   EXPECT_EQ(texts[""][""].asString(), "empty");
   EXPECT_FALSE(texts["common"].isMember("missing"));
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu/"), texts);  // trailing slash
+  EXPECT_EQ(parser.ParseTexts(kEnu + "/"), texts);  // trailing slash
 }
 
-TEST(LocalizedStringParser, BadFilesGiveEmptyObjects) {
+TEST(LocalizedStringParser, BadFilesAndPathsGiveEmptyObjects) {
   TempRoot root;
+  std::filesystem::create_directories(root.Real(kWebman + "/texts/dir/strings.json"));  // a folder, not a file
+  root.Write("/etc/orva/strings.json", R"({"secret": {"k": "v"}})");
   const struct {
-    const char* name;
-    const char* content;  // nullptr: no file
+    const char* dir;
+    const char* content;  // nullptr: no file written
   } cases[] = {
       {"missing", nullptr},
       {"truncated", R"({"common": {"ok": "OK")"},
@@ -56,57 +63,52 @@ TEST(LocalizedStringParser, BadFilesGiveEmptyObjects) {
       {"empty", ""},
       {"binary", "\x01\x02\xff\xfe"},
       {"trailing", R"({"a": {}} garbage)"},
+      {"dir", nullptr},
+      {"../../../../../etc/orva", nullptr},  // paths that try to leave the texts
   };
   LocalizedStringParser parser;
   for (const auto& c : cases) {
-    const std::string dir = kWebman + "/texts/" + c.name;
+    SCOPED_TRACE(c.dir);
+    const std::string dir = kWebman + "/texts/" + c.dir;
     if (c.content) {
       root.Write(dir + "/strings.json", c.content);
     }
     Json::Value v = parser.ParseTexts(dir);
-    EXPECT_TRUE(v.isObject()) << c.name;
-    EXPECT_EQ(v.size(), 0u) << c.name;
+    EXPECT_TRUE(v.isObject());
+    EXPECT_EQ(v.size(), 0u);
   }
-  // A folder instead of the file, and paths that try to leave the texts.
-  std::filesystem::create_directories(root.Real(kWebman + "/texts/dir/strings.json"));
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/dir").size(), 0u);
-  root.Write("/etc/orva/strings.json", R"({"secret": {"k": "v"}})");
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/../../../../../etc/orva").size(), 0u);
   EXPECT_EQ(parser.ParseTexts("relative/path").size(), 0u);
   EXPECT_EQ(parser.ParseTexts("").size(), 0u);
 }
 
 TEST(LocalizedStringParser, ChangedFileIsReadAgain) {
   TempRoot root;
-  const std::string file = kWebman + "/texts/enu/strings.json";
-  root.Write(file, R"({"s": {"k": "one"}})");
-  SetMtime(root.Real(file), 1000000);
-  LocalizedStringParser parser;
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "one");
+  const std::string file = root.Real(kEnu + "/strings.json");
+  root.Write(kEnu + "/strings.json", R"({"s": {"k": "one"}})");
+  SetMtime(file, 1000000);
+  EXPECT_EQ(Text(kEnu), "one");
 
   // Same size, new content, only the modification time tells.
-  root.Write(file, R"({"s": {"k": "two"}})");
-  SetMtime(root.Real(file), 1000001);
+  root.Write(kEnu + "/strings.json", R"({"s": {"k": "two"}})");
+  SetMtime(file, 1000001);
   unsigned long long before = TextFileParseCount();
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "two");
+  EXPECT_EQ(Text(kEnu), "two");
   EXPECT_EQ(TextFileParseCount() - before, 1u);
 
   // Replaced by rename with the very same mtime and size: the inode tells.
-  root.Write(file + ".new", R"({"s": {"k": "3rd"}})");
-  SetMtime(root.Real(file + ".new"), 1000001);
-  ASSERT_EQ(std::rename(root.Real(file + ".new").c_str(), root.Real(file).c_str()), 0);
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "3rd");
+  root.Write(kEnu + "/strings.json.new", R"({"s": {"k": "3rd"}})");
+  SetMtime(file + ".new", 1000001);
+  ASSERT_EQ(std::rename((file + ".new").c_str(), file.c_str()), 0);
+  EXPECT_EQ(Text(kEnu), "3rd");
 
-  // Broken, then fixed again.
-  root.Write(file, R"({"s": )");
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu").size(), 0u);
-  root.Write(file, R"({"s": {"k": "four"}})");
-  SetMtime(root.Real(file), 1000009);
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "four");
-
-  // Removed: empty again.
-  std::filesystem::remove(root.Real(file));
-  EXPECT_EQ(parser.ParseTexts(kWebman + "/texts/enu").size(), 0u);
+  // Broken, then fixed again, then removed.
+  root.Write(kEnu + "/strings.json", R"({"s": )");
+  EXPECT_EQ(LocalizedStringParser().ParseTexts(kEnu).size(), 0u);
+  root.Write(kEnu + "/strings.json", R"({"s": {"k": "four"}})");
+  SetMtime(file, 1000009);
+  EXPECT_EQ(Text(kEnu), "four");
+  std::filesystem::remove(file);
+  EXPECT_EQ(LocalizedStringParser().ParseTexts(kEnu).size(), 0u);
 }
 
 TEST(LocalizedStringParser, UnchangedFileIsParsedOnce) {
@@ -114,12 +116,38 @@ TEST(LocalizedStringParser, UnchangedFileIsParsedOnce) {
   root.Write(kWebman + "/texts/ger/strings.json", R"({"common": {"ok": "OK"}})");
   root.Write(kWebman + "/texts/ger/bad/strings.json", R"({"common": )");
   unsigned long long before = TextFileParseCount();
-  for (int i = 0; i < 200; ++i) {
-    LocalizedStringParser parser;  // one per request, as the module builds them
-    ASSERT_EQ(parser.ParseTexts(kWebman + "/texts/ger")["common"]["ok"].asString(), "OK");
-    ASSERT_EQ(parser.ParseTexts(kWebman + "/texts/ger/bad").size(), 0u);
+  for (int i = 0; i < 200; ++i) {  // one parser per request, as the module builds them
+    ASSERT_EQ(Text(kWebman + "/texts/ger", "common", "ok"), "OK");
+    ASSERT_EQ(LocalizedStringParser().ParseTexts(kWebman + "/texts/ger/bad").size(), 0u);
   }
   EXPECT_EQ(TextFileParseCount() - before, 2u);  // each file once, the malformed one too
+}
+
+TEST(LocalizedStringParser, ConcurrentReadersSeeWholeFiles) {
+  TempRoot root;
+  const std::string file = root.Real(kEnu + "/strings.json");
+  root.Write(kEnu + "/strings.json", R"({"s": {"k": "v0"}})");
+  std::atomic<bool> stop{false};
+  std::atomic<int> bad{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 4; ++t) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        const std::string k = Text(kEnu);
+        bad += k.size() < 2 || k[0] != 'v';
+      }
+    });
+  }
+  for (int i = 1; i <= 200; ++i) {  // whole-file replacement, as installers do
+    root.Write(kEnu + "/strings.json.tmp", R"({"s": {"k": "v)" + std::to_string(i) + "\"}}");
+    std::rename((file + ".tmp").c_str(), file.c_str());
+  }
+  stop = true;
+  for (auto& t : readers) {
+    t.join();
+  }
+  EXPECT_EQ(bad.load(), 0);
+  EXPECT_EQ(Text(kEnu), "v200");
 }
 
 void WriteApps(const TempRoot& root) {
@@ -142,10 +170,7 @@ TEST(JSConfigParser, MapsNamespacesToTextFolders) {
   expected["ORVA.App.Photo"] = "3rdparty/PhotoApp/texts/enu";
   expected["ORVA.App.Backup"] = "3rdparty/Backup/texts/enu";
   EXPECT_EQ(parser.GetTexts(), expected);
-
-  // A copy shares the state, as the module's parser member does.
-  JSConfigParser copy = parser;
-  EXPECT_EQ(copy.GetTexts(), expected);
+  EXPECT_EQ(JSConfigParser(parser).GetTexts(), expected);  // a copy shares the state
 
   JSConfigParser one("ger", false);
   EXPECT_TRUE(one.Parse((kWebman + "/3rdparty/PhotoApp/config.json").c_str()));
@@ -168,14 +193,13 @@ TEST(JSConfigParser, BadLanguageOrNoAppsGiveEmptyObjects) {
     EXPECT_FALSE(parser.Parse(nullptr)) << lang;
     EXPECT_EQ(parser.GetTexts().size(), 0u) << lang;
   }
-  JSConfigParser null(nullptr, false);
-  EXPECT_FALSE(null.Parse(nullptr));
+  EXPECT_FALSE(JSConfigParser(nullptr, false).Parse(nullptr));
 }
 
 TEST(JSConfigParser, ConfigsAreParsedOnceAndNewAppsSeen) {
   TempRoot root;
   WriteApps(root);
-  { JSConfigParser warm("enu", false); warm.Parse(nullptr); }
+  JSConfigParser("enu", false).Parse(nullptr);
   unsigned long long before = TextFileParseCount();
   for (int i = 0; i < 100; ++i) {
     JSConfigParser parser("enu", false);
@@ -188,37 +212,6 @@ TEST(JSConfigParser, ConfigsAreParsedOnceAndNewAppsSeen) {
   ASSERT_TRUE(parser.Parse(nullptr));
   EXPECT_EQ(parser.GetTexts()["ORVA.App.Zed"].asString(), "3rdparty/Zed/texts/enu");
   EXPECT_EQ(TextFileParseCount() - before, 1u);
-}
-
-TEST(LocalizedStringParser, ConcurrentReadersSeeWholeFiles) {
-  TempRoot root;
-  const std::string file = kWebman + "/texts/enu/strings.json";
-  root.Write(file, R"({"s": {"k": "v0"}})");
-  std::atomic<bool> stop{false};
-  std::atomic<int> bad{0};
-  std::vector<std::thread> readers;
-  for (int t = 0; t < 4; ++t) {
-    readers.emplace_back([&] {
-      while (!stop) {
-        Json::Value v = LocalizedStringParser().ParseTexts(kWebman + "/texts/enu");
-        const std::string k = v["s"]["k"].asString();
-        if (k.size() < 2 || k[0] != 'v') {
-          ++bad;
-        }
-      }
-    });
-  }
-  for (int i = 1; i <= 200; ++i) {
-    // Whole-file replacement, as installers do.
-    root.Write(file + ".tmp", std::string(R"({"s": {"k": "v)") + std::to_string(i) + "\"}}");
-    std::rename(root.Real(file + ".tmp").c_str(), root.Real(file).c_str());
-  }
-  stop = true;
-  for (auto& t : readers) {
-    t.join();
-  }
-  EXPECT_EQ(bad.load(), 0);
-  EXPECT_EQ(LocalizedStringParser().ParseTexts(kWebman + "/texts/enu")["s"]["k"].asString(), "v200");
 }
 
 }  // namespace
