@@ -38,7 +38,8 @@ void Usage(FILE* out) {
           "  --root DIR        system root (default: $ORVA_ROOT, else /)\n"
           "  --listen ADDR:PORT  TCP address, e.g. 127.0.0.1:5080 or [::1]:5080\n"
           "  --workers N       worker processes (default: number of cores)\n"
-          "  --header-timeout S  seconds to receive a request header (default 10)\n"
+          "  --header-timeout S  seconds to receive a request header (default 10); the body\n"
+          "                    may take three times as long\n"
           "  --idle-timeout S  seconds a kept-alive connection may wait (default 60)\n"
           "  --help            this text\n");
 }
@@ -222,6 +223,8 @@ int main(int argc, char** argv) {
       default: Usage(stderr); return 2;
     }
   }
+  // A body may take three times as long as a header (default 30 s).
+  timeouts.bodySeconds = 3 * timeouts.headerSeconds;
   if (optind != argc) {
     Usage(stderr);
     return 2;

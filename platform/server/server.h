@@ -22,7 +22,7 @@ constexpr const char* kCsrfHeader = "X-ORVA-CSRF";
 
 struct Timeouts {
   int headerSeconds = 10;  // from the first byte of a request to the end of its header
-  int bodySeconds = 30;    // reading the body
+  int bodySeconds = 30;    // reading the body: three times the header's
   int idleSeconds = 60;    // a kept-alive connection waiting for its next request
   int writeSeconds = 30;   // sending a reply
 };

@@ -1,5 +1,6 @@
 // Identity: PAM password login with a real account, and the Unix socket's peer
 // credentials for root and an ordinary account.
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -112,7 +113,9 @@ TEST_F(ServerIdentity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
   EXPECT_EQ(403, adminApi.status);
   EXPECT_EQ(105, adminApi.json["error"]["code"].asInt());
   // A uid without an account is nobody.
-  auto ghost = server.LocalAs(54321, 54321, whoami);
+  uid_t ghostUid = 54321;
+  while (getpwuid(ghostUid) != nullptr) ++ghostUid;
+  auto ghost = server.LocalAs(ghostUid, ghostUid, whoami);
   EXPECT_EQ(401, ghost.status);
   // The socket is open to every account; its folder is not writable by them.
   struct stat st;

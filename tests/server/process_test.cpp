@@ -1,6 +1,10 @@
 // Processes: sessions shared between workers, a killed worker replaced, SIGTERM
 // draining the request in progress, and the orva-api client's exit statuses.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -25,9 +29,9 @@ TEST(ServerProcess, SessionFromOneWorkerIsAcceptedByAnother) {
   // A worker busy in a module call accepts nothing else, so the request sent meanwhile
   // is served by the other worker. Both must know the session.
   auto slow = std::async(std::launch::async, [&] {
-    return server.Api(Envelope("ORVA.Test.User", 1, "sleep", ParseJson(R"({"ms": 1500})")), login.Headers());
+    return server.Api(Envelope("ORVA.Test.User", 1, "sleep", ParseJson(R"({"ms": 3000})")), login.Headers());
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(400));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
   auto fast = server.Api(Envelope("ORVA.Test.User", 1, "echo"), login.Headers());
   auto busy = slow.get();
   ASSERT_EQ(200, busy.status) << busy.body;
@@ -112,6 +116,59 @@ TEST(ServerProcess, OrvaApiPrintsTheReplyAndExitsByOutcome) {
   server.Stop();
   // No server: the call cannot be made.
   EXPECT_EQ(2, WEXITSTATUS(std::system((bin + "ORVA.API.Info 1 query 2>/dev/null").c_str())));
+}
+
+// Seconds until the server closes a TCP connection on which `sent` was written, or -1
+// when it stays open for 10 s.
+int SecondsUntilClosed(int port, const std::string& sent) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return -2;
+  }
+  if (!sent.empty() && write(fd, sent.data(), sent.size()) != static_cast<ssize_t>(sent.size())) {
+    close(fd);
+    return -2;
+  }
+  auto start = std::chrono::steady_clock::now();
+  int result = -1;
+  pollfd p{fd, POLLIN, 0};
+  while (poll(&p, 1, 10000) > 0) {
+    char buf[256];
+    if (read(fd, buf, sizeof buf) <= 0) {
+      result = static_cast<int>(
+          std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count());
+      break;
+    }
+  }
+  close(fd);
+  return result;
+}
+
+TEST(ServerProcess, HeaderAndIdleTimeoutsCloseConnections) {
+  orvatest::TempRoot root;
+  orvatest::Server server(root);
+  ASSERT_TRUE(server.Start(1, {"--header-timeout", "1", "--idle-timeout", "2"}));
+  struct Case {
+    const char* name;
+    std::string sent;
+  };
+  const Case cases[] = {
+      {"silent connection (idle)", ""},
+      {"header never finished", "POST /webapi/entry HTTP/1.1\r\nHost: x\r\n"},
+      {"body never finished", "POST /webapi/entry HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n{"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    int s = SecondsUntilClosed(server.Port(), c.sent);
+    EXPECT_GE(s, 0);  // closed, not left open
+  }
+  // The server still serves.
+  EXPECT_EQ(200, server.Api(Envelope("ORVA.Test.Public", 1, "ping")).status);
 }
 
 }  // namespace
