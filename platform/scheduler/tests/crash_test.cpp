@@ -1,7 +1,6 @@
 // Crash safety: a writer killed at a random moment loses no acknowledged save and
 // leaves a sound database; concurrent writers never see "database is locked".
 #include <signal.h>
-#include <sqlite3.h>
 #include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,20 +18,7 @@ using orva_test::TempRoot;
 
 namespace {
 
-std::string IntegrityCheck(const std::string& path) {
-  sqlite3* db = nullptr;
-  std::string out = "cannot open";
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* st = nullptr;
-    if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &st, nullptr) == SQLITE_OK &&
-        sqlite3_step(st) == SQLITE_ROW) {
-      out = reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
-    }
-    sqlite3_finalize(st);
-  }
-  sqlite3_close(db);
-  return out;
-}
+std::string IntegrityCheck(const std::string& path) { return orva_test::QueryOne(path, "PRAGMA integrity_check"); }
 
 bool ReadFull(int fd, void* buf, size_t n) {
   char* p = static_cast<char*>(buf);

@@ -2,7 +2,6 @@
 // appliance's mount namespace, recorded with output and exit status.
 #include <sys/stat.h>
 
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -16,25 +15,18 @@ using orva_test::TestUser;
 
 namespace {
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+using orvatest::Slurp;
 
 // Waits until the task has `n` runs and none is running; returns the history.
 Json::Value WaitRuns(long id, unsigned n, bool event = false) {
   Json::Value runs;
-  for (int i = 0; i < 600; ++i) {
-    int rc = event ? ORVASchedEventTaskGetRunHistory(id, runs) : ORVASchedTaskGetRunHistory(id, runs);
-    EXPECT_EQ(rc, 0);
+  bool done = orva_test::WaitFor([&] {
+    EXPECT_EQ(event ? ORVASchedEventTaskGetRunHistory(id, runs) : ORVASchedTaskGetRunHistory(id, runs), 0);
     bool running = false;
     for (const Json::Value& r : runs) running = running || r["running"].asBool();
-    if (runs.size() >= n && !running) return runs;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  ADD_FAILURE() << "task " << id << " did not finish " << n << " runs";
+    return runs.size() >= n && !running;
+  }, 600);
+  EXPECT_TRUE(done) << "task " << id << " did not finish " << n << " runs";
   return runs;
 }
 
@@ -47,14 +39,30 @@ class SchedRunTest : public ::testing::Test {
   }
   void TearDown() override { orva_test::WaitForRunners(root_.path()); }
 
-  long Save(const std::string& command, uid_t owner, bool twice = false) {
+  // `app`: the app the task belongs to; `appSameTime`: whether it may run beside the app's others.
+  long Save(const std::string& command, uid_t owner, bool twice = false, const char* app = nullptr,
+            bool appSameTime = true) {
     Task t;
     ORVASchedCTaskSetName(t.t, "run test");
     ORVASchedCTaskSetCommand(t.t, command.c_str());
     ORVASchedCTaskSetOwner(t.t, owner);
     ORVASchedCTaskSetCanRunTaskSameTime(t.t, twice);
+    if (app) {
+      ORVASchedCTaskSetApp(t.t, app);
+      ORVASchedCTaskSetCanRunAppSameTime(t.t, appSameTime);
+    }
     EXPECT_EQ(ORVASchedTaskSave(t.t), 0);
     return ORVASchedTaskGetID(*t);
+  }
+  // Waits until a run of the task has started; returns its status.
+  static Json::Value WaitRunning(long id) {
+    Json::Value status;
+    orva_test::WaitFor([&] {
+      EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
+      return status["running"].asBool();
+    }, 300);
+    EXPECT_TRUE(status["running"].asBool()) << id;
+    return status;
   }
 
   TempRoot root_;
@@ -78,7 +86,7 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   ASSERT_EQ(stat((out_ + "/ids").c_str(), &st), 0);
   EXPECT_EQ(st.st_uid, u.uid());
   EXPECT_EQ(st.st_gid, u.gid());
-  std::istringstream ids(ReadFile(out_ + "/ids"));
+  std::istringstream ids(Slurp(out_ + "/ids"));
   unsigned uid = 0;
   ids >> uid;
   EXPECT_EQ(uid, u.uid());
@@ -87,14 +95,14 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   EXPECT_EQ(groups, (std::set<unsigned>{u.gid(), u.extraGid()}));
 
   // Only the allowed environment, plus what the shell itself sets.
-  std::istringstream env(ReadFile(out_ + "/env"));
+  std::istringstream env(Slurp(out_ + "/env"));
   std::set<std::string> names;
   for (std::string line; std::getline(env, line);) names.insert(line.substr(0, line.find('=')));
   for (const char* shellOwn : {"PWD", "SHLVL", "OLDPWD", "_"}) names.erase(shellOwn);
   EXPECT_EQ(names, (std::set<std::string>{"HOME", "USER", "LOGNAME", "SHELL", "PATH", "LANG"}));
-  EXPECT_NE(ReadFile(out_ + "/env").find("USER=" + u.name() + "\n"), std::string::npos);
+  EXPECT_NE(Slurp(out_ + "/env").find("USER=" + u.name() + "\n"), std::string::npos);
   // No inherited descriptors: 0-2 and the one ls opened to list them.
-  std::istringstream fds(ReadFile(out_ + "/fds"));
+  std::istringstream fds(Slurp(out_ + "/fds"));
   for (int fd; fds >> fd;) EXPECT_LE(fd, 3);
 
   Json::Value status;
@@ -112,17 +120,11 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   EXPECT_TRUE(last["end"].isString());
 }
 
-TEST_F(SchedRunTest, SecondRunOfANoTwiceTaskIsSkipped) {
+TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
   TestUser u("s");
   long once = Save("sleep 2; echo done", u.uid(), false);
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);  // returns at once: the run goes on detached
-  Json::Value status;
-  for (int i = 0; i < 300 && !status["running"].asBool(); ++i) {
-    ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(once), status), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  ASSERT_TRUE(status["running"].asBool());
-  EXPECT_TRUE(status["pid"].isInt());
+  EXPECT_TRUE(WaitRunning(once)["pid"].isInt());
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);
   Json::Value runs = WaitRuns(once, 2);
   ASSERT_EQ(runs.size(), 2u);
@@ -137,45 +139,42 @@ TEST_F(SchedRunTest, SecondRunOfANoTwiceTaskIsSkipped) {
   runs = WaitRuns(twice, 2);
   EXPECT_EQ(runs[0]["result"], "success");
   EXPECT_EQ(runs[1]["result"], "success");
-}
 
-TEST_F(SchedRunTest, TasksOfAnAppThatMayNotRunTogether) {
-  TestUser u("p");
-  auto save = [&](const char* cmd, bool appSameTime) {
-    Task t;
-    ORVASchedCTaskSetCommand(t.t, cmd);
-    ORVASchedCTaskSetOwner(t.t, u.uid());
-    ORVASchedCTaskSetApp(t.t, "ORVA.Test.Backup");
-    ORVASchedCTaskSetCanRunAppSameTime(t.t, appSameTime);
-    EXPECT_EQ(ORVASchedTaskSave(t.t), 0);
-    return ORVASchedTaskGetID(*t);
-  };
-  long first = save("sleep 2", false);
-  long second = save("true", true);
+  // While a task of an app that may not run beside the app's others runs, they are skipped.
+  long first = Save("sleep 2", u.uid(), false, "ORVA.Test.Backup", false);
+  long second = Save("true", u.uid(), false, "ORVA.Test.Backup", true);
   ASSERT_EQ(ORVASchedTaskRun(first, 0, 0), 0);
-  Json::Value status;
-  for (int i = 0; i < 300 && !status["running"].asBool(); ++i) {
-    ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(first), status), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  WaitRunning(first);
   ASSERT_EQ(ORVASchedTaskRun(second, 0, 0), 0);
-  Json::Value runs = WaitRuns(second, 1);
-  EXPECT_EQ(runs[0]["result"], "skipped");
+  EXPECT_EQ(WaitRuns(second, 1)[0]["result"], "skipped");
   WaitRuns(first, 1);
   ASSERT_EQ(ORVASchedTaskRun(second, 0, 0), 0);
-  runs = WaitRuns(second, 2);
-  EXPECT_EQ(runs[0]["result"], "success");
+  EXPECT_EQ(WaitRuns(second, 2)[0]["result"], "success");
 }
 
-TEST_F(SchedRunTest, UsersTaskRunsAsThatUser) {
+TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
   TestUser u("u");
+  ORVASchedEventTask ev;
+  ev.task_name = "boot";
+  ev.owner = u.uid();
+  ev.event = "bootup";
+  ev.script = "echo booted as $(id -un)";
+  ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
+  ASSERT_EQ(ORVASchedEventTaskRun(ev.id), 0);
+  Json::Value runs = WaitRuns(ev.id, 1, true);
+  EXPECT_EQ(runs[0]["trigger"], "event");
+  EXPECT_EQ(runs[0]["output"], "booted as " + u.name() + "\n");
+  // Task ids and event task ids are apart: there is no task of that id.
+  Json::Value status;
+  EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(ev.id), status), -1);
+
   Task t;
   ASSERT_EQ(ORVASchedTaskLoadByUser(u.c_str(), -1, t.t), 0);
   ORVASchedCTaskSetCommand(t.t, "id -u");
   ASSERT_EQ(ORVASchedTaskSaveByUser(u.c_str(), t.t), 0);
   long id = ORVASchedTaskGetID(*t);
   ASSERT_EQ(ORVASchedTaskRunByUser(u.c_str(), id, 0, 0), 0);
-  Json::Value runs = WaitRuns(id, 1);
+  runs = WaitRuns(id, 1);
   EXPECT_EQ(runs[0]["output"], std::to_string(u.uid()) + "\n");
   EXPECT_EQ(runs[0]["result"], "success");
 }
@@ -212,23 +211,6 @@ TEST_F(SchedRunTest, SignalAndLongOutput) {
   EXPECT_EQ(output.size(), static_cast<size_t>(ORVA_SCHED_RUN_OUTPUT_MAX) + 2);
   EXPECT_EQ(output.substr(output.size() - 8), "a\xef\xbf\xbd" "END\n");
   EXPECT_EQ(runs[0]["result"], "success");
-}
-
-TEST_F(SchedRunTest, EventTaskRunsByItsOwnId) {
-  TestUser u("e");
-  ORVASchedEventTask ev;
-  ev.task_name = "boot";
-  ev.owner = u.uid();
-  ev.event = "bootup";
-  ev.script = "echo booted as $(id -un)";
-  ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
-  ASSERT_EQ(ORVASchedEventTaskRun(ev.id), 0);
-  Json::Value runs = WaitRuns(ev.id, 1, true);
-  EXPECT_EQ(runs[0]["trigger"], "event");
-  EXPECT_EQ(runs[0]["output"], "booted as " + u.name() + "\n");
-  // Task ids and event task ids are apart: task 1 does not exist.
-  Json::Value status;
-  EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(ev.id), status), -1);
 }
 
 TEST_F(SchedRunTest, HistoryKeepsTheLastFifty) {
@@ -270,10 +252,8 @@ TEST_F(SchedRunTest, RunnerCommandLine) {
   Json::Value runs = WaitRuns(id, 1);
   EXPECT_EQ(runs[0]["trigger"], "schedule");
   EXPECT_EQ(runs[0]["output"], "hi\n");
-}
 
-TEST_F(SchedRunTest, UnstartableRunnerFails) {
-  long id = Save("true", 0);
+  // A runner that cannot be started fails the call.
   ORVASchedSetRunnerPath(root_.path() + "/no-such-runner");
   EXPECT_EQ(ORVASchedTaskRun(id, 0, 0), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_RUN);

@@ -1,5 +1,4 @@
 // The store: records, persistence at the field limits, ids, owners, listing, sorting.
-#include <sqlite3.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -54,13 +53,26 @@ std::vector<long> Ids(ORVA_SCHED_TASK* list) {
   return ids;
 }
 
-void SetOnce(ORVA_SCHED_TASK* t, int year, int month, int day, int hour, int min) {
+// The ten flags through their getters, in the record's order, and their defaults.
+std::vector<bool> Flags(const ORVA_SCHED_TASK& t) {
+  return {ORVASchedTaskIsEnabled(t),        ORVASchedTaskIsListable(t),         ORVASchedTaskIsCanEditFromUI(t),
+          ORVASchedTaskIsCanDeleteFromUI(t), ORVASchedTaskIsCanRunFromUI(t),     ORVASchedTaskIsCanEditName(t),
+          ORVASchedTaskIsCanEditOwner(t),    ORVASchedTaskIsSimpleEditForm(t),   ORVASchedTaskIsCanRunAppSameTime(t),
+          ORVASchedTaskIsCanRunTaskSameTime(t)};
+}
+const std::vector<bool> kDefaultFlags = {true, true, true, true, true, true, false, false, true, false};
+// Setters of all flags but the first (the state), in the same order.
+void (*const kFlagSetters[])(ORVA_SCHED_TASK*, int) = {
+    ORVASchedCTaskSetListable,      ORVASchedCTaskSetCanEditFromUI,  ORVASchedCTaskSetCanDeleteFromUI,
+    ORVASchedCTaskSetCanRunFromUI,  ORVASchedCTaskSetCanEditName,    ORVASchedCTaskSetCanEditOwner,
+    ORVASchedCTaskSetSimpleEditForm, ORVASchedCTaskSetCanRunAppSameTime, ORVASchedCTaskSetCanRunTaskSameTime};
+
+void SetOnce(ORVA_SCHED_TASK* t, int year, int hour) {
   t->schedule.repeat = ORVA_SCHED_REPEAT_ONCE;
   t->schedule.year = static_cast<uint16_t>(year);
-  t->schedule.month = static_cast<uint8_t>(month);
-  t->schedule.day = static_cast<uint8_t>(day);
+  t->schedule.month = t->schedule.day = 1;
   t->schedule.hour = static_cast<uint8_t>(hour);
-  t->schedule.min = static_cast<uint8_t>(min);
+  t->schedule.min = 0;
 }
 
 }  // namespace
@@ -78,25 +90,13 @@ TEST(SchedStore, FreshRecordDefaults) {
   for (ORVA_SCHED_TASK* t : {alloc.t, loaded.t, byUser.t}) {
     EXPECT_EQ(ORVASchedTaskGetID(*t), -1);
     EXPECT_TRUE(ORVASchedTaskIsNew(*t));
-    EXPECT_TRUE(ORVASchedTaskIsEnabled(*t));
-    EXPECT_TRUE(ORVASchedTaskIsListable(*t));
-    EXPECT_TRUE(ORVASchedTaskIsCanEditFromUI(*t));
-    EXPECT_TRUE(ORVASchedTaskIsCanDeleteFromUI(*t));
-    EXPECT_TRUE(ORVASchedTaskIsCanRunFromUI(*t));
-    EXPECT_TRUE(ORVASchedTaskIsCanEditName(*t));
-    EXPECT_FALSE(ORVASchedTaskIsCanEditOwner(*t));
-    EXPECT_FALSE(ORVASchedTaskIsSimpleEditForm(*t));
-    EXPECT_TRUE(ORVASchedTaskIsCanRunAppSameTime(*t));
-    EXPECT_FALSE(ORVASchedTaskIsCanRunTaskSameTime(*t));
+    EXPECT_EQ(Flags(*t), kDefaultFlags);
     EXPECT_EQ(t->next, nullptr);
     EXPECT_EQ(ORVASchedTaskGetTruncated(*t), 0u);
     for (const TextField& f : kTextFields) EXPECT_STREQ(f.get(*t), "") << f.name;
-    EXPECT_EQ(t->schedule.repeat, ORVA_SCHED_REPEAT_DAILY);
-    EXPECT_EQ(t->schedule.hour, 0);
-    EXPECT_EQ(t->schedule.min, 0);
-    EXPECT_EQ(t->schedule.year, lt.tm_year + 1900);
-    EXPECT_EQ(t->schedule.month, lt.tm_mon + 1);
-    EXPECT_EQ(t->schedule.day, lt.tm_mday);
+    const ORVA_SCHED_SCHEDULE& s = t->schedule;
+    EXPECT_EQ(std::vector<int>({s.repeat, s.hour, s.min, s.year, s.month, s.day}),
+              std::vector<int>({ORVA_SCHED_REPEAT_DAILY, 0, 0, lt.tm_year + 1900, lt.tm_mon + 1, lt.tm_mday}));
   }
   for (ORVA_SCHED_TASK* t : {alloc.t, loaded.t}) {
     EXPECT_EQ(ORVASchedTaskGetOwner(*t), 0u);
@@ -169,32 +169,20 @@ TEST(SchedStore, EveryFieldRoundTrips) {
   TempRoot root;
   Task t;
   ORVASchedCTaskSetOwner(t.t, 2);
-  ORVASchedCTaskSetState(t.t, 0);
-  ORVASchedCTaskSetListable(t.t, 0);
-  ORVASchedCTaskSetCanEditFromUI(t.t, 0);
-  ORVASchedCTaskSetCanDeleteFromUI(t.t, 0);
-  ORVASchedCTaskSetCanRunFromUI(t.t, 0);
-  ORVASchedCTaskSetCanEditName(t.t, 0);
-  ORVASchedCTaskSetCanEditOwner(t.t, 1);
-  ORVASchedCTaskSetSimpleEditForm(t.t, 1);
-  ORVASchedCTaskSetCanRunAppSameTime(t.t, 0);
-  ORVASchedCTaskSetCanRunTaskSameTime(t.t, 1);
+  // Every flag away from its default.
+  std::vector<bool> flipped(kDefaultFlags.size());
+  for (size_t i = 0; i < flipped.size(); ++i) flipped[i] = !kDefaultFlags[i];
+  ORVASchedCTaskSetState(t.t, flipped[0]);
+  for (size_t i = 1; i < flipped.size(); ++i) kFlagSetters[i - 1](t.t, flipped[i]);
   for (const TextField& f : kTextFields) f.set(t.t, (std::string("text of ") + f.name + " \"'\n\t").c_str());
   ORVA_SCHED_SCHEDULE& s = t->schedule;
   s.repeat = ORVA_SCHED_REPEAT_WEEKLY;
-  s.year = 2031;
-  s.month = 12;
-  s.day = 31;
-  s.week_mask = 0x41;
-  s.hour = 23;
-  s.min = 59;
-  s.repeat_min = 15;
-  s.last_work_hour = 22;
+  s.year = 2031, s.month = 12, s.day = 31, s.week_mask = 0x41;
+  s.hour = 23, s.min = 59, s.repeat_min = 15, s.last_work_hour = 22;
   s.n_repeat_min_cfg = ORVA_SCHED_REPEAT_CFG_MAX;
   for (unsigned i = 0; i < ORVA_SCHED_REPEAT_CFG_MAX; ++i) s.repeat_min_cfg[i] = static_cast<uint8_t>(59 - i);
   memset(s.repeat_hour_cfg, 0, sizeof(s.repeat_hour_cfg));
-  s.n_repeat_hour_cfg = 1;
-  s.repeat_hour_cfg[0] = 23;
+  s.n_repeat_hour_cfg = 1, s.repeat_hour_cfg[0] = 23;
   ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
   Task back;
   ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*t), back.t), 0);
@@ -202,11 +190,7 @@ TEST(SchedStore, EveryFieldRoundTrips) {
   EXPECT_EQ(back->owner, 2u);
   EXPECT_EQ(back->marker, 0);
   for (const TextField& f : kTextFields) EXPECT_STREQ(f.get(*back), f.get(*t)) << f.name;
-  const uint8_t flags[] = {back->enabled, back->listable, back->can_edit_from_ui, back->can_delete_from_ui,
-                           back->can_run_from_ui, back->can_edit_name, back->can_edit_owner,
-                           back->simple_edit_form, back->can_run_app_same_time, back->can_run_task_same_time};
-  const uint8_t want[] = {0, 0, 0, 0, 0, 0, 1, 1, 0, 1};
-  EXPECT_EQ(0, memcmp(flags, want, sizeof(want)));
+  EXPECT_EQ(Flags(*back), flipped);
   EXPECT_EQ(0, memcmp(&back->schedule, &t->schedule, sizeof(ORVA_SCHED_SCHEDULE)));
   EXPECT_FALSE(ORVASchedTaskIsNew(*back));
 }
@@ -283,96 +267,78 @@ TEST(SchedStore, BadScheduleIsNotSaved) {
 TEST(SchedStore, ByUserMatrix) {
   TempRoot root;
   TestUser a("a"), b("b");
+  ORVASchedSetRunnerPath(ORVA_SCHEDRUN_PATH);
   enum Actor { kSystem, kA, kB };
   const char* names[] = {nullptr, a.c_str(), b.c_str()};
-  // The task each actor may touch: system touches all, A and B only their own.
-  auto allowed = [](Actor actor, Actor owner) { return actor == kSystem || actor == owner; };
-
-  // Creates a task of `owner` (system, A or B) and returns its id.
-  auto make = [&](Actor owner) -> long {
-    Task t;
-    ORVASchedCTaskSetName(t.t, "task");
-    ORVASchedCTaskSetCommand(t.t, "true");
-    if (owner == kSystem) {
-      EXPECT_EQ(ORVASchedTaskSave(t.t), 0);
-    } else {
-      ORVASchedCTaskSetOwner(t.t, owner == kA ? a.uid() : b.uid());
-      EXPECT_EQ(ORVASchedTaskSaveByUser(names[owner], t.t), 0);
-      EXPECT_EQ(ORVASchedTaskGetMarker(*t), ORVA_SCHED_MARKER_BY_USER);
-      EXPECT_EQ(ORVASchedTaskGetRealOwner(*t), owner == kA ? a.uid() : b.uid());
-    }
-    return ORVASchedTaskGetID(*t);
+  const uid_t uids[] = {0, a.uid(), b.uid()};
+  // Each operation as the system (no user name) or on behalf of a user.
+  auto load = [](const char* u, long id, ORVA_SCHED_TASK* t) {
+    return u ? ORVASchedTaskLoadByUser(u, id, t) : ORVASchedTaskLoad(id, t);
   };
-  ORVASchedSetRunnerPath(ORVA_SCHEDRUN_PATH);
+  auto save = [](const char* u, ORVA_SCHED_TASK* t) { return u ? ORVASchedTaskSaveByUser(u, t) : ORVASchedTaskSave(t); };
+  auto run = [](const char* u, long id) { return u ? ORVASchedTaskRunByUser(u, id, 0, 0) : ORVASchedTaskRun(id, 0, 0); };
+  auto remove = [](const char* u, long id) { return u ? ORVASchedTaskRemoveByUser(u, id) : ORVASchedTaskRemove(id); };
+  // A failure refused for ownership says so.
+  auto check = [](int rc, bool ok, const char* what) {
+    EXPECT_EQ(rc, ok ? 0 : -1) << what;
+    if (!ok) EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER) << what;
+  };
 
   for (Actor owner : {kSystem, kA, kB}) {
     for (Actor actor : {kSystem, kA, kB}) {
-      SCOPED_TRACE(std::string("owner ") + std::to_string(owner) + " actor " + std::to_string(actor));
-      long id = make(owner);
-      bool ok = allowed(actor, owner);
-      int expectErr = ok ? 0 : ORVA_SCHED_ERR_NOT_OWNER;
-      Task t;
-      int rc = actor == kSystem ? ORVASchedTaskLoad(id, t.t) : ORVASchedTaskLoadByUser(names[actor], id, t.t);
-      EXPECT_EQ(rc, ok ? 0 : -1) << "load";
-      if (!ok) {
-        EXPECT_EQ(KELCErrGet(), expectErr);
-      }
+      SCOPED_TRACE("owner " + std::to_string(owner) + " actor " + std::to_string(actor));
+      // The system touches every task, a user only their own.
+      const bool ok = actor == kSystem || actor == owner;
+      Task made;
+      ORVASchedCTaskSetName(made.t, "task");
+      ORVASchedCTaskSetCommand(made.t, "true");
+      ORVASchedCTaskSetOwner(made.t, uids[owner]);
+      ASSERT_EQ(save(names[owner], made.t), 0);
+      EXPECT_EQ(ORVASchedTaskGetMarker(*made), owner == kSystem ? 0 : ORVA_SCHED_MARKER_BY_USER);
+      EXPECT_EQ(ORVASchedTaskGetRealOwner(*made), uids[owner]);
+      const long id = ORVASchedTaskGetID(*made);
 
-      // Save: the stored task loaded by the system, saved by the actor.
-      Task s;
-      ASSERT_EQ(ORVASchedTaskLoad(id, s.t), 0);
-      ORVASchedCTaskSetName(s.t, "changed");
-      rc = actor == kSystem ? ORVASchedTaskSave(s.t) : ORVASchedTaskSaveByUser(names[actor], s.t);
-      if (actor != kSystem && owner != actor && rc == 0) ADD_FAILURE() << "save of another's task succeeded";
-      EXPECT_EQ(rc, ok ? 0 : -1) << "save";
-      Task check;
-      ASSERT_EQ(ORVASchedTaskLoad(id, check.t), 0);
-      EXPECT_STREQ(ORVASchedTaskGetName(*check), ok ? "changed" : "task");
+      Task t, check2;
+      check(load(names[actor], id, t.t), ok, "load");
+      // Save: the stored task loaded by the system, changed and saved by the actor.
+      ASSERT_EQ(ORVASchedTaskLoad(id, t.t), 0);
+      ORVASchedCTaskSetName(t.t, "changed");
+      check(save(names[actor], t.t), ok, "save");
+      ASSERT_EQ(ORVASchedTaskLoad(id, check2.t), 0);
+      EXPECT_STREQ(ORVASchedTaskGetName(*check2), ok ? "changed" : "task");
       // A plain save keeps a user's task theirs.
-      EXPECT_EQ(ORVASchedTaskGetMarker(*check), owner == kSystem ? 0 : ORVA_SCHED_MARKER_BY_USER);
-
-      rc = actor == kSystem ? ORVASchedTaskRun(id, 0, 0) : ORVASchedTaskRunByUser(names[actor], id, 0, 0);
-      EXPECT_EQ(rc, ok ? 0 : -1) << "run";
-      if (!ok) {
-        EXPECT_EQ(KELCErrGet(), expectErr);
-      }
-
-      rc = actor == kSystem ? ORVASchedTaskRemove(id) : ORVASchedTaskRemoveByUser(names[actor], id);
-      EXPECT_EQ(rc, ok ? 0 : -1) << "remove";
-      if (!ok) {
-        EXPECT_EQ(KELCErrGet(), expectErr);
-      }
-      EXPECT_EQ(ORVASchedTaskLoad(id, check.t), ok ? -1 : 0);
+      EXPECT_EQ(ORVASchedTaskGetMarker(*check2), owner == kSystem ? 0 : ORVA_SCHED_MARKER_BY_USER);
+      check(run(names[actor], id), ok, "run");
+      check(remove(names[actor], id), ok, "remove");
+      EXPECT_EQ(ORVASchedTaskLoad(id, check2.t), ok ? -1 : 0);
     }
   }
 
-  // A user can never make a task run as anyone else.
+  // A user can never make a task run as anyone else, nor through a plain save of a
+  // record marked as theirs.
   Task other;
-  ORVASchedCTaskSetOwner(other.t, b.uid());
-  EXPECT_EQ(ORVASchedTaskSaveByUser(a.c_str(), other.t), -1);
-  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER);
-  ORVASchedCTaskSetOwner(other.t, 0);
-  EXPECT_EQ(ORVASchedTaskSaveByUser(a.c_str(), other.t), -1);
-  // Nor through a plain save of a record marked as theirs.
+  for (uid_t uid : {b.uid(), uid_t(0)}) {
+    ORVASchedCTaskSetOwner(other.t, uid);
+    check(save(a.c_str(), other.t), false, "save as another");
+  }
   ORVASchedCTaskSetRealOwner(other.t, true, a.uid());
-  EXPECT_EQ(ORVASchedTaskSave(other.t), -1);
-  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER);
+  check(save(nullptr, other.t), false, "plain save of a user's record run as root");
   // A user's new record, and a stored id that is free, become the user's.
   Task mine;
-  ASSERT_EQ(ORVASchedTaskLoadByUser(a.c_str(), -1, mine.t), 0);
+  ASSERT_EQ(load(a.c_str(), -1, mine.t), 0);
   ORVASchedCTaskSetID(mine.t, 777);
-  ASSERT_EQ(ORVASchedTaskSaveByUser(a.c_str(), mine.t), 0);
+  ASSERT_EQ(save(a.c_str(), mine.t), 0);
   EXPECT_EQ(ORVASchedTaskGetID(*mine), 777);
-  EXPECT_EQ(ORVASchedTaskLoadByUser(a.c_str(), 777, mine.t), 0);
-  EXPECT_EQ(ORVASchedTaskLoadByUser(b.c_str(), 777, mine.t), -1);
-  // Unknown users fail everywhere.
+  EXPECT_EQ(load(a.c_str(), 777, mine.t), 0);
+  EXPECT_EQ(load(b.c_str(), 777, mine.t), -1);
+  // Unknown users fail everywhere; so does running a task that was never saved.
   const char* ghost = "orvat-no-such-user";
-  EXPECT_EQ(ORVASchedTaskLoadByUser(ghost, -1, mine.t), -1);
+  EXPECT_EQ(load(ghost, -1, mine.t), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NO_USER);
-  EXPECT_EQ(ORVASchedTaskSaveByUser(ghost, mine.t), -1);
-  EXPECT_EQ(ORVASchedTaskRemoveByUser(ghost, 777), -1);
-  EXPECT_EQ(ORVASchedTaskRunByUser(ghost, 777, 0, 0), -1);
-  EXPECT_EQ(ORVASchedTaskRunByUser(a.c_str(), -1, 0, 0), -1);
+  EXPECT_EQ(save(ghost, mine.t), -1);
+  EXPECT_EQ(remove(ghost, 777), -1);
+  EXPECT_EQ(run(ghost, 777), -1);
+  EXPECT_EQ(run(a.c_str(), -1), -1);
   orva_test::WaitForRunners(root.path());
 }
 
@@ -447,11 +413,7 @@ TEST(SchedStore, SortEveryKeyBothDirections) {
     ORVASchedCTaskSetOwner(t.t, r.owner);
     ORVASchedCTaskSetAppName(t.t, r.appName);
     ORVASchedCTaskSetAction(t.t, r.action);
-    if (r.year) {
-      SetOnce(t.t, r.year, 1, 1, r.hour, 0);
-    } else {
-      SetOnce(t.t, 2001, 5, 5, 12, 0);
-    }
+    SetOnce(t.t, r.year ? r.year : 2001, r.hour);
     ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
   }
   struct Case {
@@ -522,7 +484,6 @@ TEST(SchedStore, PagesNeitherOverlapNorSkip) {
 
 TEST(SchedStore, GenerationCountsTaskWritesOnly) {
   TempRoot root;
-  EXPECT_EQ(ORVASchedStoreDbPath(), root.path() + "/var/lib/orva/scheduler.db");
   int64_t g0 = ORVASchedStoreGeneration();
   ASSERT_GE(g0, 0);
   Task t;
@@ -613,27 +574,18 @@ TEST(SchedStore, EventTasks) {
 TEST(SchedStore, DatabaseSettingsAndSchemaVersion) {
   TempRoot root;
   ASSERT_GE(ORVASchedStoreGeneration(), 0);
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(ORVASchedStoreDbPath().c_str(), &db), SQLITE_OK);
-  auto pragma = [db](const char* sql) {
-    sqlite3_stmt* st = nullptr;
-    std::string out;
-    if (sqlite3_prepare_v2(db, sql, -1, &st, nullptr) == SQLITE_OK && sqlite3_step(st) == SQLITE_ROW) {
-      out = reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
-    }
-    sqlite3_finalize(st);
-    return out;
-  };
-  EXPECT_EQ(pragma("PRAGMA journal_mode"), "wal");
-  EXPECT_EQ(pragma("PRAGMA user_version"), "1");
+  const std::string db = ORVASchedStoreDbPath();
+  EXPECT_EQ(db, root.path() + "/var/lib/orva/scheduler.db");
+  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA journal_mode"), "wal");
+  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA user_version"), "1");
   // A database from a newer release is refused, not rewritten.
-  ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version=99", nullptr, nullptr, nullptr), SQLITE_OK);
-  sqlite3_close(db);
+  orva_test::QueryOne(db, "PRAGMA user_version=99");
   TempRoot other;  // switching roots reopens
   ASSERT_GE(ORVASchedStoreGeneration(), 0);
   ORVA::ORVARootSet(root.path());
   EXPECT_EQ(ORVASchedStoreGeneration(), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_DATABASE);
+  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA user_version"), "99");
   ORVA::ORVARootSet(other.path());
 }
 

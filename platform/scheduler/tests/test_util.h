@@ -1,9 +1,10 @@
-// Helpers of the store's tests: a temporary system root and real test accounts.
+// Helpers of the store's tests: a temporary system root, real test accounts, records.
 #pragma once
 
 #include <dirent.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,81 +12,55 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
-#include <iterator>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
-#include "core/root.h"
 #include "scheduler/task.h"
+#include "orvatest.h"
 
 namespace orva_test {
+
+// A fresh system root for one test; runners are found by its path on their command line.
+struct TempRoot : orvatest::TempRoot {
+  TempRoot() : orvatest::TempRoot("orva-store-test") {}
+};
 
 inline int Shell(const std::string& cmd) {
   int rc = system(cmd.c_str());
   return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
 }
 
-// A fresh system root for one test, removed afterwards.
-class TempRoot {
- public:
-  TempRoot() {
-    char tmpl[] = "/tmp/orva-store-test-XXXXXX";
-    const char* dir = mkdtemp(tmpl);
-    EXPECT_NE(dir, nullptr);
-    path_ = dir ? dir : "/tmp";
-    ORVA::ORVARootSet(path_);
-    setenv("ORVA_ROOT", path_.c_str(), 1);
+// Polls `done` every 100 ms, up to `tries` times.
+inline bool WaitFor(const std::function<bool()>& done, int tries = 50) {
+  for (int i = 0; i < tries; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+    if (done()) return true;
   }
-  ~TempRoot() {
-    if (path_.rfind("/tmp/orva-store-test-", 0) == 0) Shell("rm -rf '" + path_ + "'");
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+  return false;
+}
 
 // A real account "orvat<pid><tag>" with its own primary group and one extra group,
-// created for the test and deleted afterwards.
+// created for the test and deleted afterwards. useradd and groupadd lock /etc/passwd
+// and tests run in parallel, so each step is retried.
 class TestUser {
  public:
-  explicit TestUser(const std::string& tag) {
-    name_ = "orvat" + std::to_string(getpid()) + tag;
-    group_ = name_ + "g";
-    // useradd and groupadd lock /etc/passwd; tests run in parallel, so retry.
-    for (int i = 0; i < 50; ++i) {
-      if (Shell("groupadd " + group_ + " 2>/dev/null") == 0 || getgrnam(group_.c_str())) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    for (int i = 0; i < 50; ++i) {
-      if (Shell("useradd -M -d /nonexistent -s /bin/sh -U -G " + group_ + " " + name_ + " 2>/dev/null") == 0 ||
-          getpwnam(name_.c_str())) {
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
+  explicit TestUser(const std::string& tag) : name_("orvat" + std::to_string(getpid()) + tag), group_(name_ + "g") {
+    WaitFor([&] { return Shell("groupadd " + group_ + " 2>/dev/null") == 0 || getgrnam(group_.c_str()); });
+    WaitFor([&] {
+      return Shell("useradd -M -d /nonexistent -s /bin/sh -U -G " + group_ + " " + name_ + " 2>/dev/null") == 0 ||
+             getpwnam(name_.c_str());
+    });
     struct passwd* pw = getpwnam(name_.c_str());
     EXPECT_NE(pw, nullptr) << "cannot create test user " << name_;
-    if (pw) {
-      uid_ = pw->pw_uid;
-      gid_ = pw->pw_gid;
-    }
-    struct group* gr = getgrnam(group_.c_str());
-    if (gr) extraGid_ = gr->gr_gid;
+    if (pw) uid_ = pw->pw_uid, gid_ = pw->pw_gid;
+    if (struct group* gr = getgrnam(group_.c_str())) extraGid_ = gr->gr_gid;
   }
   ~TestUser() { Remove(); }
   void Remove() {
-    if (removed_) return;
-    removed_ = true;
-    for (int i = 0; i < 50; ++i) {
-      if (Shell("userdel " + name_ + " 2>/dev/null") == 0 || !getpwnam(name_.c_str())) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    for (int i = 0; i < 50; ++i) {
-      if (Shell("groupdel " + group_ + " 2>/dev/null") == 0 || !getgrnam(group_.c_str())) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
+    if (std::exchange(removed_, true)) return;
+    WaitFor([&] { return Shell("userdel " + name_ + " 2>/dev/null") == 0 || !getpwnam(name_.c_str()); });
+    WaitFor([&] { return Shell("groupdel " + group_ + " 2>/dev/null") == 0 || !getgrnam(group_.c_str()); });
   }
   const std::string& name() const { return name_; }
   const char* c_str() const { return name_.c_str(); }
@@ -96,8 +71,7 @@ class TestUser {
  private:
   std::string name_, group_;
   uid_t uid_ = 0;
-  gid_t gid_ = 0;
-  gid_t extraGid_ = 0;
+  gid_t gid_ = 0, extraGid_ = 0;
   bool removed_ = false;
 };
 
@@ -112,30 +86,36 @@ struct Task {
   ORVA_SCHED_TASK* t;
 };
 
-// Waits (up to 30 s) until no process has `root` on its command line: the detached
-// runners of a test must be gone before its root is removed.
+// The first column of the first row of `sql` on the database at `path`, "" if none.
+inline std::string QueryOne(const std::string& path, const char* sql) {
+  sqlite3* db = nullptr;
+  std::string out;
+  sqlite3_stmt* st = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, sql, -1, &st, nullptr) == SQLITE_OK && sqlite3_step(st) == SQLITE_ROW &&
+      sqlite3_column_text(st, 0)) {
+    out = reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
+  }
+  sqlite3_finalize(st);
+  sqlite3_close(db);
+  return out;
+}
+
+// True while some other process has `text` on its command line.
 inline bool AnyProcessMentions(const std::string& text) {
   DIR* proc = opendir("/proc");
   bool found = false;
-  while (struct dirent* e = proc ? readdir(proc) : nullptr) {
+  while (struct dirent* e = proc && !found ? readdir(proc) : nullptr) {
     if (e->d_name[0] < '1' || e->d_name[0] > '9' || atoi(e->d_name) == getpid()) continue;
-    std::ifstream in(std::string("/proc/") + e->d_name + "/cmdline");
-    std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (cmdline.find(text) != std::string::npos) {
-      found = true;
-      break;
-    }
+    found = orvatest::Slurp(std::string("/proc/") + e->d_name + "/cmdline").find(text) != std::string::npos;
   }
   if (proc) closedir(proc);
   return found;
 }
 
+// The detached runners of a test must be gone (up to 30 s) before its root is removed.
 inline void WaitForRunners(const std::string& root) {
-  for (int i = 0; i < 300; ++i) {
-    if (!AnyProcessMentions(root)) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  ADD_FAILURE() << "runners still alive for " << root;
+  if (!WaitFor([&] { return !AnyProcessMentions(root); }, 300)) ADD_FAILURE() << "runners still alive for " << root;
 }
 
 inline std::string Repeat(char c, size_t n) { return std::string(n, c); }

@@ -1,111 +1,60 @@
 // orva-taskctl as other packages and tests use it: add, show, list, remove.
 #include <pwd.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "core/root.h"
 #include "scheduler/task.h"
+#include "orvatest.h"
 
 namespace {
 
-struct Result {
-  int status;
-  std::string out;
-};
-
-std::string Quote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
 class TaskctlTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/orva-taskctl-test-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
-    ORVA::ORVARootSet(root_);
+  orvatest::Result Run(std::vector<std::string> args) {
+    args.insert(args.begin(), {ORVA_TASKCTL_PATH, "--root", temp_.path()});
+    return orvatest::Spawn(args, temp_.path());
   }
-  void TearDown() override { system(("rm -rf " + Quote(root_)).c_str()); }
-
-  Result Run(const std::string& args) {
-    std::string cmd = std::string(ORVA_TASKCTL_PATH) + " --root " + Quote(root_) + " " + args + " 2>/dev/null";
-    FILE* p = popen(cmd.c_str(), "r");
-    Result r{-1, ""};
-    if (!p) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-  }
-
-  Json::Value Show(long id) {
-    Result r = Run("show " + std::to_string(id));
-    EXPECT_EQ(r.status, 0);
+  static Json::Value Parse(const std::string& text) {
     Json::Value v;
-    std::istringstream in(r.out);
-    in >> v;
+    std::istringstream(text) >> v;
     return v;
   }
+  Json::Value Show(long id) {
+    orvatest::Result r = Run({"show", std::to_string(id)});
+    EXPECT_EQ(r.status, 0) << r.err;
+    return Parse(r.out);
+  }
 
-  std::string root_;
+  orvatest::TempRoot temp_{"orva-taskctl-test"};
 };
 
 }  // namespace
 
 TEST_F(TaskctlTest, AddShowListRemove) {
-  std::string cmd = std::string(ORVA_SCHED_COMMAND_MAX - 1, 'c');
-  Json::Value task;
-  task["name"] = "Nightly report";
-  task["app"] = "ORVA.Report.Task";
-  task["app_name"] = "#report:title#";
-  task["action"] = "#report:action#";
-  task["command"] = cmd;
-  task["app_args"] = "{\"a\":1}";
-  task["owner"] = "daemon";
-  task["enabled"] = false;
-  task["listable"] = false;
-  task["can_edit_from_ui"] = false;
-  task["can_delete_from_ui"] = false;
-  task["can_run_from_ui"] = false;
-  task["can_edit_name"] = false;
-  task["can_edit_owner"] = true;
-  task["edit_form"] = "ReportForm";
-  task["simple_edit_form"] = true;
-  task["can_run_app_same_time"] = false;
-  task["can_run_task_same_time"] = true;
-  task["schedule"]["repeat"] = "monthly";
-  task["schedule"]["date"] = "2030-01-31";
-  task["schedule"]["hour"] = 3;
-  task["schedule"]["min"] = 15;
+  // Every member, the command at its longest, flags opposite to their defaults.
+  Json::Value task = Parse(R"({"name": "Nightly report", "app": "ORVA.Report.Task", "app_name": "#report:title#",
+      "action": "#report:action#", "app_args": "{\"a\":1}", "owner": "daemon", "enabled": false,
+      "listable": false, "can_edit_from_ui": false, "can_delete_from_ui": false, "can_run_from_ui": false,
+      "can_edit_name": false, "can_edit_owner": true, "edit_form": "ReportForm", "simple_edit_form": true,
+      "can_run_app_same_time": false, "can_run_task_same_time": true,
+      "schedule": {"repeat": "monthly", "date": "2030-01-31", "hour": 3, "min": 15}})");
+  task["command"] = std::string(ORVA_SCHED_COMMAND_MAX - 1, 'c');
   Json::StreamWriterBuilder w;
   w["indentation"] = "";
-  Result added = Run("add " + Quote(Json::writeString(w, task)));
-  ASSERT_EQ(added.status, 0);
+  orvatest::Result added = Run({"add", Json::writeString(w, task)});
+  ASSERT_EQ(added.status, 0) << added.err;
   EXPECT_EQ(added.out, "1\n");
 
   Json::Value shown = Show(1);
   for (const std::string& key : task.getMemberNames()) {
-    if (key != "schedule") {
-      EXPECT_EQ(shown[key], task[key]) << key;
-    }
+    if (key != "schedule") EXPECT_EQ(shown[key], task[key]) << key;
   }
-  EXPECT_EQ(shown["schedule"]["repeat"], "monthly");
-  EXPECT_EQ(shown["schedule"]["date"], "2030-01-31");
-  EXPECT_EQ(shown["schedule"]["hour"], 3);
+  for (const char* key : {"repeat", "date", "hour", "min"}) EXPECT_EQ(shown["schedule"][key], task["schedule"][key]);
   EXPECT_EQ(shown["id"], 1);
   EXPECT_EQ(shown["marker"], 0);
   EXPECT_EQ(shown["owner_uid"].asUInt(), getpwnam("daemon")->pw_uid);
@@ -113,57 +62,58 @@ TEST_F(TaskctlTest, AddShowListRemove) {
   EXPECT_TRUE(shown["real_owner"].isNull());
   EXPECT_EQ(shown["next_trigger_time"], "N/A");  // disabled
 
-  // A user's task: real_owner given, the owner follows it.
-  Result user = Run("add '{\"name\": \"mine\", \"real_owner\": \"bin\", \"id\": 40}'");
-  ASSERT_EQ(user.status, 0);
+  // A user's task: real_owner given, the owner follows it; absent members take defaults.
+  orvatest::Result user = Run({"add", R"({"name": "mine", "real_owner": "bin", "id": 40})"});
+  ASSERT_EQ(user.status, 0) << user.err;
   EXPECT_EQ(user.out, "40\n");
   Json::Value mine = Show(40);
   EXPECT_EQ(mine["marker"], ORVA_SCHED_MARKER_BY_USER);
   EXPECT_EQ(mine["owner"], "bin");
   EXPECT_EQ(mine["real_owner"], "bin");
-  EXPECT_EQ(mine["enabled"], true);  // defaults for absent members
+  EXPECT_EQ(mine["enabled"], true);
   EXPECT_EQ(mine["can_run_app_same_time"], true);
   EXPECT_NE(mine["next_trigger_time"], "N/A");  // daily from today
 
-  Result list = Run("list");
-  ASSERT_EQ(list.status, 0);
-  std::istringstream lines(list.out);
-  std::vector<long> ids;
-  for (std::string line; std::getline(lines, line);) {
-    Json::Value v;
-    std::istringstream in(line);
-    in >> v;
-    ids.push_back(v["id"].asInt());
-  }
-  EXPECT_EQ(ids, (std::vector<long>{1, 40}));
-
-  EXPECT_EQ(Run("remove 1").status, 0);
-  EXPECT_EQ(Run("remove 1").status, 1);
-  EXPECT_EQ(Run("show 1").status, 1);
-  EXPECT_EQ(Run("show -1").status, 1);
-  EXPECT_EQ(Run("list").out.find("\"id\":1,"), std::string::npos);
+  auto listed = [&] {
+    orvatest::Result list = Run({"list"});
+    EXPECT_EQ(list.status, 0) << list.err;
+    std::istringstream lines(list.out);
+    std::vector<long> ids;
+    for (std::string line; std::getline(lines, line);) ids.push_back(Parse(line)["id"].asInt());
+    return ids;
+  };
+  EXPECT_EQ(listed(), (std::vector<long>{1, 40}));
+  EXPECT_EQ(Run({"remove", "1"}).status, 0);
+  EXPECT_EQ(listed(), (std::vector<long>{40}));
+  EXPECT_EQ(Run({"remove", "1"}).status, 1);
+  EXPECT_EQ(Run({"show", "1"}).status, 1);
+  EXPECT_EQ(Run({"show", "-1"}).status, 1);
 }
 
 TEST_F(TaskctlTest, RefusesBadInputAndStoresNothing) {
-  const char* bad[] = {
-      "add 'not json'",
-      "add '[]'",
-      "add '{\"nam\": \"typo\"}'",
-      "add '{\"name\": 5}'",
-      "add '{\"enabled\": \"yes\"}'",
-      "add '{\"owner\": \"orvat-no-such-user\"}'",
-      "add '{\"owner\": \"daemon\", \"real_owner\": \"bin\"}'",
-      "add '{\"schedule\": {\"hour\": 25}}'",
-      "add '{\"id\": -4}'",
-      "show abc",
+  const std::vector<std::vector<std::string>> bad = {
+      {"add", "not json"},
+      {"add", "[]"},
+      {"add", R"({"nam": "typo"})"},
+      {"add", R"({"name": 5})"},
+      {"add", R"({"enabled": "yes"})"},
+      {"add", R"({"owner": "orvat-no-such-user"})"},
+      {"add", R"({"owner": "daemon", "real_owner": "bin"})"},
+      {"add", R"({"schedule": {"hour": 25}})"},
+      {"add", R"({"id": -4})"},
+      {"add", R"({"name": ")" + std::string(ORVA_SCHED_NAME_MAX, 'n') + "\"}"},
+      {"show", "abc"},
   };
-  for (const char* args : bad) EXPECT_EQ(Run(args).status, 1) << args;
-  std::string tooLong = "add '{\"name\": \"" + std::string(ORVA_SCHED_NAME_MAX, 'n') + "\"}'";
-  EXPECT_EQ(Run(tooLong).status, 1);
-  EXPECT_EQ(Run("list").out, "");
-  EXPECT_EQ(Run("").status, 2);
-  EXPECT_EQ(Run("frobnicate").status, 2);
-  Result help = Run("--help");
+  for (const auto& args : bad) {
+    SCOPED_TRACE(orvatest::Shown(args));
+    orvatest::Result r = Run(args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_FALSE(r.err.empty());
+  }
+  EXPECT_EQ(Run({"list"}).out, "");
+  EXPECT_EQ(Run({}).status, 2);
+  EXPECT_EQ(Run({"frobnicate"}).status, 2);
+  orvatest::Result help = Run({"--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("orva-taskctl"), std::string::npos);
 }

@@ -1,16 +1,14 @@
 // orvapkg: package control commands from the manifest.
-#include <stdlib.h>
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
-#include "core/root.h"
-#include "../../orvaschedtool/tests/spawn_helper.h"
+#include "orvatest.h"
 
 namespace fs = std::filesystem;
-using tooltest::Result;
+using orvatest::Result;
 
 namespace {
 
@@ -19,11 +17,6 @@ const std::string kTool = std::string(ORVA_BUILD_DIR) + "/bin/orvapkg";
 class PkgToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/orvapkg-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
-    setenv("ORVA_ROOT", root_.c_str(), 1);
-    ORVA::ORVARootSet(root_);
     Manifest("alpha", R"({"name": "alpha", "display_name": "Alpha Media", "version": "1.0", "service": true,
       "control": {"start": "echo \"$ORVA_PKG_NAME $(pwd)\" > state", "stop": "rm state"}})");
     Manifest("beta", R"({"name": "beta", "display_name": "Beta", "version": "2", "service": false,
@@ -31,8 +24,6 @@ class PkgToolTest : public ::testing::Test {
     Manifest("broken", "{ not json");
     Manifest("nostop", R"({"name": "nostop", "version": "1", "control": {"start": "true"}})");
   }
-  void TearDown() override { fs::remove_all(root_); }
-
   void Manifest(const std::string& name, const std::string& text) {
     dirs_[name] = root_ + "/var/lib/orva/packages/" + name;
     fs::create_directories(dirs_[name]);
@@ -40,17 +31,18 @@ class PkgToolTest : public ::testing::Test {
   }
   Result Run(std::vector<std::string> args) {
     args.insert(args.begin(), {kTool, "--root", root_});
-    return tooltest::Spawn(args, root_);
+    return orvatest::Spawn(args, root_);
   }
 
-  std::string root_;
+  orvatest::TempRoot temp_{"orvapkg"};
+  const std::string& root_ = temp_.path();
   std::map<std::string, std::string> dirs_;
 };
 
 TEST_F(PkgToolTest, StartAndStopRunTheControlCommands) {
   Result r = Run({"start", "alpha"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(tooltest::Slurp(dirs_["alpha"] + "/state"), "alpha " + dirs_["alpha"] + "\n");
+  EXPECT_EQ(orvatest::Slurp(dirs_["alpha"] + "/state"), "alpha " + dirs_["alpha"] + "\n");
   EXPECT_NE(r.out.find("started package alpha (Alpha Media)"), std::string::npos);
   r = Run({"stop", "alpha"});
   EXPECT_EQ(r.status, 0) << r.err;
@@ -80,9 +72,7 @@ TEST_F(PkgToolTest, Failures) {
       {{"-x"}, 2, "unknown option"},
   };
   for (const FailCase& c : cases) {
-    std::string shown;
-    for (const auto& a : c.args) shown += "[" + a + "]";
-    SCOPED_TRACE(shown);
+    SCOPED_TRACE(orvatest::Shown(c.args));
     const Result r = Run(c.args);
     EXPECT_EQ(r.status, c.status);
     EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;

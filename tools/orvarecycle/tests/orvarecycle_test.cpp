@@ -1,10 +1,6 @@
 // orvarecycle on temporary trees: the real program, run as a task would run it.
 #include <fcntl.h>
-#include <spawn.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -12,67 +8,28 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "core/kelc.h"
-#include "core/root.h"
 #include "recycle_clean.h"
+#include "orvatest.h"
 
-extern char** environ;
 namespace fs = std::filesystem;
+using orvatest::Result;
 
 namespace {
 
-struct Result {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-Result Spawn(const std::vector<std::string>& argv, const std::string& dir) {
-  const std::string outFile = dir + "/stdout";
-  const std::string errFile = dir + "/stderr";
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&fa, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  std::vector<char*> args;
-  for (const std::string& a : argv) {
-    args.push_back(const_cast<char*>(a.c_str()));
-  }
-  args.push_back(nullptr);
-  pid_t pid = 0;
-  Result r;
-  if (posix_spawn(&pid, args[0], &fa, nullptr, args.data(), environ) == 0) {
-    int st = 0;
-    waitpid(pid, &st, 0);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-  }
-  posix_spawn_file_actions_destroy(&fa);
-  r.out = ReadFile(outFile);
-  r.err = ReadFile(errFile);
-  return r;
-}
-
 const std::string kTool = std::string(ORVA_BUILD_DIR) + "/bin/orvarecycle";
 
-struct FileSpec {
+struct BinFile {
   std::string path;  // below the bin
   size_t size;
   int ageDays;
 };
 
 // The standard bin content: names with spaces and quotes, nested folders.
-const std::vector<FileSpec> kFiles = {
+const std::vector<BinFile> kFiles = {
     {"a.txt", 100, 40},
     {"b.pdf", 5000, 10},
     {"c.log", 300, 1},
@@ -83,19 +40,13 @@ const std::vector<FileSpec> kFiles = {
 class RecycleTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/orvarecycle-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    base_ = tmpl;
-    root_ = base_ + "/root";
     fs::create_directories(root_ + "/etc/orva");
     setenv("ORVA_ROOT", root_.c_str(), 1);
     ORVA::ORVARootSet(root_);
     AddShare("docs", base_ + "/srv/docs");
     AddShare("my \"odd\" share", base_ + "/srv/odd share");
-    WriteShares();
+    std::ofstream(root_ + "/etc/orva/shares.json") << shares_.toStyledString();
   }
-  void TearDown() override { fs::remove_all(base_); }
-
   void AddShare(const std::string& name, const std::string& path) {
     fs::create_directories(path + "/.recycle");
     Json::Value s;
@@ -103,9 +54,6 @@ class RecycleTest : public ::testing::Test {
     s["path"] = path;
     s["recycle_bin"] = true;
     shares_.append(s);
-  }
-  void WriteShares() {
-    std::ofstream(root_ + "/etc/orva/shares.json") << shares_.toStyledString();
   }
   std::string Bin(const std::string& share) { return base_ + "/srv/" + share + "/.recycle"; }
 
@@ -121,9 +69,7 @@ class RecycleTest : public ::testing::Test {
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), ts, AT_SYMLINK_NOFOLLOW), 0) << path;
   }
   void Fill(const std::string& share) {
-    for (const FileSpec& f : kFiles) {
-      MakeFile(Bin(share) + "/" + f.path, f.size, f.ageDays);
-    }
+    for (const BinFile& f : kFiles) MakeFile(Bin(share) + "/" + f.path, f.size, f.ageDays);
   }
   // Every path below the bin (files, links and folders).
   std::set<std::string> Left(const std::string& share) {
@@ -135,11 +81,13 @@ class RecycleTest : public ::testing::Test {
   }
   Result Run(std::vector<std::string> args) {
     args.insert(args.begin(), {kTool, "--root", root_});
-    return Spawn(args, base_);
+    return orvatest::Spawn(args, base_);
   }
 
-  std::string base_;
-  std::string root_;
+  // The system root and the shares' folders side by side in one temporary folder.
+  orvatest::TempRoot temp_{"orvarecycle"};
+  const std::string& base_ = temp_.path();
+  const std::string root_ = base_ + "/root";
   Json::Value shares_{Json::arrayValue};
 };
 
@@ -203,9 +151,7 @@ TEST_F(RecycleTest, SymbolicLinksAreRemovedNeverFollowed) {
   fs::create_directories(Bin("docs") + "/sub");
   fs::create_symlink("../../../outside", Bin("docs") + "/sub/relative link");
   MakeFile(Bin("docs") + "/plain.txt", 10, 100);
-  for (const char* l : {"/link to file", "/link to dir", "/sub/relative link"}) {
-    SetAge(Bin("docs") + l, 100);
-  }
+  for (const char* l : {"/link to file", "/link to dir", "/sub/relative link"}) SetAge(Bin("docs") + l, 100);
 
   Result r = Run({"--clean", "docs", "-t", "1"});
   EXPECT_EQ(r.status, 0) << r.err;
@@ -223,18 +169,6 @@ TEST_F(RecycleTest, SymbolicLinksAreRemovedNeverFollowed) {
   EXPECT_TRUE(fs::exists(outside + "/dir/inner.txt"));
 }
 
-TEST_F(RecycleTest, ShareNamesAreChecked) {
-  Fill("docs");
-  const std::set<std::string> full = Left("docs");
-  Result r = Run({"--clean", "docs", "nosuch"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("unknown shared folder \"nosuch\""), std::string::npos) << r.err;
-  EXPECT_EQ(Left("docs"), full) << "nothing is touched when a name is unknown";
-
-  r = Run({"--enable", "nosuch"});
-  EXPECT_EQ(r.status, 1);
-}
-
 TEST_F(RecycleTest, AllSharesWhenNoneNamedAndOddNamesThroughTheShell) {
   Fill("docs");
   Fill("odd share");
@@ -245,7 +179,7 @@ TEST_F(RecycleTest, AllSharesWhenNoneNamedAndOddNamesThroughTheShell) {
     ASSERT_GT(KELCEncShParam(word, buf, sizeof buf), 0);
     cmd += std::string(" ") + buf;
   }
-  Result r = Spawn({"/bin/sh", "-c", cmd}, base_);
+  Result r = orvatest::Spawn({"/bin/sh", "-c", cmd}, base_);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(Left("odd share"), (std::set<std::string>{"b.pdf", "c.log"}));
   EXPECT_EQ(Left("docs").size(), 7u) << "only the named share is cleaned";
@@ -266,12 +200,9 @@ TEST_F(RecycleTest, MissingBinIsNotAnError) {
 TEST_F(RecycleTest, EnableAndDisableSwitchTheShareFile) {
   auto states = [&]() {
     Json::Value v;
-    std::ifstream in(root_ + "/etc/orva/shares.json");
-    in >> v;
+    std::ifstream(root_ + "/etc/orva/shares.json") >> v;
     std::vector<bool> out;
-    for (const Json::Value& s : v) {
-      out.push_back(s["recycle_bin"].asBool());
-    }
+    for (const Json::Value& s : v) out.push_back(s["recycle_bin"].asBool());
     return out;
   };
   Result r = Run({"--disable", "docs"});
@@ -285,33 +216,37 @@ TEST_F(RecycleTest, EnableAndDisableSwitchTheShareFile) {
   EXPECT_EQ(states(), (std::vector<bool>{false, true}));
 }
 
-TEST_F(RecycleTest, BadUsage) {
+// Unknown shares (status 1) and bad usage (status 2) are refused before anything is touched.
+TEST_F(RecycleTest, RefusedCallsTouchNothing) {
   Fill("docs");
   const std::set<std::string> full = Left("docs");
-  const std::vector<std::vector<std::string>> bad = {
-      {},
-      {"docs"},
-      {"--clean", "--enable"},
-      {"--clean", "-t"},
-      {"--clean", "-t", "abc"},
-      {"--clean", "-t", "-5"},
-      {"--clean", "-s", "100", "-o", "3"},
-      {"--clean", "-o", "2"},
-      {"--clean", "-s", "18446744073709551616", "-o", "1"},
-      {"--enable", "-t", "5"},
-      {"--disable", "-file_ext=tmp"},
-      {"--clean", "-x"},
-      {"--clean", ""},
+  const std::vector<std::pair<std::vector<std::string>, int>> bad = {
+      {{"--clean", "docs", "nosuch"}, 1},
+      {{"--enable", "nosuch"}, 1},
+      {{}, 2},
+      {{"docs"}, 2},
+      {{"--clean", "--enable"}, 2},
+      {{"--clean", "-t"}, 2},
+      {{"--clean", "-t", "abc"}, 2},
+      {{"--clean", "-t", "-5"}, 2},
+      {{"--clean", "-s", "100", "-o", "3"}, 2},
+      {{"--clean", "-o", "2"}, 2},
+      {{"--clean", "-s", "18446744073709551616", "-o", "1"}, 2},
+      {{"--enable", "-t", "5"}, 2},
+      {{"--disable", "-file_ext=tmp"}, 2},
+      {{"--clean", "-x"}, 2},
+      {{"--clean", ""}, 2},
   };
-  for (const auto& args : bad) {
-    std::string shown;
-    for (const auto& a : args) shown += "[" + a + "]";
-    SCOPED_TRACE(shown);
+  for (const auto& [args, status] : bad) {
+    SCOPED_TRACE(orvatest::Shown(args));
     const Result r = Run(args);
-    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.status, status);
     EXPECT_FALSE(r.err.empty());
   }
+  EXPECT_NE(Run(bad[0].first).err.find("unknown shared folder \"nosuch\""), std::string::npos);
   EXPECT_EQ(Left("docs"), full);
+  const std::string shares = orvatest::Slurp(root_ + "/etc/orva/shares.json");
+  EXPECT_EQ(shares, shares_.toStyledString()) << "no share was switched";
   const Result help = Run({"--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("-file_ext="), std::string::npos);
@@ -324,9 +259,7 @@ TEST(RecycleSelect, HugeSizeLimitKeepsAll) {
   o.op = orvarecycle::Op::Clean;
   o.sizeLimit = 18446744073708503040ull;
   std::vector<orvarecycle::Entry> e(3);
-  e[0].size = 10;
-  e[1].size = 20;
-  e[2].size = 30;
+  for (size_t i = 0; i < e.size(); ++i) e[i].size = 10 * (i + 1);
   uint64_t left = 0;
   EXPECT_TRUE(orvarecycle::SelectForDeletion(e, o, time(nullptr), &left).empty());
   EXPECT_EQ(left, 60u);

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <linux/input.h>
 #include <linux/uinput.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -14,11 +13,10 @@
 #include <thread>
 
 #include "core/kelc.h"
-#include "core/root.h"
-#include "spawn_helper.h"
+#include "orvatest.h"
 
 namespace fs = std::filesystem;
-using tooltest::Result;
+using orvatest::Result;
 
 namespace {
 
@@ -27,13 +25,8 @@ const std::string kTool = std::string(ORVA_BUILD_DIR) + "/bin/orvaschedtool";
 class SchedToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/orvaschedtool-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
     fs::create_directories(root_ + "/etc/orva");
-    setenv("ORVA_ROOT", root_.c_str(), 1);
-    ORVA::ORVARootSet(root_);
-    const std::string d = root_;
+    const std::string& d = root_;
     std::ofstream(root_ + "/etc/orva/services.json") << R"({
       "WinShare": {"start": "echo on > )" << d << R"(/win", "stop": "rm )" << d << R"(/win"},
       "FileXfer": {"start": "echo on > )" << d << R"(/ftp; echo ftp up", "stop": "rm )" << d << R"(/ftp"},
@@ -42,15 +35,14 @@ class SchedToolTest : public ::testing::Test {
       "NoStop": {"start": "true"}
     })";
   }
-  void TearDown() override { fs::remove_all(root_); }
-
   Result Run(std::vector<std::string> args) {
     args.insert(args.begin(), {kTool, "--root", root_});
-    return tooltest::Spawn(args, root_);
+    return orvatest::Spawn(args, root_);
   }
   bool Has(const char* f) { return fs::exists(root_ + "/" + f); }
 
-  std::string root_;
+  orvatest::TempRoot temp_{"orvaschedtool"};
+  const std::string& root_ = temp_.path();
 };
 
 TEST_F(SchedToolTest, StartAndStopServices) {
@@ -69,7 +61,7 @@ TEST_F(SchedToolTest, StartAndStopServices) {
   // The id as a task's command line carries it: one escaped shell word.
   char word[64];
   ASSERT_GT(KELCEncShParam("Odd Id", word, sizeof word), 0);
-  r = tooltest::Spawn({"/bin/sh", "-c", kTool + " --root " + root_ + " --start-service " + word}, root_);
+  r = orvatest::Spawn({"/bin/sh", "-c", kTool + " --root " + root_ + " --start-service " + word}, root_);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(Has("odd"));
 }
@@ -99,9 +91,7 @@ TEST_F(SchedToolTest, FailuresAndUsage) {
       {{"--beep", "1", "--device", "/dev/null"}, 1, "cannot play a tone"},
   };
   for (const FailCase& c : cases) {
-    std::string shown;
-    for (const auto& a : c.args) shown += "[" + a + "]";
-    SCOPED_TRACE(shown);
+    SCOPED_TRACE(orvatest::Shown(c.args));
     const Result r = Run(c.args);
     EXPECT_EQ(r.status, c.status);
     EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
