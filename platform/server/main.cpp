@@ -100,14 +100,14 @@ int OpenUnixSocket(const std::string& path) {
 }
 
 // "127.0.0.1:5080", "[::1]:5080", "localhost:0". Writes the bound address to `bound`.
-int OpenTcpSocket(const std::string& spec, std::string* bound) {
-  size_t colon = spec.rfind(':');
+int OpenTcpSocket(const std::string& address, std::string* bound) {
+  size_t colon = address.rfind(':');
   if (colon == std::string::npos || colon == 0) {
-    syslog(LOG_ERR, "%s:%d --listen wants ADDR:PORT, not \"%s\"", __FILE_NAME__, __LINE__, spec.c_str());
+    syslog(LOG_ERR, "%s:%d --listen wants ADDR:PORT, not \"%s\"", __FILE_NAME__, __LINE__, address.c_str());
     return -1;
   }
-  std::string host = spec.substr(0, colon);
-  std::string port = spec.substr(colon + 1);
+  std::string host = address.substr(0, colon);
+  std::string port = address.substr(colon + 1);
   if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
@@ -115,14 +115,14 @@ int OpenTcpSocket(const std::string& spec, std::string* bound) {
   addrinfo* res = nullptr;
   int rc = getaddrinfo(host.c_str(), port.c_str(), &hints, &res);
   if (rc != 0 || res == nullptr) {
-    syslog(LOG_ERR, "%s:%d cannot resolve %s: %s", __FILE_NAME__, __LINE__, spec.c_str(), gai_strerror(rc));
+    syslog(LOG_ERR, "%s:%d cannot resolve %s: %s", __FILE_NAME__, __LINE__, address.c_str(), gai_strerror(rc));
     return -1;
   }
   int fd = socket(res->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int one = 1;
   if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
       bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 512) != 0) {
-    syslog(LOG_ERR, "%s:%d cannot listen on %s: %m", __FILE_NAME__, __LINE__, spec.c_str());
+    syslog(LOG_ERR, "%s:%d cannot listen on %s: %m", __FILE_NAME__, __LINE__, address.c_str());
     if (fd >= 0) close(fd);
     freeaddrinfo(res);
     return -1;
