@@ -1,35 +1,28 @@
-// Recycle-bin task: the orvarecycle command line and action text of the flat object,
-// the form's reshaping both ways, round trips through the store and switching the bins
-// on against a real shares.json.
-#include <gtest/gtest.h>
-
+// Recycle-bin task: the orvarecycle command line and action text of the flat object, the
+// form's reshaping both ways, round trips through get and set, and switching the bins on
+// against a real shares.json.
 #include <fstream>
 #include <sstream>
-#include <string>
 
 #include "ORVA.Core.TaskScheduler.Recycle.h"
-#include "app_test_util.h"
 #include "test_support.h"
 
 namespace {
 
-using apptest::Direct;
-using apptest::Parse;
-using apptest::Record;
 using tstest::Call;
+using tstest::IdParams;
+using tstest::Parse;
+using tstest::Record;
+using Direct = tstest::Direct<TaskSchedulerRecycleHandler>;
 
-struct FlatCase {
-  const char* name;
+const char kAll[] = "#share:share_clean_all_recycle_bin#";
+
+const struct FlatCase {
   const char* app;      // the flat object
-  const char* command;  // expected command after the program (null: the conversion fails)
-  const char* action;   // expected action text, or the log text of the failure
-};
-
-const char kProg[] = "/usr/orva/bin/orvarecycle";
-
-const FlatCase kFlatCases[] = {
-    {"worked example",
-     R"({"recycle_action": "2", "clean_all": "no", "selected_shares": ["docs", "media"],
+  const char* command;  // after the program; null: the conversion fails
+  const char* action;   // the action text, or the failure's log text
+} kFlatCases[] = {
+    {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": ["docs", "media"],
          "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "100",
          "clean_policy_by_size_sort_type": "Delete old files first",
          "advconfig": {"reserve_policy_extension_check": "on",
@@ -38,148 +31,115 @@ const FlatCase kFlatCases[] = {
                        "reserve_policy_size_smaller_check": "on", "reserve_policy_size_smaller": "1"}})",
      " --clean docs media -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576",
      "#schedule:clean_recycle_bin#: \"docs\" \"media\""},
-    {"enable all", R"({"recycle_action": "1", "clean_all": "yes"})", " --enable",
-     "#share:share_clean_all_recycle_bin#"},
-    {"disable all", R"({"recycle_action": "0"})", " --disable", "#share:share_clean_all_recycle_bin#"},
-    {"clean all", R"({"recycle_action": "2", "clean_all": "YES"})", " --clean", "#share:share_clean_all_recycle_bin#"},
-    {"disable one share with a blank", R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a b"]})",
-     " --disable a\\ b", "#share:share_disable_recycle_bin#: \"a b\""},
-    {"enable selected", R"({"recycle_action": "1", "clean_all": "no", "selected_shares": ["x", "y$z"]})",
-     " --enable x y\\$z", "#share:share_enable_recycle_bin#: \"x\" \"y$z\""},
-    {"time policy", R"({"recycle_action": "2", "clean_all": "yes", "clean_policy": "clean_policy_by_time",
-                        "clean_policy_by_time_day": "30"})",
-     " --clean -t 30", "#share:share_clean_all_recycle_bin#"},
-    {"time policy text passes unchanged",
-     R"({"recycle_action": "2", "clean_policy": "clean_policy_by_time", "clean_policy_by_time_day": "7d"})",
-     " --clean -t 7d", "#share:share_clean_all_recycle_bin#"},
-    {"size 0", R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size",
-                   "clean_policy_by_size_MB_number": "0"})",
-     " --clean -s 0 -o 1", "#share:share_clean_all_recycle_bin#"},
-    {"size -1 wraps", R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size",
-                          "clean_policy_by_size_MB_number": "-1"})",
-     " --clean -s 18446744073708503040 -o 1", "#share:share_clean_all_recycle_bin#"},
-    {"size 4096", R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size",
-                      "clean_policy_by_size_MB_number": "4096", "clean_policy_by_size_sort_type": "Delete large files first"})",
-     " --clean -s 4294967296 -o 2", "#share:share_clean_all_recycle_bin#"},
-    {"sort text is exact", R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size",
-                               "clean_policy_by_size_MB_number": "1", "clean_policy_by_size_sort_type": "delete large files first"})",
-     " --clean -s 1048576 -o 1", "#share:share_clean_all_recycle_bin#"},
-    {"default policy adds nothing", R"({"recycle_action": "2", "clean_policy": "clean_policy_default",
-                                       "clean_policy_by_time_day": "3"})",
-     " --clean", "#share:share_clean_all_recycle_bin#"},
-    {"unknown policy adds nothing", R"({"recycle_action": "2", "clean_policy": "Clean_policy_by_time",
-                                       "clean_policy_by_time_day": "3"})",
-     " --clean", "#share:share_clean_all_recycle_bin#"},
-    {"policies ignored when enabling",
-     R"({"recycle_action": "1", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "5",
+    {R"({"recycle_action": "1", "clean_all": "yes"})", " --enable", kAll},
+    {R"({"recycle_action": "0"})", " --disable", kAll},
+    {R"({"recycle_action": "2", "clean_all": "YES"})", " --clean", kAll},
+    {R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a b"]})", " --disable a\\ b",
+     "#share:share_disable_recycle_bin#: \"a b\""},
+    {R"({"recycle_action": "1", "clean_all": "no", "selected_shares": ["x", "y$z"]})", " --enable x y\\$z",
+     "#share:share_enable_recycle_bin#: \"x\" \"y$z\""},
+    {R"({"recycle_action": "2", "clean_all": "yes", "clean_policy": "clean_policy_by_time",
+         "clean_policy_by_time_day": "30"})", " --clean -t 30", kAll},
+    {R"({"recycle_action": "2", "clean_policy": "clean_policy_by_time", "clean_policy_by_time_day": "7d"})",
+     " --clean -t 7d", kAll},
+    {R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "0"})",
+     " --clean -s 0 -o 1", kAll},
+    {R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "-1"})",
+     " --clean -s 18446744073708503040 -o 1", kAll},
+    {R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "4096",
+         "clean_policy_by_size_sort_type": "Delete large files first"})", " --clean -s 4294967296 -o 2", kAll},
+    {R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "1",
+         "clean_policy_by_size_sort_type": "delete large files first"})", " --clean -s 1048576 -o 1", kAll},
+    {R"({"recycle_action": "2", "clean_policy": "clean_policy_default", "clean_policy_by_time_day": "3"})",
+     " --clean", kAll},
+    {R"({"recycle_action": "2", "clean_policy": "Clean_policy_by_time", "clean_policy_by_time_day": "3"})",
+     " --clean", kAll},
+    // Policies and exceptions are ignored when enabling.
+    {R"({"recycle_action": "1", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "5",
          "advconfig": {"reserve_policy_extension_check": "on", "reserve_policy_extension": [{"file_ext": "a"}],
                        "reserve_policy_size_greater_check": "on", "reserve_policy_size_greater": "1"}})",
-     " --enable", "#share:share_clean_all_recycle_bin#"},
-    {"greater then smaller",
-     R"({"recycle_action": "2", "advconfig": {"reserve_policy_size_smaller_check": "on",
+     " --enable", kAll},
+    {R"({"recycle_action": "2", "advconfig": {"reserve_policy_size_smaller_check": "on",
          "reserve_policy_size_smaller": "2", "reserve_policy_size_greater_check": "on",
-         "reserve_policy_size_greater": "-1"}})",
-     " --clean -m 18446744073708503040 -l 2097152", "#share:share_clean_all_recycle_bin#"},
-    {"check is exact", R"({"recycle_action": "2", "advconfig": {"reserve_policy_size_greater_check": "ON",
-                         "reserve_policy_size_greater": "1", "reserve_policy_extension_check": "On",
-                         "reserve_policy_extension": [{"file_ext": "a"}]}})",
-     " --clean", "#share:share_clean_all_recycle_bin#"},
-    {"empty extension list", R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension_check": "on",
-                                "reserve_policy_extension": []}})",
-     " --clean", "#share:share_clean_all_recycle_bin#"},
-    {"empty extension keeps its separator",
-     R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension_check": "on",
+         "reserve_policy_size_greater": "-1"}})", " --clean -m 18446744073708503040 -l 2097152", kAll},
+    {R"({"recycle_action": "2", "advconfig": {"reserve_policy_size_greater_check": "ON",
+         "reserve_policy_size_greater": "1", "reserve_policy_extension_check": "On",
+         "reserve_policy_extension": [{"file_ext": "a"}]}})", " --clean", kAll},
+    {R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension_check": "on",
+         "reserve_policy_extension": []}})", " --clean", kAll},
+    {R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension_check": "on",
          "reserve_policy_extension": [{"file_ext": "tmp"}, {"file_ext": ""}, {"file_ext": "log"}]}})",
-     " --clean -file_ext=tmp..log", "#share:share_clean_all_recycle_bin#"},
-    {"action 3", R"({"recycle_action": "3", "clean_all": "yes"})", nullptr,
+     " --clean -file_ext=tmp..log", kAll},
+    {R"({"recycle_action": "3", "clean_all": "yes"})", nullptr,
      "error recycle_action, json app={\"clean_all\":\"yes\",\"recycle_action\":\"3\"}"},
-    {"action empty", R"({"recycle_action": "", "clean_all": "no", "selected_shares": []})", nullptr,
-     "error recycle_action, json app="},
-    {"action missing", R"({"clean_all": "yes"})", nullptr, "error recycle_action, json app={\"clean_all\":\"yes\"}"},
-    {"no selected shares", R"({"recycle_action": "2", "clean_all": "no", "selected_shares": []})", nullptr,
-     "error selected_shares, json app="},
-    {"selected shares missing", R"({"recycle_action": "1", "clean_all": "no"})", nullptr,
+    {R"({"recycle_action": "", "clean_all": "no", "selected_shares": []})", nullptr, "error recycle_action, json app="},
+    {R"({"clean_all": "yes"})", nullptr, "error recycle_action, json app={\"clean_all\":\"yes\"}"},
+    {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": []})", nullptr, "error selected_shares, json app="},
+    {R"({"recycle_action": "1", "clean_all": "no"})", nullptr,
      "error selected_shares, json app={\"clean_all\":\"no\",\"recycle_action\":\"1\"}"},
 };
 
-TEST(RecycleTask, CommandLineAndActionOfTheFlatObject) {
+TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
   tstest::TempRoot root;
   for (const FlatCase& c : kFlatCases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.app);
     tstest::ClearLogs();
-    Direct<TaskSchedulerRecycleHandler> d;
-    _tag_orva_sched_task_ record = apptest::FreshRecord();
+    Direct d;
+    _tag_orva_sched_task_ record = tstest::FreshRecord();
     Json::Value in;
     in["app"] = Parse(c.app);
-    bool ok = d.handler.ConvertFromJson_App(in, record);
+    const bool ok = d.handler.ConvertFromJson_App(in, record);
     // Whatever the outcome, the fixed values and the stored object are in place.
     EXPECT_STREQ(record.app, "ORVA.VEK.TaskScheduler.Recycle");
     EXPECT_STREQ(record.app_name, "#share:recycle_bin#");
     EXPECT_STREQ(record.edit_form, "ORVA.VEK.TaskScheduler.Recycle.FormPanel");
-    Json::FastWriter writer;
-    EXPECT_EQ(std::string(record.app_args), writer.write(in["app"]));
+    EXPECT_EQ(std::string(record.app_args), Json::FastWriter().write(in["app"]));
+    EXPECT_EQ(ok, c.command != nullptr);
+    EXPECT_EQ(std::string(record.command), c.command ? std::string("/usr/orva/bin/orvarecycle") + c.command : "");
+    EXPECT_EQ(std::string(record.action), c.command ? c.action : "");
+    EXPECT_EQ(tstest::LogCount(), c.command ? 0u : 1u);
     if (!c.command) {
-      EXPECT_FALSE(ok);
-      EXPECT_STREQ(record.command, "");
-      EXPECT_STREQ(record.action, "");
       auto lines = tstest::LogsWith(c.action);
       ASSERT_EQ(lines.size(), 1u);
       EXPECT_EQ(lines[0].priority, LOG_ERR);
       EXPECT_EQ(lines[0].text.rfind("ORVA.Core.TaskScheduler.Recycle:", 0), 0u) << lines[0].text;
-      EXPECT_EQ(tstest::LogCount(), 1u);
-      continue;
     }
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(std::string(record.command), std::string(kProg) + c.command);
-    EXPECT_EQ(std::string(record.action), c.action);
-    EXPECT_EQ(tstest::LogCount(), 0u);
   }
 }
 
-TEST(RecycleTask, ForbiddenExtensionCharactersFail) {
+TEST(ModuleRecycle, ForbiddenExtensionCharactersFailWhileTheExceptionIsOn) {
   tstest::TempRoot root;
-  const char* const exts[] = {"tar.gz", "a b", "x^", "a\\b", "a?", "a/b", "a:b", "a*", "a`", "a$", "a\"", "a>", "a<", "a|"};
-  for (const char* ext : exts) {
-    SCOPED_TRACE(ext);
-    tstest::ClearLogs();
-    Direct<TaskSchedulerRecycleHandler> d;
-    _tag_orva_sched_task_ record = apptest::FreshRecord();
-    Json::Value in;
-    in["app"] = Parse(R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension_check": "on",
-                         "reserve_policy_extension": [{"file_ext": "ok"}]}})");
-    Json::Value bad;
-    bad["file_ext"] = ext;
-    in["app"]["advconfig"]["reserve_policy_extension"].append(bad);
-    EXPECT_FALSE(d.handler.ConvertFromJson_App(in, record));
-    EXPECT_STREQ(record.command, "");
-    std::vector<tstest::LogLine> logs = tstest::Logs();
-    ASSERT_EQ(logs.size(), 2u);
-    EXPECT_NE(logs[0].text.find(std::string("Invalid file extension arguments [") + ext + "]"), std::string::npos)
-        << logs[0].text;
-    EXPECT_NE(logs[1].text.find("Failed to check clean policy, json app={"), std::string::npos) << logs[1].text;
+  for (const char* ext : {"tar.gz", "a b", "x^", "a\\b", "a?", "a/b", "a:b", "a*", "a`", "a$", "a\"", "a>", "a<", "a|"}) {
+    for (const char* check : {"on", "off"}) {
+      SCOPED_TRACE(std::string(ext) + " " + check);
+      tstest::ClearLogs();
+      Direct d;
+      _tag_orva_sched_task_ record = tstest::FreshRecord();
+      Json::Value in;
+      in["app"] = Parse(R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension": [{"file_ext": "ok"}]}})");
+      in["app"]["advconfig"]["reserve_policy_extension_check"] = check;
+      in["app"]["advconfig"]["reserve_policy_extension"][1]["file_ext"] = ext;
+      const bool on = std::string(check) == "on";
+      EXPECT_EQ(d.handler.ConvertFromJson_App(in, record), !on);
+      if (!on) continue;
+      EXPECT_STREQ(record.command, "");
+      const std::vector<tstest::LogLine> logs = tstest::Logs();
+      ASSERT_EQ(logs.size(), 2u);
+      EXPECT_NE(logs[0].text.find(std::string("Invalid file extension arguments [") + ext + "]"), std::string::npos)
+          << logs[0].text;
+      EXPECT_NE(logs[1].text.find("Failed to check clean policy, json app={"), std::string::npos) << logs[1].text;
+    }
   }
-  // The same extension is harmless while the exception is off.
-  Direct<TaskSchedulerRecycleHandler> d;
-  _tag_orva_sched_task_ record = apptest::FreshRecord();
-  Json::Value in;
-  in["app"] = Parse(R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension_check": "off",
-                       "reserve_policy_extension": [{"file_ext": "tar.gz"}]}})");
-  EXPECT_TRUE(d.handler.ConvertFromJson_App(in, record));
 }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-// recycle_bin of every share in the root's shares.json.
-std::map<std::string, bool> Bins(const tstest::TempRoot& root) {
-  Json::Value shares = Parse(ReadFile(root.Path() + "/etc/orva/shares.json"));
-  std::map<std::string, bool> out;
-  for (const Json::Value& s : shares) {
-    out[s["name"].asString()] = s["recycle_bin"].asBool();
+// The shares of the root's shares.json whose recycle bin is on, blank-separated.
+std::string BinsOn(const tstest::TempRoot& root) {
+  std::ifstream in(root.Path() + "/etc/orva/shares.json");
+  std::stringstream text;
+  text << in.rdbuf();
+  std::string out;
+  for (const Json::Value& s : Parse(text.str())) {
+    if (s["recycle_bin"].asBool()) out += (out.empty() ? "" : " ") + s["name"].asString();
   }
   return out;
 }
@@ -189,79 +149,68 @@ const char kShares[] = R"([{"name": "docs", "path": "/srv/docs", "recycle_bin": 
                            {"name": "home", "path": "/home", "recycle_bin": false},
                            {"name": "web", "path": "/srv/web", "recycle_bin": false}])";
 
-TEST(RecycleTask, EnableRecycleBinSwitchesTheChosenShares) {
+TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
   const struct {
     const char* mode;
     const char* shares;
-    std::map<std::string, bool> expected;
+    const char* on;
+    const char* log;  // logged for a share that fails
   } cases[] = {
-      {"select", R"(["media"])", {{"docs", false}, {"media", true}, {"home", false}, {"web", false}}},
-      {"select", "[]", {{"docs", false}, {"media", false}, {"home", false}, {"web", false}}},
-      {"all", "[]", {{"docs", true}, {"media", true}, {"home", false}, {"web", true}}},
-      {"anything", R"(["docs"])", {{"docs", true}, {"media", true}, {"home", false}, {"web", true}}},
-      {"all_include_home", "[]", {{"docs", true}, {"media", true}, {"home", true}, {"web", true}}},
+      {"select", R"(["media"])", "media", nullptr},
+      {"select", "[]", "", nullptr},
+      {"all", "[]", "docs media web", nullptr},
+      {"anything", R"(["docs"])", "docs media web", nullptr},
+      {"all_include_home", "[]", "docs media home web", nullptr},
+      {"select", R"(["nosuch", "web"])", "web", "enable share=nosuch recycle bin failed"},  // goes on past it
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.mode) + " " + c.shares);
     tstest::TempRoot root;
     root.WriteFile("etc/orva/shares.json", kShares);
-    Direct<TaskSchedulerRecycleHandler> d;
+    Direct d;
     EXPECT_TRUE(d.handler.EnableRecycleBin(Parse(c.shares), Json::Value(c.mode)));
-    EXPECT_EQ(Bins(root), c.expected);
+    EXPECT_EQ(BinsOn(root), c.on);
+    auto lines = tstest::LogsWith("ORVA.Core.TaskScheduler.Recycle:");
+    ASSERT_EQ(lines.size(), c.log ? 1u : 0u);
+    if (c.log) {
+      EXPECT_NE(lines[0].text.find(c.log), std::string::npos) << lines[0].text;
+    }
   }
-}
-
-TEST(RecycleTask, EnableRecycleBinGoesOnPastAShareThatFails) {
-  tstest::TempRoot root;
-  root.WriteFile("etc/orva/shares.json", kShares);
-  Direct<TaskSchedulerRecycleHandler> d;
-  EXPECT_TRUE(d.handler.EnableRecycleBin(Parse(R"(["nosuch", "web"])"), Json::Value("select")));
-  EXPECT_TRUE(Bins(root)["web"]);
-  auto lines = tstest::LogsWith("ORVA.Core.TaskScheduler.Recycle:");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].text.find("enable share=nosuch recycle bin failed"), std::string::npos);
-
   // A share list that cannot be read fails the enumeration.
-  tstest::ClearLogs();
+  tstest::TempRoot root;
   root.WriteFile("etc/orva/shares.json", "{broken");
+  Direct d;
   EXPECT_FALSE(d.handler.EnableRecycleBin(Json::Value(Json::arrayValue), Json::Value("all")));
   EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler.Recycle:").size(), 1u);
-  EXPECT_EQ(tstest::LogsWith("enum share failed").size(), 1u);
+  tstest::ExpectOneLog("enum share failed");
 }
 
-// Saving a task with "enableRecycle" switches the bins on at once; the flag is not stored.
-TEST(RecycleTask, CreateWithEnableRecycleSwitchesBinsAndDoesNotStoreIt) {
+// Saving with "enableRecycle" switches the bins on at once; the flag is not stored.
+TEST(ModuleRecycle, CreateWithEnableRecycleSwitchesBinsAndDoesNotStoreIt) {
   tstest::TempRoot root;
   root.WriteFile("etc/orva/shares.json", kShares);
-  Json::Value extra = Parse(R"({"enableRecycle": "select",
-                                "clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]}})");
-  long id = apptest::Create("recycle", extra);
-  ASSERT_GT(id, 0);
-  EXPECT_EQ(Bins(root), (std::map<std::string, bool>{{"docs", true}, {"media", false}, {"home", false}, {"web", true}}));
-  _tag_orva_sched_task_ r = Record(id);
+  const long id = tstest::Create("recycle", Parse(R"({"enableRecycle": "select",
+                                 "clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]}})"));
+  EXPECT_EQ(BinsOn(root), "docs web");
+  const _tag_orva_sched_task_ r = Record(id);
   EXPECT_EQ(std::string(r.app_args).find("enableRecycle"), std::string::npos) << r.app_args;
   EXPECT_STREQ(r.command, "/usr/orva/bin/orvarecycle --clean docs web");
   EXPECT_STREQ(r.action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
 }
 
-std::string IdParams(long id) { return "{\"id\": " + std::to_string(id) + "}"; }
-
-TEST(RecycleTask, NewTaskReadsBackAsTheForm) {
-  tstest::TempRoot root;
-  tstest::Reply got = Call(2, "get", Parse(R"({"id": -1, "type": "recycle"})"));
-  ASSERT_TRUE(got.success) << got.envelope.toStyledString();
-  EXPECT_EQ(got.data["extra"], Parse(R"({"clean_share_policy": {"clean_all": true, "shares": null},
-      "clean_file_policy": {"policy": "clean_all", "reserve_policy": {"size_greater_check": false,
-      "size_smaller_check": false, "extension_check": false}}})"));
+long AddRecycleTask(const Json::Value& flat) {
+  tstest::TaskSeed seed;
+  seed.app = "ORVA.VEK.TaskScheduler.Recycle";
+  seed.appArgs = Json::FastWriter().write(flat);
+  return tstest::AddTask(seed);
 }
 
 // Stored flat object -> form on get.
-TEST(RecycleTask, GetReshapesTheStoredObject) {
+TEST(ModuleRecycle, GetReshapesTheStoredObject) {
   tstest::TempRoot root;
-  const struct {
-    const char* stored;
-    const char* form;
-  } cases[] = {
+  const char* none = R"("reserve_policy": {"size_greater_check": false, "size_smaller_check": false,
+                                           "extension_check": false})";
+  const std::pair<std::string, std::string> cases[] = {
       {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": ["a"], "clean_policy": "clean_policy_by_size",
           "clean_policy_by_size_MB_number": "250", "clean_policy_by_size_sort_type": "Delete large files first",
           "advconfig": {"reserve_policy_size_greater_check": "on", "reserve_policy_size_greater": "5",
@@ -275,133 +224,103 @@ TEST(RecycleTask, GetReshapesTheStoredObject) {
            "other": 1})"},
       {R"({"recycle_action": "0", "clean_all": "Yes", "clean_policy": "clean_policy_by_time",
           "clean_policy_by_time_day": "12", "clean_policy_by_size_sort_type": "Delete old files first"})",
-       R"({"clean_share_policy": {"clean_all": false, "shares": null},
-           "clean_file_policy": {"policy": "time", "time": 12,
-             "reserve_policy": {"size_greater_check": false, "size_smaller_check": false, "extension_check": false}}})"},
+       std::string(R"({"clean_share_policy": {"clean_all": false, "shares": null},
+           "clean_file_policy": {"policy": "time", "time": 12, )") + none + "}}"},
       {R"({"clean_all": "yes", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "x"})",
-       R"({"clean_share_policy": {"clean_all": true, "shares": null},
-           "clean_file_policy": {"policy": "size", "size": 0, "sort_type": 1,
-             "reserve_policy": {"size_greater_check": false, "size_smaller_check": false, "extension_check": false}}})"},
+       std::string(R"({"clean_share_policy": {"clean_all": true, "shares": null},
+           "clean_file_policy": {"policy": "size", "size": 0, "sort_type": 1, )") + none + "}}"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.stored);
-    tstest::TaskSpec spec;
-    spec.app = "ORVA.VEK.TaskScheduler.Recycle";
-    Json::FastWriter writer;
-    spec.appArgs = writer.write(Parse(c.stored));
-    long id = tstest::AddTask(spec);
-    tstest::Reply got = Call(2, "get", Parse(IdParams(id)));
-    ASSERT_TRUE(got.success) << got.envelope.toStyledString();
-    EXPECT_EQ(got.data["extra"], Parse(c.form)) << got.data["extra"].toStyledString();
+  for (const auto& [stored, form] : cases) {
+    SCOPED_TRACE(stored);
+    tstest::Reply got = Call(2, "get", IdParams(AddRecycleTask(Parse(stored))));
+    ASSERT_TRUE(got.success) << got.envelope;
+    EXPECT_EQ(got.data["extra"], Parse(form)) << got.data["extra"].toStyledString();
     EXPECT_EQ(got.data["type"], "recycle");
-    EXPECT_EQ(got.data["can_edit_owner"], false);
   }
 }
 
 // Set merges the form into the stored flat object; values of the wrong type are skipped.
-TEST(RecycleTask, SetMergesTheFormIntoTheStoredObject) {
+TEST(ModuleRecycle, SetMergesTheFormIntoTheStoredObject) {
   tstest::TempRoot root;
-  const char* stored = R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a"],
+  const Json::Value stored = Parse(R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a"],
       "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "7",
       "clean_policy_by_size_sort_type": "Delete old files first", "clean_policy_by_time_day": "3",
       "advconfig": {"reserve_policy_size_greater_check": "on", "reserve_policy_size_greater": "5",
                     "reserve_policy_size_smaller_check": "off", "reserve_policy_size_smaller": "9",
                     "reserve_policy_extension_check": "on", "reserve_policy_extension": [{"file_ext": "iso"}]},
-      "keep": "me"})";
-  const struct {
-    const char* name;
-    const char* form;
-    const char* changes;  // members of the expected flat object that differ from `stored`
-  } cases[] = {
-      {"nothing", "{}", "{}"},
-      {"size as text keeps the number", R"({"clean_file_policy": {"policy": "size", "size": "100"}})", "{}"},
-      {"size and sort 5", R"({"clean_file_policy": {"policy": "size", "size": 100, "sort_type": 5}})",
+      "keep": "me"})");
+  const std::pair<const char*, const char*> cases[] = {  // form, members of the result that differ
+      {"{}", "{}"},
+      {R"({"clean_file_policy": {"policy": "size", "size": "100"}})", "{}"},  // text keeps the number
+      {R"({"clean_file_policy": {"policy": "size", "size": 100, "sort_type": 5}})",
        R"({"clean_policy_by_size_MB_number": "100", "clean_policy_by_size_sort_type": "Delete large files first"})"},
-      {"sort 1", R"({"clean_file_policy": {"policy": "size", "sort_type": 1}})",
+      {R"({"clean_file_policy": {"policy": "size", "sort_type": 1}})",
        R"({"clean_policy_by_size_sort_type": "Delete old files first"})"},
-      {"time", R"({"clean_file_policy": {"policy": "time", "time": 14, "size": 1}})",
+      {R"({"clean_file_policy": {"policy": "time", "time": 14, "size": 1}})",
        R"({"clean_policy": "clean_policy_by_time", "clean_policy_by_time_day": "14"})"},
-      {"other policy", R"({"clean_file_policy": {"policy": "clean_all"}})",
-       R"({"clean_policy": "clean_policy_default"})"},
-      {"policy not a string", R"({"clean_file_policy": {"policy": 1, "time": 5}})", "{}"},
-      {"all shares", R"({"clean_share_policy": {"clean_all": true, "shares": "x"}})", R"({"clean_all": "yes"})"},
-      {"shares", R"({"clean_share_policy": {"clean_all": "no", "shares": ["b", "c"]}})",
-       R"({"selected_shares": ["b", "c"]})"},
-      {"greater off keeps its number",
-       R"({"clean_file_policy": {"reserve_policy": {"size_greater_check": false, "size_greater": 50}}})",
+      {R"({"clean_file_policy": {"policy": "clean_all"}})", R"({"clean_policy": "clean_policy_default"})"},
+      {R"({"clean_file_policy": {"policy": 1, "time": 5}})", "{}"},
+      {R"({"clean_share_policy": {"clean_all": true, "shares": "x"}})", R"({"clean_all": "yes"})"},
+      {R"({"clean_share_policy": {"clean_all": "no", "shares": ["b", "c"]}})", R"({"selected_shares": ["b", "c"]})"},
+      {R"({"clean_file_policy": {"reserve_policy": {"size_greater_check": false, "size_greater": 50}}})",
        R"({"advconfig": {"reserve_policy_size_greater_check": "off", "reserve_policy_size_greater": "5",
            "reserve_policy_size_smaller_check": "off", "reserve_policy_size_smaller": "9",
            "reserve_policy_extension_check": "on", "reserve_policy_extension": [{"file_ext": "iso"}]}})"},
-      {"smaller on, extension list replaced",
-       R"({"clean_file_policy": {"reserve_policy": {"size_smaller_check": true, "size_smaller": 2,
+      {R"({"clean_file_policy": {"reserve_policy": {"size_smaller_check": true, "size_smaller": 2,
            "extension_check": true, "extension": [{"file_ext": "bak"}], "size_greater_check": "on"}}})",
        R"({"advconfig": {"reserve_policy_size_greater_check": "on", "reserve_policy_size_greater": "5",
            "reserve_policy_size_smaller_check": "on", "reserve_policy_size_smaller": "2",
            "reserve_policy_extension_check": "on", "reserve_policy_extension": [{"file_ext": "bak"}]}})"},
-      {"policies not objects", R"({"clean_share_policy": [true], "clean_file_policy": "size"})", "{}"},
+      {R"({"clean_share_policy": [true], "clean_file_policy": "size"})", "{}"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    tstest::TaskSpec spec;
-    spec.app = "ORVA.VEK.TaskScheduler.Recycle";
-    Json::FastWriter writer;
-    spec.appArgs = writer.write(Parse(stored));
-    long id = tstest::AddTask(spec);
-    Json::Value params = apptest::TaskObject("recycle", Parse(c.form));
+  for (const auto& [form, changes] : cases) {
+    SCOPED_TRACE(form);
+    const long id = AddRecycleTask(stored);
+    Json::Value params = tstest::TaskObject("recycle", Parse(form));
     params["id"] = static_cast<Json::Int64>(id);
     tstest::Reply set = Call(2, "set", params);
-    ASSERT_TRUE(set.success) << set.envelope.toStyledString();
-    EXPECT_EQ(set.data["id"], static_cast<Json::Int64>(id));
-
-    Json::Value expected = Parse(stored);
-    Json::Value changes = Parse(c.changes);
-    for (const std::string& key : changes.getMemberNames()) expected[key] = changes[key];
-    _tag_orva_sched_task_ r = Record(id);
+    ASSERT_TRUE(set.success) << set.envelope;
+    EXPECT_EQ(set.data, Parse(IdParams(id)));
+    Json::Value expected = stored;
+    const Json::Value diff = Parse(changes);
+    for (const std::string& key : diff.getMemberNames()) expected[key] = diff[key];
+    const _tag_orva_sched_task_ r = Record(id);
     EXPECT_EQ(Parse(r.app_args), expected) << r.app_args;
     EXPECT_EQ(std::string(r.app_args).back(), '\n');
   }
 }
 
-// What the form shows after a set is what it sent (for values of the right type).
-TEST(RecycleTask, FormRoundTripThroughSetAndGet) {
+// What the form shows after a set is what it sent; a rejected set keeps the stored task.
+TEST(ModuleRecycle, FormRoundTripThroughSetAndGet) {
   tstest::TempRoot root;
   root.WriteFile("etc/orva/shares.json", kShares);
-  Json::Value form = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": ["docs", "media"]},
+  const Json::Value form = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": ["docs", "media"]},
       "clean_file_policy": {"policy": "size", "size": 100, "sort_type": 1,
         "reserve_policy": {"size_greater_check": false, "size_smaller_check": true, "size_smaller": 1,
                            "extension_check": true, "extension": [{"file_ext": "doc"}, {"file_ext": "pdf"}]}}})");
-  long id = apptest::Create("recycle", form);
-  ASSERT_GT(id, 0);
-  _tag_orva_sched_task_ r = Record(id);
-  EXPECT_STREQ(r.command,
+  const long id = tstest::Create("recycle", form);
+  EXPECT_STREQ(Record(id).command,
                "/usr/orva/bin/orvarecycle --clean docs media -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576");
-  tstest::Reply got = Call(2, "get", Parse(IdParams(id)));
+  tstest::Reply got = Call(2, "get", IdParams(id));
   ASSERT_TRUE(got.success);
   EXPECT_EQ(got.data["extra"], form) << got.data["extra"].toStyledString();
 
   // A set that changes only the policy keeps the shares and exceptions.
-  Json::Value params = apptest::TaskObject("recycle", Parse(R"({"clean_file_policy": {"policy": "time", "time": 9}})"));
+  Json::Value params = tstest::TaskObject("recycle", Parse(R"({"clean_file_policy": {"policy": "time", "time": 9}})"));
   params["id"] = static_cast<Json::Int64>(id);
   ASSERT_TRUE(Call(2, "set", params).success);
-  EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvarecycle --clean docs media -t 9 -file_ext=doc.pdf -l 1048576");
-}
+  const std::string kept = "/usr/orva/bin/orvarecycle --clean docs media -t 9 -file_ext=doc.pdf -l 1048576";
+  EXPECT_EQ(Record(id).command, kept);
 
-TEST(RecycleTask, RejectedSetKeepsTheStoredTask) {
-  tstest::TempRoot root;
-  long id = apptest::Create("recycle", Json::Value(Json::objectValue));
-  ASSERT_GT(id, 0);
-  std::string before = Record(id).command;
-  EXPECT_EQ(before, "/usr/orva/bin/orvarecycle --clean");
   tstest::ClearLogs();
-  Json::Value params = apptest::TaskObject("recycle", Parse(R"({"clean_share_policy": {"clean_all": false, "shares": []}})"));
-  params["id"] = static_cast<Json::Int64>(id);
+  params["extra"] = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": []}})");
   tstest::Reply set = Call(2, "set", params);
   EXPECT_FALSE(set.success);
   EXPECT_EQ(set.code, 117);
   EXPECT_EQ(set.data, Parse(R"({"msg": "Invalid (app) object"})"));
-  EXPECT_EQ(tstest::LogsWith("error selected_shares").size(), 1u);
+  tstest::ExpectOneLog("error selected_shares");
   EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
-  EXPECT_EQ(Record(id).command, before);
+  EXPECT_EQ(Record(id).command, kept);
 }
 
 }  // namespace

@@ -1,19 +1,10 @@
 // Listed service tasks: today's package display names, the process-wide package cache
 // and the WinShare rewrite. One test per program, since the cache lives for the process.
-#include <gtest/gtest.h>
-#include <string.h>
 #include <unistd.h>
 
-#include "scheduler/task.h"
 #include "test_support.h"
 
 namespace {
-
-Json::Value Parse(const char* text) {
-  Json::Value v;
-  Json::Reader().parse(text, v);
-  return v;
-}
 
 std::string ActionOf(const tstest::Reply& r, const std::string& name) {
   for (const Json::Value& t : r.data["tasks"]) {
@@ -22,22 +13,14 @@ std::string ActionOf(const tstest::Reply& r, const std::string& name) {
   return "<missing>";
 }
 
-std::string StoredAction(long id) {
-  ORVA_SCHED_TASK* task = ORVASchedTaskAllocFast();
-  std::string action = ORVASchedTaskLoad(id, task) >= 0 ? ORVASchedTaskGetAction(*task) : "<unloadable>";
-  ORVASchedTaskFree(task);
-  return action;
-}
-
-TEST(ServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
+TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   tstest::TempRoot root;
   tstest::SetEventTasks(Json::Value(Json::arrayValue));
-  root.WriteTexts("en", Parse(R"({
-    "common": {"start_service": "Start service", "stop_service": "Stop service"},
-    "network": {"win_share_service": "Windows file service"}})"));
+  root.WriteTexts("en", R"({"common": {"start_service": "Start service", "stop_service": "Stop service"},
+                            "network": {"win_share_service": "Windows file service"}})");
   ASSERT_EQ(rmdir((root.Path() + "/var/lib/orva/packages").c_str()), 0);
 
-  tstest::TaskSpec service;
+  tstest::TaskSeed service;
   service.name = "svc";
   service.app = "ORVA.VEK.TaskScheduler.Service";
   service.appName = "#service:service_subject#";
@@ -49,14 +32,14 @@ TEST(ServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   service.action = R"(#common:start_service#: "WinShare" "Old Name")";
   long serviceId = tstest::AddTask(service);
   ASSERT_GT(serviceId, 0);
-  tstest::TaskSpec beep;
+  tstest::TaskSeed beep;
   beep.name = "beep";
   beep.app = "ORVA.VEK.TaskScheduler.Beep";
   beep.action = "WinShare #common:stop_service#";
   tstest::AddTask(beep);
 
   // A stored action so long that the rewritten one would not fit: it stays as it is.
-  tstest::TaskSpec full = service;
+  tstest::TaskSeed full = service;
   full.name = "full";
   std::string head = R"(#common:start_service#: "WinShare" ")";
   full.action = head + std::string(ORVA_SCHED_ACTION_MAX - 2 - head.size(), 'p') + "\"";
@@ -89,7 +72,7 @@ TEST(ServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   root.WriteFile("var/lib/orva/packages/pkga/package.json",
                  R"({"name":"pkga","display_name":"New Name","version":"1.0","service":true,)"
                  R"("control":{"start":"true","stop":"true"}})");
-  tstest::TaskSpec broken = service;
+  tstest::TaskSeed broken = service;
   broken.name = "broken";
   broken.appArgs = "not json";
   broken.action = "#common:stop_service#: \"WinShare\"";
@@ -98,17 +81,12 @@ TEST(ServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   r = tstest::Call(2, "list", Json::Value(Json::objectValue));
   ASSERT_TRUE(r.success) << r.envelope;
   EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
-  EXPECT_EQ(StoredAction(serviceId), R"(#common:start_service#: "WinShare" "Old Name")");
+  EXPECT_EQ(std::string(tstest::Record(serviceId).action), R"(#common:start_service#: "WinShare" "Old Name")");
   EXPECT_EQ(ActionOf(r, "broken"), "Stop service: \"Windows file service\"");
   EXPECT_EQ(tstest::LogsWith("Failed to enum packages").size(), 0u);
-  EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler:201 Failed to convert service task app args from json [" +
-                             std::to_string(brokenId) + "]")
-                .size(),
-            1u);
-  EXPECT_EQ(tstest::LogsWith(":214 Unable to update service task package display names [" +
-                             std::to_string(brokenId) + "]")
-                .size(),
-            1u);
+  const std::string brokenTag = "[" + std::to_string(brokenId) + "]";
+  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:201 Failed to convert service task app args from json " + brokenTag);
+  tstest::ExpectOneLog(":214 Unable to update service task package display names " + brokenTag);
 
   // 3. Renamed again: this process keeps what it enumerated first.
   root.WriteFile("var/lib/orva/packages/pkga/package.json",

@@ -3,19 +3,17 @@
 
 #include <fcntl.h>
 #include <ftw.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <fstream>
+#include <memory>
 #include <mutex>
 
 #include "core/root.h"
@@ -28,9 +26,8 @@ std::mutex gLogMutex;
 std::vector<tstest::LogLine> gLogs;
 
 void Capture(int priority, const char* format, va_list ap) {
-  // Keep errno for %m, which vsnprintf expands from it.
   char buffer[8192];
-  vsnprintf(buffer, sizeof(buffer), format, ap);
+  vsnprintf(buffer, sizeof(buffer), format, ap);  // %m still sees the caller's errno
   std::lock_guard<std::mutex> lock(gLogMutex);
   gLogs.push_back({priority & LOG_PRIMASK, buffer});
 }
@@ -75,9 +72,13 @@ std::vector<LogLine> LogsWith(const std::string& needle) {
   return out;
 }
 
-size_t LogCount() {
-  std::lock_guard<std::mutex> lock(gLogMutex);
-  return gLogs.size();
+Json::Value Parse(const std::string& text) {
+  Json::Value v;
+  Json::CharReaderBuilder b;
+  std::string errs;
+  std::unique_ptr<Json::CharReader> r(b.newCharReader());
+  if (!r->parse(text.data(), text.data() + text.size(), &v, &errs)) ADD_FAILURE() << "bad JSON: " << text << errs;
+  return v;
 }
 
 namespace {
@@ -91,25 +92,18 @@ void MakeDirs(const std::string& path) {
   }
 }
 
-std::string WriteJson(const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, v);
-}
-
 }  // namespace
 
 TempRoot::TempRoot() {
   char tmpl[] = "/tmp/orvat-module-XXXXXX";
-  const char* dir = mkdtemp(tmpl);
-  if (!dir) {
+  if (!mkdtemp(tmpl)) {
     ADD_FAILURE() << "mkdtemp failed";
     return;
   }
-  path_ = dir;
+  path_ = tmpl;
   chmod(path_.c_str(), 0755);
   for (const char* sub : {"/usr/orva/bin", "/usr/orva/lib/webapi", "/usr/orva/orvaman/webman/texts/en",
-                          "/etc/orva", "/var/lib/orva/packages", "/run/orva"}) {
+                          "/var/lib/orva/packages", "/run/orva"}) {
     MakeDirs(path_ + sub);
   }
   WriteFile("etc/orva/orva.conf", "");
@@ -120,46 +114,38 @@ TempRoot::TempRoot() {
 }
 
 TempRoot::~TempRoot() {
-  if (!path_.empty()) {
-    nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-  }
+  if (!path_.empty()) nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
 void TempRoot::WriteFile(const std::string& relative, const std::string& content) const {
   std::string full = path_ + "/" + relative;
   MakeDirs(full.substr(0, full.rfind('/')));
-  std::ofstream out(full, std::ios::trunc);
-  out << content;
+  std::ofstream(full, std::ios::trunc) << content;
 }
 
-void TempRoot::WriteTexts(const std::string& lang, const Json::Value& sections) const {
-  WriteFile("usr/orva/orvaman/webman/texts/" + lang + "/strings.json", WriteJson(sections));
+void TempRoot::WriteTexts(const std::string& lang, const std::string& json) const {
+  WriteFile("usr/orva/orvaman/webman/texts/" + lang + "/strings.json", json);
 }
 
-void TempRoot::WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& lang,
-                             const Json::Value& sections) const {
-  Json::Value config;
-  config["namespace"] = nameSpace;
-  WriteFile("usr/orva/orvaman/webman/3rdparty/" + app + "/config.json", WriteJson(config));
-  WriteFile("usr/orva/orvaman/webman/3rdparty/" + app + "/texts/" + lang + "/strings.json", WriteJson(sections));
+void TempRoot::WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& json) const {
+  const std::string dir = "usr/orva/orvaman/webman/3rdparty/" + app;
+  WriteFile(dir + "/config.json", "{\"namespace\": \"" + nameSpace + "\"}");
+  WriteFile(dir + "/texts/en/strings.json", json);
 }
 
 const ORVA::APITableRow* FindRow(int version, const std::string& method) {
   for (const ORVA::APITableRow* row = gTable; row->api; ++row) {
     if (row->version == version && method == row->method) return row;
   }
+  ADD_FAILURE() << "no row for " << method << " v" << version;
   return nullptr;
 }
 
-Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang,
-           const std::string& user) {
+Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang) {
   Reply reply;
   const ORVA::APITableRow* row = FindRow(version, method);
-  if (!row) {
-    ADD_FAILURE() << "no row for " << method << " v" << version;
-    return reply;
-  }
-  ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, user, lang);
+  if (!row) return reply;
+  ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, "admin", lang);
   ORVA::APIResponse response;
   row->func(&request, &response);
   reply.replies = response.GetReplyCount();
@@ -170,57 +156,92 @@ Reply Call(int version, const std::string& method, const Json::Value& params, co
   return reply;
 }
 
-long AddTask(const TaskSpec& spec) {
+Json::Value ServerCall(int version, const std::string& method, const Json::Value& params) {
+  const ORVA::APITableRow* row = FindRow(version, method);
+  if (!row) return Json::Value();
+  ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, "admin", "en");
+  return ORVA::APIRegistry::Instance().Call(*row, request);
+}
+
+Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name) {
+  Json::Value task = Parse(R"({"owner": "root", "enable": true, "schedule": {"repeat_date": "daily", "hour": 3,
+                               "minute": 30}})");
+  task["type"] = type;
+  task["name"] = name;
+  if (!extra.isNull()) task["extra"] = extra;
+  return task;
+}
+
+long Create(const std::string& type, const Json::Value& extra, int version) {
+  Reply reply = Call(version, "create", TaskObject(type, extra));
+  EXPECT_TRUE(reply.success) << reply.envelope;
+  return reply.success && reply.data["id"].isIntegral() ? static_cast<long>(reply.data["id"].asInt64()) : -1;
+}
+
+long AddTask(const TaskSeed& seed) {
   ORVA_SCHED_TASK* task = ORVASchedTaskAllocFast();
   if (!task) {
     ADD_FAILURE() << "alloc failed";
     return -1;
   }
-  ORVASchedCTaskSetName(task, spec.name.c_str());
-  ORVASchedCTaskSetApp(task, spec.app.c_str());
-  ORVASchedCTaskSetAppName(task, spec.appName.c_str());
-  ORVASchedCTaskSetAction(task, spec.action.c_str());
-  ORVASchedCTaskSetCommand(task, spec.command.c_str());
-  ORVASchedCTaskSetAppArgs(task, spec.appArgs.c_str());
-  ORVASchedCTaskSetState(task, spec.enabled ? 1 : 0);
-  ORVASchedCTaskSetListable(task, spec.listable ? 1 : 0);
+  ORVASchedCTaskSetName(task, seed.name.c_str());
+  ORVASchedCTaskSetApp(task, seed.app.c_str());
+  ORVASchedCTaskSetAppName(task, seed.appName.c_str());
+  ORVASchedCTaskSetAction(task, seed.action.c_str());
+  ORVASchedCTaskSetCommand(task, seed.command.c_str());
+  ORVASchedCTaskSetAppArgs(task, seed.appArgs.c_str());
+  ORVASchedCTaskSetState(task, seed.enabled ? 1 : 0);
+  ORVASchedCTaskSetListable(task, seed.listable ? 1 : 0);
   Json::Value schedule;
   schedule["schedule"]["repeat"] = "daily";
-  schedule["schedule"]["hour"] = spec.hour;
-  schedule["schedule"]["min"] = spec.min;
-  if (!ORVASchedTaskConvertFromJson_Schedule(schedule, *task)) {
-    ADD_FAILURE() << "schedule refused";
-  }
-  ORVASchedCTaskSetOwner(task, spec.ownerUid);
+  schedule["schedule"]["hour"] = seed.hour;
+  schedule["schedule"]["min"] = seed.min;
+  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(schedule, *task));
+  ORVASchedCTaskSetOwner(task, seed.ownerUid);
   int rc;
-  if (!spec.byUser.empty()) {
-    struct passwd* pw = getpwnam(spec.byUser.c_str());
-    if (pw) ORVASchedCTaskSetOwner(task, pw->pw_uid);
-    rc = ORVASchedTaskSaveByUser(spec.byUser.c_str(), task);
+  if (!seed.byUser.empty()) {
+    if (struct passwd* pw = getpwnam(seed.byUser.c_str())) ORVASchedCTaskSetOwner(task, pw->pw_uid);
+    rc = ORVASchedTaskSaveByUser(seed.byUser.c_str(), task);
   } else {
     rc = ORVASchedTaskSave(task);
   }
   long id = ORVASchedTaskGetID(*task);
   ORVASchedTaskFree(task);
-  if (rc < 0) {
-    ADD_FAILURE() << "save failed for " << spec.name;
-    return -1;
-  }
-  return id;
+  EXPECT_GE(rc, 0) << "save failed for " << seed.name;
+  return rc < 0 ? -1 : id;
 }
 
 bool TaskExists(long id) {
-  ORVA_SCHED_TASK* task = ORVASchedTaskAllocFast();
-  bool ok = ORVASchedTaskLoad(id, task) >= 0;
-  ORVASchedTaskFree(task);
-  return ok;
+  _tag_orva_sched_task_ task;
+  memset(&task, 0, sizeof(task));
+  return ORVASchedTaskLoad(id, &task) >= 0;
 }
 
 bool TaskEnabled(long id) {
-  ORVA_SCHED_TASK* task = ORVASchedTaskAllocFast();
-  bool on = ORVASchedTaskLoad(id, task) >= 0 && ORVASchedTaskIsEnabled(*task);
-  ORVASchedTaskFree(task);
-  return on;
+  _tag_orva_sched_task_ task;
+  memset(&task, 0, sizeof(task));
+  return ORVASchedTaskLoad(id, &task) >= 0 && ORVASchedTaskIsEnabled(task);
+}
+
+_tag_orva_sched_task_ Record(long id) {
+  _tag_orva_sched_task_ record;
+  memset(&record, 0, sizeof(record));
+  EXPECT_GE(ORVASchedTaskLoad(id, &record), 0) << "task " << id;
+  return record;
+}
+
+_tag_orva_sched_task_ FreshRecord() {
+  _tag_orva_sched_task_ record;
+  memset(&record, 0, sizeof(record));
+  EXPECT_TRUE(ORVA::Core::TaskScheduler::InitTask(boost::none, record));
+  return record;
+}
+
+int StoredCount() {
+  ORVA_SCHED_TASK* list = nullptr;
+  int n = ORVASchedTaskListGet(&list, nullptr, nullptr);
+  ORVASchedTaskListFree(list);
+  return n;
 }
 
 namespace {
@@ -245,6 +266,23 @@ ORVA::APITableRow gEventTable[] = {
     {nullptr, 0, nullptr, nullptr},
 };
 
+int RunQuiet(const std::vector<std::string>& args) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, 1);
+    dup2(devnull, 2);
+    execvp(argv[0], argv.data());
+    _exit(127);
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) < 0) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 }  // namespace
 
 void SetEventTasks(const Json::Value& data, bool reply) {
@@ -257,40 +295,13 @@ void SetEventTasks(const Json::Value& data, bool reply) {
 
 int EventListCalls() { return gEventCalls; }
 
-namespace {
-
-int RunCommand(const std::vector<std::string>& args) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    int devnull = open("/dev/null", O_WRONLY);
-    if (devnull >= 0) {
-      dup2(devnull, 1);
-      dup2(devnull, 2);
-    }
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) < 0) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-}  // namespace
-
 TestUser::TestUser() {
   static std::atomic<int> counter{0};
   name_ = "orvat" + std::to_string(getpid() % 100000) + "m" + std::to_string(counter++);
-  RunCommand({"userdel", "-r", name_});
-  if (RunCommand({"useradd", "-M", "-s", "/bin/sh", name_}) != 0) {
-    ADD_FAILURE() << "useradd " << name_ << " failed";
-    return;
-  }
-  struct passwd* pw = getpwnam(name_.c_str());
+  RunQuiet({"userdel", "-r", name_});
+  struct passwd* pw = RunQuiet({"useradd", "-M", "-s", "/bin/sh", name_}) == 0 ? getpwnam(name_.c_str()) : nullptr;
   if (!pw) {
-    ADD_FAILURE() << "no passwd entry for " << name_;
+    ADD_FAILURE() << "useradd " << name_ << " failed";
     return;
   }
   uid_ = pw->pw_uid;
@@ -298,7 +309,7 @@ TestUser::TestUser() {
 }
 
 TestUser::~TestUser() {
-  if (ok_) RunCommand({"userdel", name_});
+  if (ok_) RunQuiet({"userdel", name_});
 }
 
 }  // namespace tstest

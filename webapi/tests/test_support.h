@@ -1,13 +1,18 @@
 // Test support for the task scheduler module: a private system root, captured syslog
-// lines, calls of the module's entry functions and a stand-in event scheduler reply.
+// lines, calls of the entry functions, the real store, test users, a stand-in event
+// scheduler and handlers built directly around a request.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <json/json.h>
+#include <string.h>
 #include <syslog.h>
 
 #include <string>
 #include <vector>
 
+#include "ORVA.Core.TaskScheduler.Basic.h"
+#include "lib.h"
 #include "scheduler/task.h"
 #include "webapi/webapi.h"
 
@@ -15,50 +20,62 @@ extern "C" ORVA::APITableRow gTable[];
 
 namespace tstest {
 
-// ---- syslog capture (syslog, vsyslog and their _chk forms are interposed) ----
+// ---- syslog of the whole process (syslog, vsyslog and their _chk forms are interposed) ----
 struct LogLine {
   int priority;
   std::string text;
 };
 std::vector<LogLine> Logs();
 void ClearLogs();
-// Lines that contain `needle`.
-std::vector<LogLine> LogsWith(const std::string& needle);
-// Number of captured lines.
-size_t LogCount();
+std::vector<LogLine> LogsWith(const std::string& needle);  // lines containing `needle`
+inline size_t LogCount() { return Logs().size(); }
+inline void ExpectOneLog(const std::string& needle) { EXPECT_EQ(LogsWith(needle).size(), 1u) << needle; }
 
-// ---- a private system root with UI texts, configuration and an empty store ----
+// ---- a private system root with configuration, an empty store and UI texts ----
 class TempRoot {
  public:
   TempRoot();
   ~TempRoot();
   const std::string& Path() const { return path_; }
-  // Writes `content` to ROOT/relative, creating folders.
-  void WriteFile(const std::string& relative, const std::string& content) const;
-  // UI texts of a language and of a 3rd-party app (namespace -> own texts).
-  void WriteTexts(const std::string& lang, const Json::Value& sections) const;
-  void WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& lang,
-                     const Json::Value& sections) const;
+  void WriteFile(const std::string& relative, const std::string& content) const;  // makes folders
+  void WriteTexts(const std::string& lang, const std::string& json) const;
+  // A 3rd-party app's own texts under namespace `nameSpace`.
+  void WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& json) const;
 
  private:
   std::string path_;
 };
 
-// ---- calls ----
+Json::Value Parse(const std::string& text);  // fails the test on bad JSON
+inline std::string IdParams(long id) { return "{\"id\": " + std::to_string(id) + "}"; }
+
+// ---- calls of the entry functions, in-process ----
 struct Reply {
-  int replies = 0;          // SetSuccess/SetError calls
+  int replies = 0;  // SetSuccess/SetError calls
   bool success = false;
   int code = 0;
-  Json::Value data;         // what the module handed over
+  Json::Value data;
   Json::Value envelope;
 };
 const ORVA::APITableRow* FindRow(int version, const std::string& method);
-// Calls the entry function of (version, method) in-process, as `user`.
-Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang = "en",
-           const std::string& user = "admin");
+Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang = "en");
+// The same with the parameters as JSON text.
+inline Reply Call(int version, const std::string& method, const std::string& params) {
+  return Call(version, method, Parse(params));
+}
+inline Reply Call(int version, const std::string& method, const char* params) {
+  return Call(version, method, Parse(params));
+}
+// Through the registry as the server calls: the envelope, a throwing module answered by 100.
+Json::Value ServerCall(int version, const std::string& method, const Json::Value& params);
 
-// ---- store helpers (the real store of the temp root) ----
-struct TaskSpec {
+// A task object of a create or set request, as the edit dialog sends it.
+Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name = "t1");
+// "create" of `type`; the new id or -1.
+long Create(const std::string& type, const Json::Value& extra, int version = 2);
+
+// ---- the real store of the temp root ----
+struct TaskSeed {
   std::string name = "task";
   std::string app = "ORVA.VEK.TaskScheduler.Script";
   std::string appName = "#common:command_line#";
@@ -69,20 +86,22 @@ struct TaskSpec {
   bool listable = true;
   int hour = 0;
   int min = 0;
-  std::string byUser;       // non-empty: saved on behalf of this user
-  unsigned ownerUid = 0;    // the account it runs as (byUser sets that user)
+  std::string byUser;     // non-empty: saved on behalf of (and run as) this user
+  unsigned ownerUid = 0;  // the account it runs as
 };
-// Saves a new task; returns its id (fails the test and returns -1 on error).
-long AddTask(const TaskSpec& spec);
+long AddTask(const TaskSeed& seed);  // the new id, or -1 (test failed)
 bool TaskExists(long id);
 bool TaskEnabled(long id);
+_tag_orva_sched_task_ Record(long id);  // the stored record (fails the test if unloadable)
+_tag_orva_sched_task_ FreshRecord();    // a never-saved record as the store gives it
+int StoredCount();                      // every stored task
 
 // ---- a stand-in for "ORVA.Core.EventScheduler" v1 "list" ----
-// data: the array it answers; `reply` false makes it answer an error (no "data").
+// `reply` false: it answers an error without data.
 void SetEventTasks(const Json::Value& data, bool reply = true);
 int EventListCalls();
 
-// ---- users: created with useradd, removed by the destructor ----
+// ---- a user made with useradd, removed again by the destructor ----
 class TestUser {
  public:
   TestUser();
@@ -95,6 +114,18 @@ class TestUser {
   std::string name_;
   unsigned uid_ = 0;
   bool ok_ = false;
+};
+
+// A handler of kind H around a request with `params`, for calling its operations directly.
+template <typename H>
+struct Direct {
+  explicit Direct(const Json::Value& params = Json::Value(Json::objectValue), int version = 2,
+                  const char* method = "set")
+      : request("ORVA.Core.TaskScheduler", version, method, params, "admin", "en"),
+        handler(&request, &response, boost::none) {}
+  ORVA::APIRequest request;
+  ORVA::APIResponse response;
+  H handler;
 };
 
 }  // namespace tstest
