@@ -58,11 +58,6 @@ test('errorText prefers the server message, then the code', () => {
   assert.equal(errorText(new ApiError({ code: 4803 }), translator('de')), 'Die Aufgabe konnte nicht gestartet werden.');
 });
 
-test('buildRequest writes the envelope, lang only when known', () => {
-  assert.deepEqual(buildRequest('A', 2, 'list', { a: 1 }, 'de'), { api: 'A', version: 2, method: 'list', params: { a: 1 }, lang: 'de' });
-  assert.deepEqual(buildRequest('A', 1, 'whoami', undefined, ''), { api: 'A', version: 1, method: 'whoami', params: {} });
-});
-
 // A fetch that records each request and answers from a queue.
 function recorder(replies) {
   const calls = [];
@@ -83,15 +78,14 @@ test('login keeps the CSRF token and sends it on every later call', async () => 
   const client = new ApiClient({ fetchImpl, lang: 'de' });
   await client.login({ token: 'T0K' });
   assert.equal(client.csrf, 'c5rf');
-  const who = await client.whoami();
-  assert.equal(who.user, 'root');
-  assert.equal(calls[0].url, '/webapi/entry');
-  assert.equal(calls[0].init.method, 'POST');
-  assert.equal(calls[0].init.credentials, 'same-origin');
+  assert.equal((await client.whoami()).user, 'root');
+  assert.deepEqual([calls[0].url, calls[0].init.method, calls[0].init.credentials], ['/webapi/entry', 'POST', 'same-origin']);
   assert.deepEqual(calls[0].body, { api: 'ORVA.API.Auth', version: 1, method: 'login', params: { token: 'T0K' }, lang: 'de' });
   assert.equal(calls[0].init.headers[CSRF_HEADER], undefined);
   assert.equal(calls[1].init.headers[CSRF_HEADER], 'c5rf');
   assert.equal(calls[1].body.method, 'whoami');
+  // No language known: the envelope carries none.
+  assert.deepEqual(buildRequest('A', 1, 'whoami', undefined, ''), { api: 'A', version: 1, method: 'whoami', params: {} });
 });
 
 test('login without a CSRF token in the reply fails and keeps none', async () => {

@@ -16,8 +16,6 @@ test('sorting: same column flips, another starts ascending, both go to page one'
   assert.deepEqual([s.sortBy, s.sortDir, s.page], ['name', 'asc', 0]);
   s = toggleSort({ ...s, page: 2 }, 'name');
   assert.deepEqual([s.sortBy, s.sortDir, s.page], ['name', 'desc', 0]);
-  s = toggleSort(s, 'name');
-  assert.equal(s.sortDir, 'asc');
   s = toggleSort({ ...s, sortDir: 'desc' }, 'enable');
   assert.deepEqual([s.sortBy, s.sortDir], ['enable', 'asc']);
 });
@@ -41,9 +39,7 @@ test('list parameters and paging arithmetic', () => {
 
 test('a page past the end goes to the last page that has rows', () => {
   const s = { ...initialState(), page: 4, pageSize: 10 };
-  assert.equal(clampPage(s, 41).page, 4);
-  assert.equal(clampPage(s, 40).page, 3);
-  assert.equal(clampPage(s, 0).page, 0);
+  assert.deepEqual([41, 40, 0].map((total) => clampPage(s, total).page), [4, 3, 0]);
   assert.equal(clampPage(s, 41), s, 'unchanged state is the same object');
 });
 
@@ -103,7 +99,6 @@ test('operation parameters name each task with its real owner only when it has o
 });
 
 test('row keys: tasks by id and real owner, event tasks by name and owner', () => {
-  assert.equal(rowKey(item({ id: 8 })), 'task::8');
   assert.notEqual(rowKey(item({ id: 8, real_owner: 'a' })), rowKey(item({ id: 8 })));
   // Event tasks get new ids in every listing; their key must not change with it.
   assert.equal(rowKey(item({ type: 'event_script', id: 1000, name: 'n', owner: 'o' })),

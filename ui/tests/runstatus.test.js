@@ -6,8 +6,7 @@ test('run status: never run, running, finished, killed', () => {
   assert.deepEqual(describeRunStatus({ id: 3, running: false, pid: null, last_run: null }), { running: false, pid: null, last: null });
   assert.deepEqual(describeRunStatus(null), { running: false, pid: null, last: null });
 
-  const running = describeRunStatus({ id: 3, running: true, pid: 4242, last_run: null });
-  assert.deepEqual([running.running, running.pid], [true, 4242]);
+  assert.deepEqual(describeRunStatus({ id: 3, running: true, pid: 4242, last_run: null }), { running: true, pid: 4242, last: null });
 
   const done = describeRunStatus({
     id: 3, running: false, pid: null,
@@ -19,14 +18,10 @@ test('run status: never run, running, finished, killed', () => {
   });
 
   const killed = describeRunStatus({ running: false, last_run: { start: 100, end: 100, exit_code: null, signal: 9, result: 'failed', output: null } });
-  assert.equal(killed.last.signal, 9);
-  assert.equal(killed.last.exitCode, null);
-  assert.equal(killed.last.output, '');
-  assert.equal(killed.last.duration, '0 s');
+  assert.deepEqual([killed.last.signal, killed.last.exitCode, killed.last.output, killed.last.duration], [9, null, '', '0 s']);
 
   const ongoing = describeRunStatus({ running: true, pid: 7, last_run: { start: '2025-03-10 12:00:00', end: null, result: '' } });
-  assert.equal(ongoing.last.end, '');
-  assert.equal(ongoing.last.duration, '');
+  assert.deepEqual([ongoing.last.end, ongoing.last.duration], ['', '']);
 });
 
 test('times and durations', () => {

@@ -129,8 +129,7 @@ test('past once schedules and short months are noticed', () => {
     [{ repeat: 'once', date: 'bad', time: '00:00' }, false],
   ];
   for (const [f, want] of cases) assert.equal(isOncePast(f, now), want, JSON.stringify(f));
-  assert.equal(monthlyShortMonthDay({ repeat: 'monthly', date: '2025-01-31' }), 31);
-  assert.equal(monthlyShortMonthDay({ repeat: 'monthly', date: '2025-01-29' }), 29);
-  assert.equal(monthlyShortMonthDay({ repeat: 'monthly', date: '2025-01-28' }), 0);
-  assert.equal(monthlyShortMonthDay({ repeat: 'daily', date: '2025-01-31' }), 0);
+  for (const [repeat, date, want] of [['monthly', '2025-01-31', 31], ['monthly', '2025-01-29', 29], ['monthly', '2025-01-28', 0], ['daily', '2025-01-31', 0]]) {
+    assert.equal(monthlyShortMonthDay({ repeat, date }), want, `${repeat} ${date}`);
+  }
 });

@@ -101,20 +101,20 @@ std::string Encode(const std::string& in) {
 }
 
 // Every byte alone, then random strings drawn from all bytes, from the characters the
-// shell treats specially, and with a leading - or ~.
+// shell gives a meaning, and with a leading - or ~.
 std::vector<std::string> GeneratedInputs() {
   std::vector<std::string> inputs;
   for (int b = 1; b <= 255; ++b) {
     inputs.emplace_back(1, static_cast<char>(b));
     inputs.push_back(std::string("x") + static_cast<char>(b) + "y");
   }
-  const std::string special = " \t\n'\"$`*?[]~-\\!#&;|<>(){}=%^,.:/@+ab01\x7f\x80\xff";
+  const std::string shellChars = " \t\n'\"$`*?[]~-\\!#&;|<>(){}=%^,.:/@+ab01\x7f\x80\xff";
   std::mt19937 rng(20240607);
-  std::uniform_int_distribution<int> len(1, 24), anyByte(1, 255), pick(0, static_cast<int>(special.size()) - 1);
+  std::uniform_int_distribution<int> len(1, 24), anyByte(1, 255), pick(0, static_cast<int>(shellChars.size()) - 1);
   for (int i = 0; i < 10000; ++i) {
     std::string s(i % 5 == 0 ? "-" : i % 5 == 1 ? "~" : "");
     for (int k = len(rng); k > 0; --k) {
-      s += (i % 2) ? static_cast<char>(anyByte(rng)) : special[static_cast<size_t>(pick(rng))];
+      s += (i % 2) ? static_cast<char>(anyByte(rng)) : shellChars[static_cast<size_t>(pick(rng))];
     }
     inputs.push_back(s);
   }

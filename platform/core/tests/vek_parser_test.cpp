@@ -1,9 +1,8 @@
 // UI text parsers on temporary roots: lookups, bad files, the parse cache.
 #include "core/vek_parser.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <utime.h>
 
 #include <atomic>
 #include <cstdio>
@@ -24,8 +23,8 @@ const std::string kWebman = "/usr/orva/orvaman/webman";
 const std::string kEnu = kWebman + "/texts/enu";
 
 void SetMtime(const std::string& path, time_t sec) {
-  struct timespec times[2] = {{sec, 0}, {sec, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  struct utimbuf times = {sec, sec};
+  ASSERT_EQ(utime(path.c_str(), &times), 0);
 }
 
 std::string Text(const std::string& dir, const char* section = "s", const char* key = "k") {
