@@ -1,0 +1,157 @@
+// The task scheduler module through the running server: a task of each kind created,
+// listed (versions 1 and 2), read, changed, disabled, run, its run status viewed, and
+// deleted, all with orva-api over the server's Unix socket.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "e2e_fixture.h"
+
+namespace {
+
+Json::Value Parse(const std::string& text) {
+  Json::Value v;
+  std::istringstream in(text);
+  std::string errs;
+  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errs)) << text << errs;
+  return v;
+}
+
+// The listed item of task `id`, or null.
+Json::Value Listed(const e2e::StagedRoot& root, int version, Json::Int64 id) {
+  const e2e::Result r = root.Api("ORVA.Core.TaskScheduler", version, "list", Parse(R"({"sort_by": "id"})"));
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  for (const Json::Value& item : r.json["data"]["tasks"]) {
+    if (item["id"].asInt64() == id) return item;
+  }
+  return Json::Value();
+}
+
+TEST(ModuleE2E, EveryKindThroughItsWholeLife) {
+  e2e::StagedRoot root;
+  ASSERT_TRUE(root.Ok());
+  // A package the service task can stop and start.
+  const std::string pkg = root.Path() + "/var/lib/orva/packages/e2epkg";
+  ASSERT_TRUE(std::filesystem::create_directories(pkg));
+  std::ofstream(pkg + "/package.json") << R"({"name": "e2epkg", "display_name": "E2E Package", "version": "1.0",
+      "service": true, "control": {"start": "true", "stop": "true"}})";
+  ASSERT_TRUE(root.StartServer()) << root.ServerLog();
+  const std::string mark = "e2e-" + std::to_string(getpid());
+
+  const struct {
+    const char* type;
+    const char* extra;      // created with
+    const char* listed;     // its action in the list
+    const char* change;     // members of "extra" that set replaces
+    const char* changed;    // the action after set
+    const char* result;     // of the manual run
+    std::string output;     // in the run's output
+  } kinds[] = {
+      {"script", R"({"script": "echo created"})", "Run: echo created",
+       R"({"script": "echo MARK; id -un"})", "Run: echo MARK; id -un", "success", mark + "\nroot\n"},
+      {"beep", R"({"beep_duration": 3})", "Beep for 3 second(s)", R"({"beep_duration": 1})",
+       "Beep for 1 second(s)", "success", " 1 second(s)"},
+      // Tools started by a task read the host's configuration, where this share does not exist.
+      {"recycle", "{}", "Empty the recycle bins of all shared folders",
+       R"({"clean_share_policy": {"clean_all": false, "shares": ["MARK"]},
+           "clean_file_policy": {"policy": "time", "time": 30, "reserve_policy": {"size_greater_check": false,
+                                 "size_smaller_check": false, "extension_check": false}}})",
+       "Empty the recycle bin of: \"MARK\"", "failed", "orvarecycle: "},
+      // Set turns every service off: the command is empty.
+      {"service", R"({"action": "stop", "services": [{"id": "e2epkg", "enable": true}]})",
+       "Stop service: \"E2E Package\"", R"({"action": "start"})", "Start service:", "success", ""},
+  };
+  auto withMark = [&](std::string text) {
+    for (size_t p; (p = text.find("MARK")) != std::string::npos;) text.replace(p, 4, mark);
+    return text;
+  };
+  for (const auto& k : kinds) {
+    SCOPED_TRACE(k.type);
+    Json::Value task = Parse(R"({"owner": "root", "enable": true, "schedule": {"repeat_date": "daily", "hour": 3,
+                                 "minute": 30}})");
+    task["type"] = k.type;
+    task["name"] = std::string("e2e ") + k.type;
+    task["extra"] = Parse(withMark(k.extra));
+    e2e::Result r = root.Api("ORVA.Core.TaskScheduler", 2, "create", task);
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    const Json::Int64 id = r.json["data"]["id"].asInt64();
+    ASSERT_GT(id, 0) << r.out;
+
+    for (int version : {1, 2}) {
+      const Json::Value item = Listed(root, version, id);
+      ASSERT_TRUE(item.isObject()) << "v" << version;
+      EXPECT_EQ(item["name"], task["name"]);
+      EXPECT_EQ(item["type"], k.type);
+      EXPECT_EQ(item["owner"], "root");
+      EXPECT_EQ(item["enable"], true);
+      EXPECT_EQ(item["action"], withMark(k.listed));
+      EXPECT_FALSE(item.isMember("real_owner"));
+    }
+
+    Json::Value get;
+    get["id"] = id;
+    r = root.Api("ORVA.Core.TaskScheduler", 2, "get", get);
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    Json::Value changed = r.json["data"];
+    EXPECT_EQ(changed["type"], k.type);
+    EXPECT_EQ(changed["schedule"]["hour"], 3);
+    const Json::Value change = Parse(withMark(k.change));
+    for (const std::string& member : change.getMemberNames()) changed["extra"][member] = change[member];
+    if (changed["extra"].isMember("services")) {
+      for (Json::Value& s : changed["extra"]["services"]) s["enable"] = false;
+    }
+    changed["name"] = std::string("e2e renamed ") + k.type;
+    r = root.Api("ORVA.Core.TaskScheduler", 2, "set", changed);
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    // What get shows now is what set sent.
+    r = root.Api("ORVA.Core.TaskScheduler", 1, "get", get);
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.json["data"]["name"], changed["name"]);
+    EXPECT_EQ(r.json["data"]["extra"], changed["extra"]) << r.out;
+    EXPECT_EQ(r.json["data"]["action"], withMark(k.changed));
+
+    r = root.Api("ORVA.Core.TaskScheduler", 2, "set_enable", Parse(R"({"status": [{"id": )" + std::to_string(id) +
+                                                                  R"(, "enable": false}]})"));
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    for (int version : {1, 2}) {
+      const Json::Value item = Listed(root, version, id);
+      EXPECT_EQ(item["enable"], false) << item;
+      EXPECT_EQ(item["next_trigger_time"], "-");
+    }
+
+    r = root.Api("ORVA.Core.TaskScheduler", 2, "run", Parse(R"({"tasks": [{"id": )" + std::to_string(id) + "}]}"));
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    Json::Value last;
+    for (int i = 0; i < 200 && !(last.isObject() && !last["end"].isNull()); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      r = root.Api("ORVA.Core.TaskScheduler", 1, "view", get);
+      ASSERT_EQ(r.status, 0) << r.out << r.err;
+      last = r.json["data"]["last_run"];
+    }
+    ASSERT_TRUE(last.isObject() && !last["end"].isNull()) << r.out;
+    EXPECT_EQ(last["trigger"], "manual");
+    // Without a console to ring, the beep fails and says so.
+    const bool noBell = std::string(k.type) == "beep" && last["result"] == "failed";
+    if (!noBell) {
+      EXPECT_EQ(last["result"], k.result) << last;
+    }
+    EXPECT_NE(last["output"].asString().find(noBell ? "no PC speaker input device and no console" : k.output),
+              std::string::npos)
+        << last;
+
+    r = root.Api("ORVA.Core.TaskScheduler", 1, "delete", Parse(R"({"task": )" + std::to_string(id) + "}"));
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_TRUE(Listed(root, 2, id).isNull());
+    r = root.Api("ORVA.Core.TaskScheduler", 2, "get", get);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.json["error"]["code"], 4801) << r.out;
+  }
+}
+
+}  // namespace
