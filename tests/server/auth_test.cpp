@@ -1,10 +1,8 @@
-// Identity: PAM password login with a real account, and the Unix socket's peer
-// credentials for root and an ordinary account.
+// Identity: PAM password login with a real account, the admin group rule, and the Unix
+// socket's peer credentials for root and an ordinary account.
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <iostream>
 
 #include "server_fixture.h"
 
@@ -13,30 +11,26 @@ namespace {
 using orvatest::Envelope;
 using orvatest::ParseJson;
 
-class ServerIdentity : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(server.Start(1)); }
-  void TearDown() override {
-    if (HasFailure()) std::cerr << "server log:\n" << server.Log();
-  }
-  orvatest::TempRoot root;
-  orvatest::Server server{root};
-};
+class ServerIdentity : public orvatest::ServerTest {};
 
-TEST_F(ServerIdentity, PamLoginOfATestUserAndRefusedWrongPassword) {
+std::string WhoamiData(const std::string& user, bool admin) {
+  return "{\"user\": \"" + user + "\", \"is_admin\": " + (admin ? "true" : "false") + ", \"lang\": \"en\"}";
+}
+
+TEST_F(ServerIdentity, PamLoginOfATestUserAndTheAdminGroupRule) {
   ASSERT_TRUE(orvatest::EnsurePamService());
   orvatest::TestUser user("S3cret-pass!");
   ASSERT_TRUE(user.Ok());
-  struct Case {
-    const char* name;
-    Json::Value params;
-    int code;  // 0: logged in
-  };
   auto params = [](const std::string& account, const std::string& passwd) {
     Json::Value p;
     p["account"] = account;
     p["passwd"] = passwd;
     return p;
+  };
+  struct Case {
+    const char* name;
+    Json::Value params;
+    int code;  // 0: logged in
   };
   const Case cases[] = {
       {"wrong password", params(user.Name(), "S3cret-pass"), 401},
@@ -44,7 +38,7 @@ TEST_F(ServerIdentity, PamLoginOfATestUserAndRefusedWrongPassword) {
       {"unknown account", params(user.Name() + "x", "S3cret-pass!"), 401},
       {"no password", ParseJson("{\"account\": \"" + user.Name() + "\"}"), 400},
       {"password not a string", ParseJson("{\"account\": \"" + user.Name() + "\", \"passwd\": 1}"), 400},
-      {"token and password", ParseJson("{\"account\": \"a\", \"passwd\": \"b\", \"token\": \"c\"}"), 400},
+      {"token and password", ParseJson(R"({"account": "a", "passwd": "b", "token": "c"})"), 400},
       {"right password", params(user.Name(), "S3cret-pass!"), 0},
   };
   orvatest::Login good;
@@ -52,60 +46,49 @@ TEST_F(ServerIdentity, PamLoginOfATestUserAndRefusedWrongPassword) {
     SCOPED_TRACE(c.name);
     auto login = orvatest::LoginWith(server, c.params);
     EXPECT_EQ(200, login.reply.status);
+    EXPECT_EQ(c.code == 0, login.reply.json["success"].asBool()) << login.reply.body;
+    EXPECT_EQ(c.code == 0, !login.sessionId.empty());
     if (c.code != 0) {
-      EXPECT_FALSE(login.reply.json["success"].asBool()) << login.reply.body;
       EXPECT_EQ(c.code, login.reply.json["error"]["code"].asInt());
-      EXPECT_TRUE(login.sessionId.empty());
     } else {
-      EXPECT_TRUE(login.reply.json["success"].asBool()) << login.reply.body;
       good = login;
     }
   }
   ASSERT_FALSE(good.sessionId.empty());
-  auto who = server.Api(Envelope("ORVA.API.Auth", 1, "whoami"), good.Headers());
-  EXPECT_EQ(ParseJson("{\"user\": \"" + user.Name() + "\", \"is_admin\": false, \"lang\": \"en\"}"),
-            who.json["data"]);
+  auto who = server.Api(Envelope("ORVA.API.Auth", 1, "whoami"), good.Auth());
+  EXPECT_EQ(ParseJson(WhoamiData(user.Name(), false)), who.json["data"]);
   // An ordinary account may call user APIs but not admin ones.
-  auto echo = server.Api(Envelope("ORVA.Test.User", 1, "echo"), good.Headers());
+  auto echo = server.Api(Envelope("ORVA.Test.User", 1, "echo"), good.Auth());
   EXPECT_EQ(200, echo.status);
   EXPECT_EQ(user.Name(), echo.json["data"]["user"].asString());
-  auto admin = server.Api(Envelope("ORVA.Test.Admin", 1, "echo"), good.Headers());
+  auto admin = server.Api(Envelope("ORVA.Test.Admin", 1, "echo"), good.Auth());
   EXPECT_EQ(403, admin.status);
   EXPECT_EQ(ParseJson(R"({"success": false, "error": {"code": 105}})"), admin.json);
-}
 
-TEST_F(ServerIdentity, AMemberOfTheAdminGroupIsAnAdministrator) {
-  ASSERT_TRUE(orvatest::EnsurePamService());
-  orvatest::TestUser user("Adm1n-pass");
-  ASSERT_TRUE(user.Ok());
-  // The configured admin_group of the test root is "orvatadmins".
-  const std::string group = "orvatadmins" + std::to_string(getpid());
+  // A member of the configured admin group is an administrator.
+  const std::string group = "orvatadm" + std::to_string(getpid());
   root.WriteFile("/etc/orva/orva.conf", "admin_group=\"" + group + "\"\n");
-  ASSERT_EQ(0, std::system(("groupadd " + group + " && usermod -aG " + group + " " + user.Name()).c_str()));
-  Json::Value p;
-  p["account"] = user.Name();
-  p["passwd"] = "Adm1n-pass";
-  auto login = orvatest::LoginWith(server, p);
-  auto admin = server.Api(Envelope("ORVA.Test.Admin", 1, "echo"), login.Headers());
-  EXPECT_EQ(200, admin.status) << admin.body;
-  auto who = server.Api(Envelope("ORVA.API.Auth", 1, "whoami"), login.Headers());
-  EXPECT_TRUE(who.json["data"]["is_admin"].asBool());
-  EXPECT_EQ(0, std::system(("gpasswd -d " + user.Name() + " " + group + " >/dev/null && groupdel " + group).c_str()));
+  ASSERT_TRUE(orvatest::RunRetried("groupadd " + group));
+  EXPECT_TRUE(orvatest::RunRetried("usermod -aG " + group + " " + user.Name()));
+  auto member = orvatest::LoginWith(server, params(user.Name(), "S3cret-pass!"));
+  EXPECT_EQ(200, server.Api(Envelope("ORVA.Test.Admin", 1, "echo"), member.Auth()).status);
+  who = server.Api(Envelope("ORVA.API.Auth", 1, "whoami"), member.Auth());
+  EXPECT_TRUE(who.json["data"]["is_admin"].asBool()) << who.body;
+  EXPECT_TRUE(orvatest::RunRetried("groupdel " + group));
 }
 
 TEST_F(ServerIdentity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
   const std::string whoami = Envelope("ORVA.API.Auth", 1, "whoami");
   auto asRoot = server.Local(whoami);
   EXPECT_EQ(200, asRoot.status);
-  EXPECT_EQ(ParseJson(R"({"user": "root", "is_admin": true, "lang": "en"})"), asRoot.json["data"]);
+  EXPECT_EQ(ParseJson(WhoamiData("root", true)), asRoot.json["data"]);
   EXPECT_EQ(200, server.Local(Envelope("ORVA.Test.Admin", 1, "echo")).status);
 
   orvatest::TestUser user;
   ASSERT_TRUE(user.Ok());
   auto asUser = server.LocalAs(user.Uid(), user.Gid(), whoami);
   EXPECT_EQ(200, asUser.status) << asUser.body;
-  EXPECT_EQ(ParseJson("{\"user\": \"" + user.Name() + "\", \"is_admin\": false, \"lang\": \"en\"}"),
-            asUser.json["data"]);
+  EXPECT_EQ(ParseJson(WhoamiData(user.Name(), false)), asUser.json["data"]);
   auto userApi = server.LocalAs(user.Uid(), user.Gid(), Envelope("ORVA.Test.User", 1, "echo"));
   EXPECT_EQ(200, userApi.status);
   EXPECT_EQ(user.Name(), userApi.json["data"]["user"].asString());
@@ -115,16 +98,19 @@ TEST_F(ServerIdentity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
   // A uid without an account is nobody.
   uid_t ghostUid = 54321;
   while (getpwuid(ghostUid) != nullptr) ++ghostUid;
-  auto ghost = server.LocalAs(ghostUid, ghostUid, whoami);
-  EXPECT_EQ(401, ghost.status);
-  // The socket is open to every account; its folder is not writable by them.
-  struct stat st;
-  ASSERT_EQ(0, stat(server.SocketPath().c_str(), &st));
-  EXPECT_EQ(0666u, st.st_mode & 0777);
-  ASSERT_EQ(0, stat((root.Path() + "/run/orva").c_str(), &st));
-  EXPECT_EQ(0755u, st.st_mode & 0777);
-  ASSERT_EQ(0, stat((root.Path() + "/run/orva/login.token").c_str(), &st));
-  EXPECT_EQ(0600u, st.st_mode & 0777);
+  EXPECT_EQ(401, server.LocalAs(ghostUid, ghostUid, whoami).status);
+  // The socket is open to every account; its folder is not writable by them; the token is private.
+  struct Case {
+    std::string path;
+    mode_t mode;
+  };
+  for (const Case& c : {Case{server.SocketPath(), 0666}, Case{root.path() + "/run/orva", 0755},
+                        Case{root.path() + "/run/orva/login.token", 0600}}) {
+    SCOPED_TRACE(c.path);
+    struct stat st;
+    ASSERT_EQ(0, stat(c.path.c_str(), &st));
+    EXPECT_EQ(c.mode, st.st_mode & 0777);
+  }
 }
 
 }  // namespace

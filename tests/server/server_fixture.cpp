@@ -4,17 +4,12 @@
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <thread>
 #include <utility>  // before Asio: its awaitable.hpp uses std::exchange
 
@@ -28,26 +23,30 @@ namespace orvatest {
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+bool TryParse(const std::string& text, Json::Value* v) {
+  Json::CharReaderBuilder b;
+  std::unique_ptr<Json::CharReader> r(b.newCharReader());
+  std::string errs;
+  return r->parse(text.data(), text.data() + text.size(), v, &errs);
 }
 
-void SetTimeouts(int fd) {
-  timeval tv{15, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-}
-
-template <class Socket>
-HttpReply Exchange(Socket& socket, const std::string& method, const std::string& target, const std::string& body,
-                   const std::map<std::string, std::string>& headers) {
+// One request on a new connection to `endpoint` (TCP or Unix socket).
+template <class Endpoint>
+HttpReply Exchange(const Endpoint& endpoint, const std::string& method, const std::string& target,
+                   const std::string& body, const Headers& headers) {
   HttpReply reply;
+  asio::io_context ioc;
+  typename Endpoint::protocol_type::socket socket(ioc);
+  beast::error_code ec;
+  socket.connect(endpoint, ec);
+  if (ec) return reply;
+  timeval tv{15, 0};
+  setsockopt(socket.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  setsockopt(socket.native_handle(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
   http::request<http::string_body> req;
   req.method_string(method);
   req.target(target);
@@ -57,7 +56,6 @@ HttpReply Exchange(Socket& socket, const std::string& method, const std::string&
   for (const auto& [k, v] : headers) req.set(k, v);
   req.body() = body;
   if (!body.empty() || method == "POST") req.prepare_payload();
-  beast::error_code ec;
   http::write(socket, req, ec);
   // A refused body may stop the write half way; the reply can still be there.
   beast::flat_buffer buf;
@@ -71,15 +69,9 @@ HttpReply Exchange(Socket& socket, const std::string& method, const std::string&
     reply.headers.emplace(boost::to_lower_copy(std::string(f.name_string())), std::string(f.value()));
   }
   reply.body = res.body();
-  Json::CharReaderBuilder b;
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  std::string errs;
-  Json::Value v;
-  if (r->parse(reply.body.data(), reply.body.data() + reply.body.size(), &v, &errs)) reply.json = v;
+  TryParse(reply.body, &reply.json);
   return reply;
 }
-
-std::atomic<int> gUserCounter{0};
 
 }  // namespace
 
@@ -89,11 +81,8 @@ std::string HttpReply::Header(const std::string& lowerName) const {
 }
 
 Json::Value ParseJson(const std::string& text) {
-  Json::CharReaderBuilder b;
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  std::string errs;
   Json::Value v;
-  EXPECT_TRUE(r->parse(text.data(), text.data() + text.size(), &v, &errs)) << text;
+  EXPECT_TRUE(TryParse(text, &v)) << text;
   return v;
 }
 
@@ -112,69 +101,57 @@ std::string Envelope(const std::string& api, int version, const std::string& met
   return WriteJson(e);
 }
 
-TempRoot::TempRoot() {
-  char tmpl[] = "/tmp/orvat-srv-XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) {
-    ADD_FAILURE() << "mkdtemp failed";
-    return;
+ServerRoot::ServerRoot() : TempRoot("orvat-srv") {
+  if (path().empty()) return;
+  chmod(path().c_str(), 0755);  // other accounts must reach the socket below it
+  const std::string webman = path() + "/usr/orva/orvaman/webman";
+  for (const std::string d : {"/usr/orva/lib/webapi", "/usr/orva/orvaman/webman/texts/en",
+                              "/usr/orva/orvaman/webman/texts/de", "/usr/orva/orvaman/webman/js", "/etc/orva",
+                              "/var/lib/orva", "/run/orva"}) {
+    std::filesystem::create_directories(path() + d);
   }
-  path_ = tmpl;
-  // Other accounts must reach the socket below it.
-  chmod(path_.c_str(), 0755);
-  for (const char* d : {"/usr/orva/lib/webapi", "/usr/orva/orvaman/webman/texts/en", "/usr/orva/orvaman/webman/texts/de",
-                        "/usr/orva/orvaman/webman/js", "/etc/orva", "/var/lib/orva", "/run/orva"}) {
-    std::string cmd = "mkdir -p '" + path_ + d + "'";
-    EXPECT_EQ(0, std::system(cmd.c_str()));
-  }
-  const std::string lib = path_ + "/usr/orva/lib/webapi/";
+  const std::string lib = path() + "/usr/orva/lib/webapi/";
   const std::string built = std::string(ORVA_BUILD_DIR) + "/lib/webapi/";
-  for (const char* m : {"ORVA.API.Auth", "ORVA.API.Info"}) {
-    EXPECT_EQ(0, symlink((built + m + ".so").c_str(), (lib + m + ".so").c_str()));
-    EXPECT_EQ(0, symlink((built + m + ".json").c_str(), (lib + m + ".json").c_str()));
-  }
-  EXPECT_EQ(0, symlink(TEST_MODULE, (lib + "ORVA.Test.so").c_str()));
-  EXPECT_EQ(0, symlink(TEST_MODULE_DESCRIPTOR, (lib + "ORVA.Test.json").c_str()));
+  const std::pair<std::string, std::string> links[] = {
+      {built + "ORVA.API.Auth.so", lib + "ORVA.API.Auth.so"},
+      {built + "ORVA.API.Auth.json", lib + "ORVA.API.Auth.json"},
+      {built + "ORVA.API.Info.so", lib + "ORVA.API.Info.so"},
+      {built + "ORVA.API.Info.json", lib + "ORVA.API.Info.json"},
+      {TEST_MODULE, lib + "ORVA.Test.so"},
+      {TEST_MODULE_DESCRIPTOR, lib + "ORVA.Test.json"},
+      {"/etc", webman + "/etc-link"},
+      {"../secret.txt", webman + "/secret-link.txt"},
+  };
+  for (const auto& [target, link] : links) EXPECT_EQ(0, symlink(target.c_str(), link.c_str())) << link;
   WriteFile("/usr/orva/orvaman/webman/index.html", "<!doctype html><title>ORVA</title>\n");
   WriteFile("/usr/orva/orvaman/webman/js/app.js", "console.log('orva');\n");
   WriteFile("/usr/orva/orvaman/webman/texts/en/strings.json", "{}\n");
   WriteFile("/usr/orva/orvaman/webman/texts/de/strings.json", "{}\n");
   WriteFile("/usr/orva/orvaman/secret.txt", "TOPSECRET-orvaman\n");
   WriteFile("/secret.txt", "TOPSECRET-root\n");
-  EXPECT_EQ(0, symlink("/etc", (path_ + "/usr/orva/orvaman/webman/etc-link").c_str()));
-  EXPECT_EQ(0, symlink("../secret.txt", (path_ + "/usr/orva/orvaman/webman/secret-link.txt").c_str()));
   WriteFile("/etc/orva/orva.conf", "admin_group=\"orvatadmins\"\ndefault_lang=\"en\"\n");
 }
 
-TempRoot::~TempRoot() {
-  if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-}
-
-void TempRoot::WriteFile(const std::string& relative, const std::string& text, mode_t mode) const {
-  std::string p = path_ + relative;
-  std::ofstream(p, std::ios::trunc) << text;
-  chmod(p.c_str(), mode);
+void ServerRoot::WriteFile(const std::string& relative, const std::string& text) const {
+  std::ofstream(path() + relative, std::ios::trunc) << text;
 }
 
 Server::~Server() {
   if (pid_ > 0) Stop();
 }
 
-std::string Server::SocketPath() const { return root_.Path() + "/run/orva/webapi.sock"; }
-
 std::string Server::Token() const {
-  std::string t = ReadFile(root_.Path() + "/run/orva/login.token");
+  std::string t = Slurp(root_.path() + "/run/orva/login.token");
   boost::trim(t);
   return t;
 }
 
-std::string Server::Log() const { return ReadFile(root_.Path() + "/server.log"); }
-
 bool Server::Start(int workers, const std::vector<std::string>& extraArgs) {
   std::string bin = std::string(ORVA_BUILD_DIR) + "/bin/orva-webapid";
-  std::vector<std::string> args = {bin, "--root", root_.Path(), "--listen", "127.0.0.1:0", "--workers",
+  std::vector<std::string> args = {bin, "--root", root_.path(), "--listen", "127.0.0.1:0", "--workers",
                                    std::to_string(workers)};
   args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-  std::string log = root_.Path() + "/server.log";
+  std::string log = root_.path() + "/server.log";
   pid_ = fork();
   if (pid_ == 0) {
     int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -186,23 +163,19 @@ bool Server::Start(int workers, const std::vector<std::string>& extraArgs) {
     execv(bin.c_str(), argv.data());
     _exit(127);
   }
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (std::chrono::steady_clock::now() < deadline) {
+  for (auto deadline = Clock::now() + std::chrono::seconds(20); Clock::now() < deadline;) {
     int status;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
       ADD_FAILURE() << "server exited at start:\n" << Log();
       return false;
     }
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::string sock = SocketPath();
-    memcpy(addr.sun_path, sock.c_str(), sock.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    bool up = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    close(fd);
-    if (up) {
-      std::string listen = ReadFile(root_.Path() + "/run/orva/webapi.listen");
+    asio::io_context ioc;
+    asio::local::stream_protocol::socket s(ioc);
+    beast::error_code ec;
+    s.connect(asio::local::stream_protocol::endpoint(SocketPath()), ec);
+    if (!ec) {
+      std::string listen = Slurp(root_.path() + "/run/orva/webapi.listen");
       port_ = atoi(listen.substr(listen.rfind(':') + 1).c_str());
       return port_ > 0;
     }
@@ -212,12 +185,11 @@ bool Server::Start(int workers, const std::vector<std::string>& extraArgs) {
   return false;
 }
 
-int Server::Stop(int timeoutMs) {
+int Server::Stop() {
   if (pid_ <= 0) return -1;
   kill(pid_, SIGTERM);
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   int status = 0;
-  while (std::chrono::steady_clock::now() < deadline) {
+  for (auto deadline = Clock::now() + std::chrono::seconds(15); Clock::now() < deadline;) {
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
       return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -231,30 +203,20 @@ int Server::Stop(int timeoutMs) {
 }
 
 HttpReply Server::Http(const std::string& method, const std::string& target, const std::string& body,
-                       const std::map<std::string, std::string>& headers) const {
-  asio::io_context ioc;
-  asio::ip::tcp::socket s(ioc);
-  beast::error_code ec;
-  s.connect({asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port_)}, ec);
-  if (ec) return {};
-  SetTimeouts(s.native_handle());
-  return Exchange(s, method, target, body, headers);
+                       const Headers& headers) const {
+  return Exchange(asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port_)),
+                  method, target, body, headers);
 }
 
-HttpReply Server::Api(const std::string& body, const std::map<std::string, std::string>& headers) const {
+HttpReply Server::Api(const std::string& body, const Headers& headers) const {
   auto h = headers;
   h.emplace("Content-Type", "application/json");
   return Http("POST", "/webapi/entry", body, h);
 }
 
 HttpReply Server::Local(const std::string& body) const {
-  asio::io_context ioc;
-  asio::local::stream_protocol::socket s(ioc);
-  beast::error_code ec;
-  s.connect(asio::local::stream_protocol::endpoint(SocketPath()), ec);
-  if (ec) return {};
-  SetTimeouts(s.native_handle());
-  return Exchange(s, "POST", "/webapi/entry", body, {{"Content-Type", "application/json"}});
+  return Exchange(asio::local::stream_protocol::endpoint(SocketPath()), "POST", "/webapi/entry", body,
+                  {{"Content-Type", "application/json"}});
 }
 
 HttpReply Server::LocalAs(uid_t uid, gid_t gid, const std::string& body) const {
@@ -273,24 +235,19 @@ HttpReply Server::LocalAs(uid_t uid, gid_t gid, const std::string& body) const {
   close(fds[1]);
   std::string out;
   char buf[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
   close(fds[0]);
-  int status;
-  waitpid(child, &status, 0);
+  waitpid(child, nullptr, 0);
   HttpReply r;
   size_t nl = out.find('\n');
   if (nl == std::string::npos) return r;
   r.status = atoi(out.substr(0, nl).c_str());
   r.body = out.substr(nl + 1);
-  Json::CharReaderBuilder b;
-  std::unique_ptr<Json::CharReader> rd(b.newCharReader());
-  std::string errs;
-  rd->parse(r.body.data(), r.body.data() + r.body.size(), &r.json, &errs);
+  TryParse(r.body, &r.json);
   return r;
 }
 
-Login LoginWith(const Server& server, const Json::Value& params, const std::map<std::string, std::string>& headers) {
+Login LoginWith(const Server& server, const Json::Value& params, const Headers& headers) {
   Login l;
   l.reply = server.Api(Envelope("ORVA.API.Auth", 1, "login", params), headers);
   std::string setCookie = l.reply.Header("set-cookie");
@@ -304,51 +261,61 @@ Login LoginWith(const Server& server, const Json::Value& params, const std::map<
   return l;
 }
 
-TestUser::TestUser(const std::string& password) {
-  name_ = "orvat" + std::to_string(getpid()) + "u" + std::to_string(gUserCounter++);
-  // useradd and userdel refuse while another one holds the account files' lock.
-  std::string cmd = "useradd -M -s /bin/sh '" + name_ + "' >/dev/null 2>&1";
-  int rc = -1;
-  for (int i = 0; i < 50 && rc != 0; ++i) {
-    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    rc = std::system(cmd.c_str());
+Login TokenLogin(const Server& server, const std::string& lang, const Headers& headers) {
+  Json::Value p;
+  p["token"] = server.Token();
+  if (!lang.empty()) p["lang"] = lang;
+  return LoginWith(server, p, headers);
+}
+
+bool WaitForFile(const std::string& path) {
+  for (auto deadline = Clock::now() + std::chrono::seconds(20); Clock::now() < deadline;) {
+    if (access(path.c_str(), F_OK) == 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  if (rc != 0) {
+  return false;
+}
+
+bool RunRetried(const std::string& command) {
+  for (int i = 0; i < 50; ++i) {
+    if (std::system((command + " >/dev/null 2>&1").c_str()) == 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
+TestUser::TestUser(const std::string& password) {
+  static std::atomic<int> counter{0};
+  name_ = "orvat" + std::to_string(getpid()) + "u" + std::to_string(counter++);
+  if (!RunRetried("useradd -M -s /bin/sh '" + name_ + "'")) {
     ADD_FAILURE() << "useradd " << name_ << " failed";
     return;
   }
   if (!password.empty()) {
     FILE* p = popen("chpasswd", "w");
-    if (p == nullptr) return;
-    fprintf(p, "%s:%s\n", name_.c_str(), password.c_str());
-    if (pclose(p) != 0) {
+    if (p != nullptr) fprintf(p, "%s:%s\n", name_.c_str(), password.c_str());
+    if (p == nullptr || pclose(p) != 0) {
       ADD_FAILURE() << "chpasswd failed";
       return;
     }
   }
-  passwd* pw = getpwnam(name_.c_str());
-  if (pw == nullptr) return;
-  uid_ = pw->pw_uid;
-  gid_ = pw->pw_gid;
-  ok_ = true;
+  if (passwd* pw = getpwnam(name_.c_str())) {
+    uid_ = pw->pw_uid;
+    gid_ = pw->pw_gid;
+  }
 }
 
 TestUser::~TestUser() {
-  if (uid_ == 0 && !ok_ && getpwnam(name_.c_str()) == nullptr) return;
-  std::string cmd = "userdel '" + name_ + "' >/dev/null 2>&1";
-  int rc = -1;
-  for (int i = 0; i < 50 && rc != 0; ++i) {
-    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    rc = std::system(cmd.c_str());
+  if (getpwnam(name_.c_str()) != nullptr && !RunRetried("userdel '" + name_ + "'")) {
+    ADD_FAILURE() << "userdel " << name_ << " failed";
   }
-  if (rc != 0) ADD_FAILURE() << "userdel " << name_ << " failed";
 }
 
 bool EnsurePamService() {
   const char* path = "/etc/pam.d/orva-webapi";
   if (access(path, F_OK) == 0) return true;
   std::string tmp = std::string(path) + ".orvat" + std::to_string(getpid());
-  std::string text = ReadFile(std::string(ORVA_SOURCE_DIR) + "/platform/server/pam/orva-webapi");
+  std::string text = Slurp(std::string(ORVA_SOURCE_DIR) + "/platform/server/pam/orva-webapi");
   if (text.empty()) return false;
   std::ofstream(tmp) << text;
   chmod(tmp.c_str(), 0644);

@@ -1,16 +1,21 @@
-// Test support: a temporary system root staged from the build tree, the real
-// orva-webapid started on it, and a small blocking HTTP client (TCP or Unix socket).
+// Test support: a system root staged from the build tree, the real orva-webapid started
+// on it, a small blocking HTTP client (TCP or Unix socket), logins and test accounts.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/types.h>
 
+#include <iostream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "orvatest.h"
+
 namespace orvatest {
+
+using Headers = std::map<std::string, std::string>;
 
 struct HttpReply {
   int status = 0;  // 0: no reply (connection failed or closed)
@@ -20,55 +25,56 @@ struct HttpReply {
   std::string Header(const std::string& lowerName) const;
 };
 
-Json::Value ParseJson(const std::string& text);
+Json::Value ParseJson(const std::string& text);  // fails the test on bad JSON
 std::string WriteJson(const Json::Value& v);
 // {"api": .., "version": .., "method": .., "params": ..}
 std::string Envelope(const std::string& api, int version, const std::string& method,
                      const Json::Value& params = Json::Value(Json::objectValue));
 
-// Lays out a system root in a fresh temporary folder: the Auth, Info and test modules
-// with their descriptors, texts "en" and "de", a webman folder with index.html, and a
-// configuration. Removed by the destructor.
-class TempRoot {
+// A root with the Auth, Info and test modules, texts "en" and "de", a webman folder and
+// secrets just outside it, and a configuration.
+class ServerRoot : public TempRoot {
  public:
-  TempRoot();
-  ~TempRoot();
-  const std::string& Path() const { return path_; }
-  void WriteFile(const std::string& relative, const std::string& text, mode_t mode = 0644) const;
-
- private:
-  std::string path_;
+  ServerRoot();
+  void WriteFile(const std::string& relative, const std::string& text) const;
 };
 
 class Server {
  public:
-  explicit Server(const TempRoot& root) : root_(root) {}
+  explicit Server(const ServerRoot& root) : root_(root) {}
   ~Server();
-  // Starts orva-webapid with --listen 127.0.0.1:0 and waits until the Unix socket
-  // accepts connections and the TCP port is known.
+  // --listen 127.0.0.1:0; waits until the Unix socket accepts and the TCP port is known.
   bool Start(int workers, const std::vector<std::string>& extraArgs = {});
-  // SIGTERM; waits for the exit. Returns the exit status (-1 on a timeout).
-  int Stop(int timeoutMs = 15000);
-  pid_t Pid() const { return pid_; }
+  // SIGTERM, then waits for the exit status (-1 on a timeout).
+  int Stop();
   int Port() const { return port_; }
-  std::string SocketPath() const;
+  std::string SocketPath() const { return root_.path() + "/run/orva/webapi.sock"; }
   std::string Token() const;
-  std::string Log() const;
+  std::string Log() const { return Slurp(root_.path() + "/server.log"); }
 
-  // One request on a new TCP connection.
   HttpReply Http(const std::string& method, const std::string& target, const std::string& body = "",
-                 const std::map<std::string, std::string>& headers = {}) const;
-  // POST /webapi/entry over TCP.
-  HttpReply Api(const std::string& body, const std::map<std::string, std::string>& headers = {}) const;
-  // POST /webapi/entry over the Unix socket, as this process's account.
+                 const Headers& headers = {}) const;
+  // POST /webapi/entry over TCP; over the Unix socket as this process's account or, in
+  // a child process, as `uid`/`gid`.
+  HttpReply Api(const std::string& body, const Headers& headers = {}) const;
   HttpReply Local(const std::string& body) const;
-  // The same in a child process running as `uid`/`gid`.
   HttpReply LocalAs(uid_t uid, gid_t gid, const std::string& body) const;
 
  private:
-  const TempRoot& root_;
+  const ServerRoot& root_;
   pid_t pid_ = -1;
   int port_ = 0;
+};
+
+// One server with one worker on a fresh root; its log is shown when the test fails.
+class ServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(server.Start(1)); }
+  void TearDown() override {
+    if (HasFailure()) std::cerr << "server log:\n" << server.Log();
+  }
+  ServerRoot root;
+  Server server{root};
 };
 
 // A logged-in browser: the session cookie and its CSRF token.
@@ -77,17 +83,21 @@ struct Login {
   std::string sessionId;
   std::string csrf;
   HttpReply reply;
-  std::map<std::string, std::string> Headers() const { return {{"Cookie", cookie}, {"X-ORVA-CSRF", csrf}}; }
+  Headers Auth() const { return {{"Cookie", cookie}, {"X-ORVA-CSRF", csrf}}; }
 };
-Login LoginWith(const Server& server, const Json::Value& params,
-                const std::map<std::string, std::string>& headers = {});
+Login LoginWith(const Server& server, const Json::Value& params, const Headers& headers = {});
+// Login with the server's login token, optionally choosing a language.
+Login TokenLogin(const Server& server, const std::string& lang = "", const Headers& headers = {});
+
+// Waits up to 20 s for a file to exist.
+bool WaitForFile(const std::string& path);
 
 // A local account made for one test ("orvat" + a unique suffix), removed afterwards.
 class TestUser {
  public:
   explicit TestUser(const std::string& password = "");
   ~TestUser();
-  bool Ok() const { return ok_; }
+  bool Ok() const { return uid_ != 0; }
   const std::string& Name() const { return name_; }
   uid_t Uid() const { return uid_; }
   gid_t Gid() const { return gid_; }
@@ -96,8 +106,11 @@ class TestUser {
   std::string name_;
   uid_t uid_ = 0;
   gid_t gid_ = 0;
-  bool ok_ = false;
 };
+
+// Runs a shell command until it succeeds (useradd and friends refuse while another holds
+// the account files' lock); true when it did.
+bool RunRetried(const std::string& command);
 
 // Installs the PAM service file orva-webapi when the system has none.
 bool EnsurePamService();

@@ -1,7 +1,5 @@
-// The web API entry point of the real server: envelopes, framework error codes with
-// their HTTP statuses, sessions, CSRF and language negotiation.
-#include <iostream>
-
+// The HTTP interface of the real server: envelopes, framework error codes with their
+// HTTP statuses, sessions, CSRF, language negotiation and the webman folder's files.
 #include "server_fixture.h"
 
 namespace {
@@ -9,15 +7,7 @@ namespace {
 using orvatest::Envelope;
 using orvatest::ParseJson;
 
-class ServerEntry : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(server.Start(1)); }
-  void TearDown() override {
-    if (HasFailure()) std::cerr << "server log:\n" << server.Log();
-  }
-  orvatest::TempRoot root;
-  orvatest::Server server{root};
-};
+class ServerEntry : public orvatest::ServerTest {};
 
 TEST_F(ServerEntry, ModuleRepliesKeepTheirShapeAndHttp200) {
   struct Case {
@@ -27,8 +17,6 @@ TEST_F(ServerEntry, ModuleRepliesKeepTheirShapeAndHttp200) {
   const Case cases[] = {
       {"ping", R"({"success": true, "data": {}})"},
       {"error", R"({"success": false, "error": {"code": 4801, "msg": "Failed to get task", "extra": 7}})"},
-      {"error_scalar", R"({"success": false, "error": {"code": 117, "data": "plain text"}})"},
-      {"error_null", R"({"success": false, "error": {"code": 4800}})"},
       {"twice", R"({"success": true, "data": "first"})"},
   };
   for (const Case& c : cases) {
@@ -42,12 +30,14 @@ TEST_F(ServerEntry, ModuleRepliesKeepTheirShapeAndHttp200) {
   EXPECT_EQ(200, echo.status);
   EXPECT_EQ(ParseJson(R"({"a": [1, {"b": null}]})"), echo.json["data"]["params"]);
   EXPECT_EQ("", echo.json["data"]["user"].asString());  // public: nobody logged in
+  // A public method may call an admin-only API in-process, as the user it names.
+  auto exec = server.Api(Envelope("ORVA.Test.Public", 1, "exec", ParseJson(R"({"k": 1})")));
+  EXPECT_EQ(ParseJson(R"({"k": 1})"), exec.json["data"]["data"]["params"]) << exec.body;
+  EXPECT_EQ("admin", exec.json["data"]["data"]["user"].asString());
 }
 
 TEST_F(ServerEntry, FrameworkErrorsHaveTheirCodeAndStatus) {
   // Inside the envelope's object and "params": 62 more levels make 64.
-  std::string deep64 = std::string(62, '[') + std::string(62, ']');
-  std::string deep65 = std::string(63, '[') + std::string(63, ']');
   auto withParams = [](const std::string& inner) {
     return R"({"api": "ORVA.Test.Public", "version": 1, "method": "echo", "params": {"x": )" + inner + "}}";
   };
@@ -69,8 +59,8 @@ TEST_F(ServerEntry, FrameworkErrorsHaveTheirCodeAndStatus) {
       {"no method", R"({"api": "ORVA.Test.Public", "version": 1})", 400, 101},
       {"params an array", R"({"api": "ORVA.Test.Public", "version": 1, "method": "ping", "params": []})", 400, 101},
       {"lang a number", R"({"api": "ORVA.Test.Public", "version": 1, "method": "ping", "lang": 3})", 400, 101},
-      {"nesting 64", withParams(deep64), 200, 0},
-      {"nesting 65", withParams(deep65), 400, 101},
+      {"nesting 64", withParams(std::string(62, '[') + std::string(62, ']')), 200, 0},
+      {"nesting 65", withParams(std::string(63, '[') + std::string(63, ']')), 400, 101},
       {"nesting 65 in a string is text", withParams("\"" + std::string(100, '[') + "\""), 200, 0},
       {"unknown API", Envelope("ORVA.Test.Nope", 1, "ping"), 404, 102},
       {"unknown method", Envelope("ORVA.Test.Public", 1, "nope"), 404, 103},
@@ -92,31 +82,22 @@ TEST_F(ServerEntry, FrameworkErrorsHaveTheirCodeAndStatus) {
           << r.body;
     }
   }
-  // The worker went on after the failures.
+  auto get = server.Http("GET", "/webapi/entry");
+  EXPECT_EQ(405, get.status);
+  EXPECT_EQ(101, get.json["error"]["code"].asInt());
+  // The worker went on after the failures, and logged them.
   EXPECT_EQ(200, server.Api(Envelope("ORVA.Test.Public", 1, "ping")).status);
   EXPECT_NE(std::string::npos, server.Log().find("threw: test module throws"));
   EXPECT_NE(std::string::npos, server.Log().find("wrote no reply"));
 }
 
-TEST_F(ServerEntry, WrongHttpMethodOnEntryAndInProcessCallsAreTrusted) {
-  auto get = server.Http("GET", "/webapi/entry");
-  EXPECT_EQ(405, get.status);
-  EXPECT_EQ(101, get.json["error"]["code"].asInt());
-  // A public method may call an admin-only API in-process.
-  auto exec = server.Api(Envelope("ORVA.Test.Public", 1, "exec", ParseJson(R"({"k": 1})")));
-  EXPECT_EQ(ParseJson(R"({"k": 1})"), exec.json["data"]["data"]["params"]) << exec.body;
-  EXPECT_EQ("admin", exec.json["data"]["data"]["user"].asString());
-}
-
-TEST_F(ServerEntry, TokenLoginGivesAStrictHttpOnlyCookieAndCsrfIsRequired) {
+TEST_F(ServerEntry, SessionsCookieCsrfLoginRenewalAndLogout) {
   auto bad = orvatest::LoginWith(server, ParseJson(R"({"token": "0000"})"));
   EXPECT_EQ(200, bad.reply.status);
   EXPECT_FALSE(bad.reply.json["success"].asBool());
   EXPECT_EQ("", bad.reply.Header("set-cookie"));
 
-  Json::Value p;
-  p["token"] = server.Token();
-  auto login = orvatest::LoginWith(server, p);
+  auto login = orvatest::TokenLogin(server);
   ASSERT_TRUE(login.reply.json["success"].asBool()) << login.reply.body;
   std::string setCookie = login.reply.Header("set-cookie");
   EXPECT_NE(std::string::npos, setCookie.find("HttpOnly"));
@@ -126,51 +107,46 @@ TEST_F(ServerEntry, TokenLoginGivesAStrictHttpOnlyCookieAndCsrfIsRequired) {
   EXPECT_EQ(ParseJson("{\"csrf_token\": \"" + login.csrf + "\"}"), login.reply.json["data"]);
 
   const std::string whoami = Envelope("ORVA.API.Auth", 1, "whoami");
+  const std::string admin = Envelope("ORVA.Test.Admin", 1, "echo");
   struct Case {
     const char* name;
-    std::map<std::string, std::string> headers;
+    const std::string& body;
+    orvatest::Headers headers;
     int status;
   };
   const Case cases[] = {
-      {"cookie and CSRF", login.Headers(), 200},
-      {"cookie without CSRF", {{"Cookie", login.cookie}}, 403},
-      {"cookie with a wrong CSRF", {{"Cookie", login.cookie}, {"X-ORVA-CSRF", std::string(64, 'a')}}, 403},
-      {"cookie with the session id as CSRF", {{"Cookie", login.cookie}, {"X-ORVA-CSRF", login.sessionId}}, 403},
-      {"CSRF without cookie", {{"X-ORVA-CSRF", login.csrf}}, 401},
-      {"unknown session", {{"Cookie", "orva_session=" + std::string(64, 'b')}, {"X-ORVA-CSRF", login.csrf}}, 401},
-      {"cookie among others", {{"Cookie", "a=1; " + login.cookie + "; b=2"}, {"X-ORVA-CSRF", login.csrf}}, 200},
+      {"cookie and CSRF", whoami, login.Auth(), 200},
+      {"cookie without CSRF", whoami, {{"Cookie", login.cookie}}, 403},
+      {"cookie with a wrong CSRF", whoami, {{"Cookie", login.cookie}, {"X-ORVA-CSRF", std::string(64, 'a')}}, 403},
+      {"session id as CSRF", whoami, {{"Cookie", login.cookie}, {"X-ORVA-CSRF", login.sessionId}}, 403},
+      {"CSRF without cookie", whoami, {{"X-ORVA-CSRF", login.csrf}}, 401},
+      {"unknown session", whoami, {{"Cookie", "orva_session=" + std::string(64, 'b')}, {"X-ORVA-CSRF", login.csrf}}, 401},
+      {"cookie among others", whoami, {{"Cookie", "a=1; " + login.cookie + "; b=2"}, {"X-ORVA-CSRF", login.csrf}}, 200},
+      {"admin API, cookie and CSRF", admin, login.Auth(), 200},
+      {"admin API, cookie without CSRF", admin, {{"Cookie", login.cookie}}, 403},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    auto r = server.Api(whoami, c.headers);
+    auto r = server.Api(c.body, c.headers);
     EXPECT_EQ(c.status, r.status) << r.body;
-    if (c.status == 200) {
+    if (c.status == 200 && &c.body == &whoami) {
       EXPECT_EQ(ParseJson(R"({"user": "root", "is_admin": true, "lang": "en"})"), r.json["data"]);
     }
   }
-  // The same session over an admin API.
-  EXPECT_EQ(200, server.Api(Envelope("ORVA.Test.Admin", 1, "echo"), login.Headers()).status);
-  EXPECT_EQ(403, server.Api(Envelope("ORVA.Test.Admin", 1, "echo"), {{"Cookie", login.cookie}}).status);
+
+  // A login from a logged-in browser gets a new id and token; the old ones are refused.
+  auto again = orvatest::TokenLogin(server, "", login.Auth());
+  ASSERT_EQ(64u, again.sessionId.size()) << again.reply.body;
+  EXPECT_NE(login.sessionId, again.sessionId);
+  EXPECT_NE(login.csrf, again.csrf);
+  EXPECT_EQ(401, server.Api(whoami, login.Auth()).status);
+  EXPECT_EQ(200, server.Api(whoami, again.Auth()).status);
 
   // Logout ends the session and clears the cookie.
-  auto out = server.Api(Envelope("ORVA.API.Auth", 1, "logout"), login.Headers());
+  auto out = server.Api(Envelope("ORVA.API.Auth", 1, "logout"), again.Auth());
   EXPECT_EQ(200, out.status);
   EXPECT_NE(std::string::npos, out.Header("set-cookie").find("Max-Age=0"));
-  EXPECT_EQ(401, server.Api(whoami, login.Headers()).status);
-}
-
-TEST_F(ServerEntry, SessionIdChangesAtLoginAndTheOldOneIsRefused) {
-  Json::Value p;
-  p["token"] = server.Token();
-  auto first = orvatest::LoginWith(server, p);
-  ASSERT_FALSE(first.sessionId.empty());
-  auto second = orvatest::LoginWith(server, p, first.Headers());
-  ASSERT_FALSE(second.sessionId.empty());
-  EXPECT_NE(first.sessionId, second.sessionId);
-  EXPECT_NE(first.csrf, second.csrf);
-  const std::string whoami = Envelope("ORVA.API.Auth", 1, "whoami");
-  EXPECT_EQ(401, server.Api(whoami, first.Headers()).status);
-  EXPECT_EQ(200, server.Api(whoami, second.Headers()).status);
+  EXPECT_EQ(401, server.Api(whoami, again.Auth()).status);
 }
 
 TEST_F(ServerEntry, LanguageNegotiationAcceptsOnlyExistingTextFolders) {
@@ -199,35 +175,87 @@ TEST_F(ServerEntry, LanguageNegotiationAcceptsOnlyExistingTextFolders) {
     SCOPED_TRACE(c.name);
     Json::Value e = ParseJson(Envelope("ORVA.Test.Public", 1, "echo"));
     if (c.lang != nullptr) e["lang"] = c.lang;
-    std::map<std::string, std::string> headers;
+    orvatest::Headers headers;
     if (c.acceptLanguage != nullptr) headers["Accept-Language"] = c.acceptLanguage;
     auto r = server.Api(orvatest::WriteJson(e), headers);
     EXPECT_EQ(c.expected, r.json["data"]["lang"].asString()) << r.body;
   }
   // A language chosen at login is the session's, and a request's own still wins.
-  Json::Value p;
-  p["token"] = server.Token();
-  p["lang"] = "de";
-  auto login = orvatest::LoginWith(server, p);
-  auto r = server.Api(Envelope("ORVA.API.Auth", 1, "whoami"), login.Headers());
-  EXPECT_EQ("de", r.json["data"]["lang"].asString());
+  auto login = orvatest::TokenLogin(server, "de");
   Json::Value e = ParseJson(Envelope("ORVA.API.Auth", 1, "whoami"));
+  EXPECT_EQ("de", server.Api(orvatest::WriteJson(e), login.Auth()).json["data"]["lang"].asString());
   e["lang"] = "en";
-  EXPECT_EQ("en", server.Api(orvatest::WriteJson(e), login.Headers()).json["data"]["lang"].asString());
+  EXPECT_EQ("en", server.Api(orvatest::WriteJson(e), login.Auth()).json["data"]["lang"].asString());
 }
 
-TEST(ServerEntryConfig, IdleSessionsExpire) {
-  orvatest::TempRoot root;
-  root.WriteFile("/etc/orva/orva.conf", "session_idle_timeout=\"1\"\n");
-  orvatest::Server server(root);
-  ASSERT_TRUE(server.Start(1));
-  Json::Value p;
-  p["token"] = server.Token();
-  auto login = orvatest::LoginWith(server, p);
-  const std::string whoami = Envelope("ORVA.API.Auth", 1, "whoami");
-  EXPECT_EQ(200, server.Api(whoami, login.Headers()).status);
-  sleep(3);
-  EXPECT_EQ(401, server.Api(whoami, login.Headers()).status);
+TEST_F(ServerEntry, StaticFilesComeOnlyFromTheWebmanFolder) {
+  struct Case {
+    const char* target;
+    int status;
+    const char* body;  // nullptr: not checked
+    const char* type;
+  };
+  const char* html = "<!doctype html><title>ORVA</title>\n";
+  const char* js = "console.log('orva');\n";
+  const char* htmlType = "text/html; charset=utf-8";
+  const char* jsType = "text/javascript; charset=utf-8";
+  const Case cases[] = {
+      {"/", 200, html, htmlType},
+      {"/?token=abc", 200, html, htmlType},
+      {"/index.html", 200, html, htmlType},
+      {"/js/app.js", 200, js, jsType},
+      {"/%6As/app.js", 200, js, jsType},
+      {"/./js//app.js", 200, js, jsType},
+      {"/texts/en/strings.json", 200, "{}\n", "application/json; charset=utf-8"},
+      {"/js/", 404, nullptr, nullptr},  // a folder without index.html
+      {"/missing.html", 404, nullptr, nullptr},
+      {"/js/../index.html", 400, nullptr, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.target);
+    auto r = server.Http("GET", c.target);
+    EXPECT_EQ(c.status, r.status);
+    if (c.body != nullptr) {
+      EXPECT_EQ(c.body, r.body);
+      EXPECT_EQ(c.type, r.Header("content-type"));
+    }
+  }
+  auto head = server.Http("HEAD", "/index.html");
+  EXPECT_EQ(200, head.status);
+  EXPECT_EQ("", head.body);
+  EXPECT_EQ(405, server.Http("POST", "/index.html", "x").status);
+
+  // Every way out: "..", encoded or not, absolute paths, symlinks, NUL and bad escapes.
+  const char* escapes[] = {
+      "/../secret.txt",
+      "/../../../../../../etc/passwd",
+      "/%2e%2e/secret.txt",
+      "/%2E%2E/%2e%2E/%2e%2e/secret.txt",
+      "/..%2fsecret.txt",
+      "/%2e%2e%2fsecret.txt",
+      "/js/%2e%2e/%2e%2e/secret.txt",
+      "/.%2e/secret.txt",
+      "/..\\secret.txt",
+      "/%5c..%5csecret.txt",
+      "/etc/passwd",
+      "//etc/passwd",
+      "/%2fetc%2fpasswd",
+      "http://localhost/../../../etc/passwd",
+      "../../etc/passwd",
+      "/etc-link/passwd",
+      "/etc-link/",
+      "/secret-link.txt",
+      "/%00/../secret.txt",
+      "/index.html%00.js",
+      "/%zz",
+  };
+  for (const char* target : escapes) {
+    SCOPED_TRACE(target);
+    auto r = server.Http("GET", target);
+    EXPECT_NE(200, r.status);
+    EXPECT_EQ(std::string::npos, r.body.find("TOPSECRET"));
+    EXPECT_EQ(std::string::npos, r.body.find("root:"));
+  }
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
-// A web API module for the server tests: replies of every shape, failures, slow calls
+// A web API module for the server tests: replies of every shape, failures, calls held
 // and the serving worker's pid. Three APIs with the same methods and different rights.
 #include <unistd.h>
 
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -18,13 +19,19 @@ void Echo(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   resp->SetSuccess(d);
 }
 
-void Sleep(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
-  auto ms = req->GetAndCheckInt("ms", ORVA::PARAM_REQUIRED);
-  if (ms.IsInvalid()) {
+// Marks "started" in the folder `dir`, then waits (at most 60 s) until "release" appears
+// there: the test decides exactly how long this worker stays busy.
+void Hold(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
+  auto dir = req->GetAndCheckString("dir", ORVA::PARAM_REQUIRED);
+  if (dir.IsInvalid()) {
     resp->SetError(4800, Json::Value());
     return;
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(ms.Get()));
+  std::ofstream(dir.Get() + "/started") << getpid();
+  const std::string release = dir.Get() + "/release";
+  for (int i = 0; i < 6000 && access(release.c_str(), F_OK) != 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   Echo(req, resp);
 }
 
@@ -35,8 +42,6 @@ void Error(ORVA::APIRequest*, ORVA::APIResponse* resp) {
   resp->SetError(4801, d);
 }
 
-void ErrorScalar(ORVA::APIRequest*, ORVA::APIResponse* resp) { resp->SetError(117, Json::Value("plain text")); }
-void ErrorNull(ORVA::APIRequest*, ORVA::APIResponse* resp) { resp->SetError(4800, Json::Value()); }
 void Throw(ORVA::APIRequest*, ORVA::APIResponse*) { throw std::runtime_error("test module throws"); }
 void NoReply(ORVA::APIRequest*, ORVA::APIResponse*) {}
 void Twice(ORVA::APIRequest*, ORVA::APIResponse* resp) {
@@ -52,10 +57,10 @@ void Exec(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   resp->SetSuccess(result);
 }
 
-#define TEST_ROWS(api)                                                                            \
-  {api, 1, "echo", Echo}, {api, 2, "echo", Echo}, {api, 1, "sleep", Sleep}, {api, 1, "error", Error}, \
-      {api, 1, "error_scalar", ErrorScalar}, {api, 1, "error_null", ErrorNull}, {api, 1, "throw", Throw}, \
-      {api, 1, "noreply", NoReply}, {api, 1, "twice", Twice}, {api, 1, "ping", Ping}, {api, 1, "exec", Exec}
+#define TEST_ROWS(api)                                                                               \
+  {api, 1, "echo", Echo}, {api, 2, "echo", Echo}, {api, 1, "hold", Hold}, {api, 1, "error", Error},    \
+      {api, 1, "throw", Throw}, {api, 1, "noreply", NoReply}, {api, 1, "twice", Twice}, {api, 1, "ping", Ping}, \
+      {api, 1, "exec", Exec}
 
 const ORVA::APITableRow gTable[] = {
     TEST_ROWS("ORVA.Test.Admin"),
