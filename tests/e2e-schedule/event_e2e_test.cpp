@@ -21,7 +21,7 @@ TEST(EventE2E, EventTasksAreListedMergedAndRunAtTheirEvent) {
 
   const struct passwd* nobody = getpwnam("nobody");
   ASSERT_NE(nobody, nullptr);
-  struct Spec {
+  struct Seed {
     const char* name;
     const char* owner;
     bool enable;
@@ -29,52 +29,49 @@ TEST(EventE2E, EventTasksAreListedMergedAndRunAtTheirEvent) {
     std::string script;
   };
   const std::string mark = std::to_string(getpid());
-  const std::vector<Spec> specs = {
+  const std::vector<Seed> seeds = {
       {"boot greeting", "root", true, "bootup", "echo boot-" + mark},
       {"boot as nobody", "nobody", true, "bootup", "id -un"},
       {"boot but off", "root", false, "bootup", "echo never"},
       {"last words", "root", true, "shutdown", "echo bye-" + mark},
   };
-  std::vector<long> ids;
-  for (const Spec& s : specs) {
+  auto params = [](const Seed& s) {
     Json::Value p;
     p["task_name"] = s.name;
     p["owner"] = s.owner;
     p["enable"] = s.enable;
     p["event"] = s.event;
     p["script"] = s.script;
-    const e2e::Result r = root.Api("ORVA.Core.EventScheduler", 1, "create", p);
+    return p;
+  };
+  std::vector<long> ids;
+  for (const Seed& s : seeds) {
+    const e2e::Result r = root.Api("ORVA.Core.EventScheduler", 1, "create", params(s));
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     ids.push_back(r.json["data"]["id"].asInt64());
   }
   // A bad value is refused through the server too, with its code.
-  {
-    Json::Value p;
-    p["task_name"] = "x";
-    p["owner"] = "root";
-    p["enable"] = "yes";
-    p["event"] = "bootup";
-    p["script"] = "true";
-    const e2e::Result r = root.Api("ORVA.Core.EventScheduler", 1, "create", p);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.json["error"]["code"].asInt(), 6100) << r.out;
-  }
+  Json::Value badParams = params(seeds[0]);
+  badParams["enable"] = "yes";
+  const e2e::Result refused = root.Api("ORVA.Core.EventScheduler", 1, "create", badParams);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.json["error"]["code"].asInt(), 6100) << refused.out;
 
   // The list, exactly in the shape the task list reads.
   e2e::Result r = root.Api("ORVA.Core.EventScheduler", 1, "list");
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  ASSERT_EQ(r.json["data"].size(), specs.size());
-  for (Json::Value::ArrayIndex i = 0; i < specs.size(); ++i) {
+  ASSERT_EQ(r.json["data"].size(), seeds.size());
+  for (Json::Value::ArrayIndex i = 0; i < seeds.size(); ++i) {
     const Json::Value& e = r.json["data"][i];
     SCOPED_TRACE(e.toStyledString());
     EXPECT_EQ(e["id"].asInt64(), ids[i]);
-    EXPECT_EQ(e["task_name"].asString(), specs[i].name);
+    EXPECT_EQ(e["task_name"].asString(), seeds[i].name);
     ASSERT_EQ(e["owner"].getMemberNames().size(), 1u);
-    const uid_t uid = std::string(specs[i].owner) == "root" ? 0 : nobody->pw_uid;
-    EXPECT_EQ(e["owner"][std::to_string(uid)].asString(), specs[i].owner);
-    EXPECT_EQ(e["enable"], specs[i].enable);
-    EXPECT_EQ(e["event"].asString(), specs[i].event);
-    EXPECT_EQ(e["script"].asString(), specs[i].script);
+    const uid_t uid = std::string(seeds[i].owner) == "root" ? 0 : nobody->pw_uid;
+    EXPECT_EQ(e["owner"][std::to_string(uid)].asString(), seeds[i].owner);
+    EXPECT_EQ(e["enable"], seeds[i].enable);
+    EXPECT_EQ(e["event"].asString(), seeds[i].event);
+    EXPECT_EQ(e["script"].asString(), seeds[i].script);
   }
 
   // Merged into the task list: every event task, translated, ids of their own.
@@ -82,7 +79,7 @@ TEST(EventE2E, EventTasksAreListedMergedAndRunAtTheirEvent) {
   lp["sort_by"] = "name";
   r = root.Api("ORVA.Core.TaskScheduler", 2, "list", lp);
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_EQ(r.json["data"]["total"].asInt(), static_cast<int>(specs.size()));
+  EXPECT_EQ(r.json["data"]["total"].asInt(), static_cast<int>(seeds.size()));
   std::set<std::string> names;
   for (const Json::Value& item : r.json["data"]["tasks"]) {
     SCOPED_TRACE(item.toStyledString());
@@ -100,7 +97,7 @@ TEST(EventE2E, EventTasksAreListedMergedAndRunAtTheirEvent) {
   ASSERT_EQ(boot.status, 0) << boot.out << boot.err;
   const std::vector<std::string> want = {"boot-" + mark + "\n", "nobody\n", "", ""};
   for (size_t i = 0; i < ids.size(); ++i) {
-    SCOPED_TRACE(specs[i].name);
+    SCOPED_TRACE(seeds[i].name);
     Json::Value status;
     ASSERT_EQ(ORVASchedEventTaskGetRunStatus(ids[i], status), 0);
     if (want[i].empty()) {

@@ -41,23 +41,13 @@ TEST(SchedJson, BasicToJsonHasEveryKey) {
   ORVASchedCTaskSetCanEditOwner(t.t, 1);
   Json::Value task = Parse(R"({"keep": 1})");
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, task));
-  EXPECT_EQ(task["keep"], 1);
-  const Json::Value& b = task["basic"];
-  EXPECT_EQ(b["id"], 42);
-  EXPECT_EQ(b["task_name"], "n\"ame");
-  EXPECT_EQ(b["owner"], a.name());
-  EXPECT_EQ(b["real_owner"], a.name());
-  EXPECT_EQ(b["enabled"], "off");
-  EXPECT_EQ(b["app"], "ORVA.VEK.TaskScheduler.Beep");
-  EXPECT_EQ(b["app_name"], "#beep:beep_title#");
-  EXPECT_EQ(b["action"], "#beep:beep_action#");
-  EXPECT_EQ(b["edit_form"], "Form");
-  EXPECT_EQ(b["can_edit_name"], true);
-  EXPECT_EQ(b["can_edit_owner"], true);
-  EXPECT_EQ(b["can_edit_from_ui"], true);
-  EXPECT_EQ(b["can_delete_from_ui"], true);
-  EXPECT_EQ(b["can_run_from_ui"], true);
-  EXPECT_EQ(b["simple_edit_form"], false);
+  Json::Value want = Parse(R"({"keep": 1, "basic": {"id": 42, "task_name": "n\"ame", "enabled": "off",
+      "app": "ORVA.VEK.TaskScheduler.Beep", "app_name": "#beep:beep_title#", "action": "#beep:beep_action#",
+      "edit_form": "Form", "can_edit_name": true, "can_edit_owner": true, "can_edit_from_ui": true,
+      "can_delete_from_ui": true, "can_run_from_ui": true, "simple_edit_form": false, "listable": true,
+      "can_run_app_same_time": true, "can_run_task_same_time": false}})");
+  want["basic"]["owner"] = want["basic"]["real_owner"] = a.name();
+  EXPECT_EQ(task, want);
 
   Task sys;  // a new system task
   Json::Value fresh;

@@ -104,17 +104,14 @@ const Case kCases[] = {
 ORVA_SCHED_SCHEDULE Make(const Case& c) {
   ORVA_SCHED_SCHEDULE s;
   memset(&s, 0, sizeof(s));
-  s.repeat = static_cast<uint8_t>(c.repeat);
   int y = 0, m = 0, d = 0;
   sscanf(c.date, "%d-%d-%d", &y, &m, &d);
   s.year = static_cast<uint16_t>(y);
-  s.month = static_cast<uint8_t>(m);
-  s.day = static_cast<uint8_t>(d);
+  s.month = static_cast<uint8_t>(m), s.day = static_cast<uint8_t>(d);
+  s.repeat = static_cast<uint8_t>(c.repeat);
   s.week_mask = c.weekMask ? c.weekMask : 0x7f;
-  s.hour = static_cast<uint8_t>(c.hour);
-  s.min = static_cast<uint8_t>(c.min);
-  s.repeat_hour = static_cast<uint8_t>(c.repeatHour);
-  s.repeat_min = static_cast<uint8_t>(c.repeatMin);
+  s.hour = static_cast<uint8_t>(c.hour), s.min = static_cast<uint8_t>(c.min);
+  s.repeat_hour = static_cast<uint8_t>(c.repeatHour), s.repeat_min = static_cast<uint8_t>(c.repeatMin);
   s.last_work_hour = static_cast<uint8_t>(c.lastWorkHour);
   return s;
 }

@@ -87,8 +87,14 @@ TEST(SchedStore, FreshRecordDefaults) {
   time_t now = time(nullptr);
   struct tm lt;
   localtime_r(&now, &lt);
+  // Owner, real owner, marker: a new task read on behalf of a user already runs as that user.
+  const std::vector<int64_t> systemOwners = {0, 0, ORVA_SCHED_MARKER_SYSTEM};
+  const std::vector<int64_t> userOwners = {a.uid(), a.uid(), ORVA_SCHED_MARKER_BY_USER};
   for (ORVA_SCHED_TASK* t : {alloc.t, loaded.t, byUser.t}) {
     EXPECT_EQ(ORVASchedTaskGetID(*t), -1);
+    EXPECT_EQ(std::vector<int64_t>({ORVASchedTaskGetOwner(*t), ORVASchedTaskGetRealOwner(*t),
+                                    ORVASchedTaskGetMarker(*t)}),
+              t == byUser.t ? userOwners : systemOwners);
     EXPECT_TRUE(ORVASchedTaskIsNew(*t));
     EXPECT_EQ(Flags(*t), kDefaultFlags);
     EXPECT_EQ(t->next, nullptr);
@@ -98,15 +104,6 @@ TEST(SchedStore, FreshRecordDefaults) {
     EXPECT_EQ(std::vector<int>({s.repeat, s.hour, s.min, s.year, s.month, s.day}),
               std::vector<int>({ORVA_SCHED_REPEAT_DAILY, 0, 0, lt.tm_year + 1900, lt.tm_mon + 1, lt.tm_mday}));
   }
-  for (ORVA_SCHED_TASK* t : {alloc.t, loaded.t}) {
-    EXPECT_EQ(ORVASchedTaskGetOwner(*t), 0u);
-    EXPECT_EQ(ORVASchedTaskGetRealOwner(*t), 0u);
-    EXPECT_EQ(ORVASchedTaskGetMarker(*t), 0);
-  }
-  // A new task read on behalf of a user already runs as that user.
-  EXPECT_EQ(ORVASchedTaskGetOwner(*byUser), a.uid());
-  EXPECT_EQ(ORVASchedTaskGetRealOwner(*byUser), a.uid());
-  EXPECT_EQ(ORVASchedTaskGetMarker(*byUser), ORVA_SCHED_MARKER_BY_USER);
   // Daily from today: the next run is the coming midnight.
   EXPECT_NE(ORVASchedTaskGetNextTriggerTime(*alloc), "N/A");
 }
@@ -281,7 +278,9 @@ TEST(SchedStore, ByUserMatrix) {
   // A failure refused for ownership says so.
   auto check = [](int rc, bool ok, const char* what) {
     EXPECT_EQ(rc, ok ? 0 : -1) << what;
-    if (!ok) EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER) << what;
+    if (!ok) {
+      EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER) << what;
+    }
   };
 
   for (Actor owner : {kSystem, kA, kB}) {
@@ -509,11 +508,7 @@ TEST(SchedStore, GenerationCountsTaskWritesOnly) {
 TEST(SchedStore, EventTasks) {
   TempRoot root;
   TestUser a("a");
-  ORVASchedEventTask boot;
-  boot.task_name = "on boot";
-  boot.owner = a.uid();
-  boot.event = "bootup";
-  boot.script = "echo up";
+  ORVASchedEventTask boot{-1, "on boot", a.uid(), true, "bootup", "echo up"};
   ASSERT_EQ(ORVASchedEventTaskSave(boot), 0);
   EXPECT_EQ(boot.id, 1);
   ORVASchedEventTask down = boot;

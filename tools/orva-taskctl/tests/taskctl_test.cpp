@@ -52,7 +52,9 @@ TEST_F(TaskctlTest, AddShowListRemove) {
 
   Json::Value shown = Show(1);
   for (const std::string& key : task.getMemberNames()) {
-    if (key != "schedule") EXPECT_EQ(shown[key], task[key]) << key;
+    if (key != "schedule") {
+      EXPECT_EQ(shown[key], task[key]) << key;
+    }
   }
   for (const char* key : {"repeat", "date", "hour", "min"}) EXPECT_EQ(shown["schedule"][key], task["schedule"][key]);
   EXPECT_EQ(shown["id"], 1);

@@ -1,17 +1,14 @@
 // ORVA.Core.EventScheduler loaded as the server loads it, on a temporary store.
 #include <pwd.h>
-#include <stdlib.h>
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include <sstream>
 #include <string>
 
-#include "core/root.h"
+#include "orvatest.h"
 #include "webapi/registry.h"
 #include "webapi/webapi.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -25,14 +22,6 @@ class EventSchedulerTest : public ::testing::Test {
         std::string(ORVA_BUILD_DIR) + "/lib/webapi/ORVA.Core.EventScheduler.so", &err))
         << err;
   }
-  void SetUp() override {
-    char tmpl[] = "/tmp/orva-evsched-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
-    setenv("ORVA_ROOT", root_.c_str(), 1);
-    ORVA::ORVARootSet(root_);
-  }
-  void TearDown() override { fs::remove_all(root_); }
 
   Json::Value Call(const char* method, const Json::Value& params = Json::Value(Json::objectValue)) {
     int code = 0;
@@ -42,14 +31,14 @@ class EventSchedulerTest : public ::testing::Test {
     ORVA::APIRequest req(kApi, 1, method, params, "admin", "en");
     return ORVA::APIRegistry::Instance().Call(*row, req);
   }
+  static Json::Value Parse(const std::string& text) {
+    Json::Value v;
+    std::istringstream(text) >> v;
+    return v;
+  }
   Json::Value Valid() {
-    Json::Value p;
-    p["task_name"] = "warm up";
-    p["owner"] = "root";
-    p["enable"] = true;
-    p["event"] = "bootup";
-    p["script"] = "echo 'boot' > /tmp/x\necho done";
-    return p;
+    return Parse(R"({"task_name": "warm up", "owner": "root", "enable": true, "event": "bootup",
+                    "script": "echo 'boot' > /tmp/x\necho done"})");
   }
   long Create(const Json::Value& p) {
     const Json::Value r = Call("create", p);
@@ -57,7 +46,7 @@ class EventSchedulerTest : public ::testing::Test {
     return r["data"]["id"].asInt64();
   }
 
-  std::string root_;
+  orvatest::TempRoot root_{"orva-evsched"};
 };
 
 TEST_F(EventSchedulerTest, ListIsWhatTheTaskListMerges) {
@@ -66,37 +55,23 @@ TEST_F(EventSchedulerTest, ListIsWhatTheTaskListMerges) {
   EXPECT_EQ(r["data"], Json::Value(Json::arrayValue));
 
   const long a = Create(Valid());
-  Json::Value p = Valid();
-  p["task_name"] = "flush";
-  p["owner"] = "nobody";
-  p["enable"] = false;
-  p["event"] = "shutdown";
-  p["script"] = "";
-  const long b = Create(p);
+  const long b = Create(Parse(R"({"task_name": "flush", "owner": "nobody", "enable": false, "event": "shutdown",
+                                  "script": ""})"));
   EXPECT_GT(a, 0);
   EXPECT_NE(a, b);
 
   r = Call("list");
   ASSERT_TRUE(r["success"].asBool());
-  ASSERT_EQ(r["data"].size(), 2u);
   const struct passwd* nobody = getpwnam("nobody");
   ASSERT_NE(nobody, nullptr);
-  Json::Value want0;
-  want0["id"] = static_cast<Json::Int64>(a);
-  want0["task_name"] = "warm up";
-  want0["owner"]["0"] = "root";
-  want0["enable"] = true;
-  want0["event"] = "bootup";
-  want0["script"] = "echo 'boot' > /tmp/x\necho done";
-  Json::Value want1;
-  want1["id"] = static_cast<Json::Int64>(b);
-  want1["task_name"] = "flush";
-  want1["owner"][std::to_string(nobody->pw_uid)] = "nobody";
-  want1["enable"] = false;
-  want1["event"] = "shutdown";
-  want1["script"] = "";
-  EXPECT_EQ(r["data"][0], want0);
-  EXPECT_EQ(r["data"][1], want1);
+  Json::Value want = Parse(R"([
+      {"id": 0, "task_name": "warm up", "owner": {"0": "root"}, "enable": true, "event": "bootup",
+       "script": "echo 'boot' > /tmp/x\necho done"},
+      {"id": 0, "task_name": "flush", "owner": {}, "enable": false, "event": "shutdown", "script": ""}])");
+  want[0]["id"] = static_cast<Json::Int64>(a);
+  want[1]["id"] = static_cast<Json::Int64>(b);
+  want[1]["owner"][std::to_string(nobody->pw_uid)] = "nobody";
+  EXPECT_EQ(r["data"], want);
 }
 
 struct BadCase {
@@ -169,17 +144,18 @@ TEST_F(EventSchedulerTest, SetAndDelete) {
   EXPECT_EQ(listed["task_name"], "warm up") << "members not given keep their value";
 
   const Json::Value before = Call("list")["data"];
-  const std::vector<std::pair<Json::Value, int>> bad = {
-      {[] { Json::Value v; v["enable"] = true; return v; }(), 6100},                 // no id
-      {[&] { Json::Value v; v["id"] = std::to_string(id); return v; }(), 6100},      // id as text
-      {[] { Json::Value v; v["id"] = 0; return v; }(), 6100},
-      {[] { Json::Value v; v["id"] = 999999; return v; }(), 6101},
-      {[&] { Json::Value v; v["id"] = static_cast<int>(id); v["event"] = "reboot"; return v; }(), 6100},
-      {[&] { Json::Value v; v["id"] = static_cast<int>(id); v["owner"] = "orvat-nosuch"; return v; }(), 6102},
+  const std::string sid = std::to_string(id);
+  const std::vector<std::pair<std::string, int>> bad = {
+      {R"({"enable": true})", 6100},  // no id
+      {R"({"id": ")" + sid + R"("})", 6100},
+      {R"({"id": 0})", 6100},
+      {R"({"id": 999999})", 6101},
+      {R"({"id": )" + sid + R"(, "event": "reboot"})", 6100},
+      {R"({"id": )" + sid + R"(, "owner": "orvat-nosuch"})", 6102},
   };
   for (const auto& [params, code] : bad) {
-    SCOPED_TRACE(params.toStyledString());
-    r = Call("set", params);
+    SCOPED_TRACE(params);
+    r = Call("set", Parse(params));
     EXPECT_FALSE(r["success"].asBool());
     EXPECT_EQ(r["error"]["code"].asInt(), code);
   }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "orvatest.h"
 #include "scheduler_core.h"
 
 namespace {
@@ -62,55 +63,34 @@ void SetTZ(const char* tz) {
   tzset();
 }
 
-// A local wall time in the current TZ.
-time_t Local(int y, int mo, int d, int h, int mi, int s = 0) {
+// A wall time read in the current TZ, or as UTC.
+time_t At(bool utc, int y, int mo, int d, int h, int mi, int s = 0) {
   struct tm tm = {};
-  tm.tm_year = y - 1900;
-  tm.tm_mon = mo - 1;
-  tm.tm_mday = d;
-  tm.tm_hour = h;
-  tm.tm_min = mi;
-  tm.tm_sec = s;
+  tm.tm_year = y - 1900, tm.tm_mon = mo - 1, tm.tm_mday = d, tm.tm_hour = h, tm.tm_min = mi, tm.tm_sec = s;
   tm.tm_isdst = -1;
-  return mktime(&tm);
+  return utc ? timegm(&tm) : mktime(&tm);
 }
+time_t Local(int y, int mo, int d, int h, int mi, int s = 0) { return At(false, y, mo, d, h, mi, s); }
+time_t Utc(int y, int mo, int d, int h, int mi) { return At(true, y, mo, d, h, mi); }
 
-time_t Utc(int y, int mo, int d, int h, int mi) {
-  struct tm tm = {};
-  tm.tm_year = y - 1900;
-  tm.tm_mon = mo - 1;
-  tm.tm_mday = d;
-  tm.tm_hour = h;
-  tm.tm_min = mi;
-  return timegm(&tm);
-}
-
+// An enabled daily task from the given day, at the given time, no repeats.
 TaskSnapshot Daily(long id, int y, int mo, int d, int h, int mi) {
   TaskSnapshot t;
   t.id = id;
   t.enabled = true;
   t.name = "task " + std::to_string(id);
-  t.schedule.year = static_cast<uint16_t>(y);
-  t.schedule.month = static_cast<uint8_t>(mo);
-  t.schedule.day = static_cast<uint8_t>(d);
-  t.schedule.repeat = ORVA_SCHED_REPEAT_DAILY;
-  t.schedule.hour = static_cast<uint8_t>(h);
-  t.schedule.min = static_cast<uint8_t>(mi);
-  t.schedule.last_work_hour = static_cast<uint8_t>(h);
+  ORVA_SCHED_SCHEDULE& s = t.schedule;
+  s.year = static_cast<uint16_t>(y);
+  s.month = static_cast<uint8_t>(mo), s.day = static_cast<uint8_t>(d);
+  s.repeat = ORVA_SCHED_REPEAT_DAILY;
+  s.hour = s.last_work_hour = static_cast<uint8_t>(h);
+  s.min = static_cast<uint8_t>(mi);
   return t;
 }
 
 class SchedulerTest : public ::testing::Test {
  protected:
-  SchedulerTest() : launcher(clock) {}
-  void SetUp() override {
-    char tmpl[] = "/tmp/orvasched-core-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root = tmpl;
-    setenv("ORVA_ROOT", root.c_str(), 1);
-    SetTZ("UTC");
-  }
-  void TearDown() override { rmdir(root.c_str()); }
+  SchedulerTest() : launcher(clock) { SetTZ("UTC"); }
 
   // What the daemon's loop does: sleep until the earliest trigger, then tick.
   void RunUntil(orvasched::Scheduler& s, time_t end) {
@@ -123,7 +103,7 @@ class SchedulerTest : public ::testing::Test {
     s.Tick();
   }
 
-  std::string root;
+  orvatest::TempRoot root{"orvasched-core"};
   FakeClock clock;
   FakeSource source;
   RecordingLauncher launcher;
