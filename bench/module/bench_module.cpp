@@ -4,16 +4,13 @@
 // Usage: bench_module [--tasks=N] [benchmark flags]. The store lives in a temporary
 // system root that is removed at exit.
 #include <benchmark/benchmark.h>
-#include <ftw.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "ORVA.Core.TaskScheduler.h"
 #include "core/root.h"
@@ -21,59 +18,36 @@
 #include "scheduler/task.h"
 #include "scheduler/task_json.h"
 #include "webapi/registry.h"
-#include "webapi/webapi.h"
 
 extern "C" ORVA::APITableRow gTable[];
 
 namespace {
 
+namespace fs = std::filesystem;
 std::string gRoot;
 int gTaskCount = 10000;
 
-const ORVA::APITableRow* Row(int version, const char* method) {
-  for (const ORVA::APITableRow* r = gTable; r->api; ++r) {
-    if (r->version == version && strcmp(r->method, method) == 0) return r;
-  }
-  abort();
-}
-
-void MakeDirs(const std::string& path) {
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = path.find('/', pos + 1);
-    mkdir(path.substr(0, pos).c_str(), 0755);
-  }
-}
+// Tasks of the kinds a real appliance lists (app, app name, action), a quarter each.
+const char* const kApps[][3] = {
+    {"ORVA.VEK.TaskScheduler.Script", "#common:command_line#", "#common:run#: /usr/local/bin/backup.sh --all"},
+    {"ORVA.VEK.TaskScheduler.Beep", "#beep:beep_title#", "#volume:beep_on# 60 #common:time_seconds#"},
+    {"ORVA.VEK.TaskScheduler.Recycle", "#share:recycle_bin#", "#share:share_clean_all_recycle_bin#"},
+    {"Vendor.Reports", "#reports:title#", "#reports:weekly# #common:run#"},
+};
 
 void WriteFile(const std::string& rel, const std::string& text) {
-  std::string full = gRoot + "/" + rel;
-  MakeDirs(full.substr(0, full.rfind('/')));
-  std::ofstream(full) << text;
+  const fs::path path = gRoot + "/" + rel;
+  fs::create_directories(path.parent_path());
+  std::ofstream(path) << text;
 }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
-// Tasks of the kinds a real appliance lists: scripts, beeps, recycle-bin cleaning and a
-// 3rd-party app, with names in no particular order and schedules spread over the day.
+// Names in no particular order, schedules spread over the day.
 void Populate() {
-  const char* apps[][3] = {
-      {"ORVA.VEK.TaskScheduler.Script", "#common:command_line#", "#common:run#: /usr/local/bin/backup.sh --all"},
-      {"ORVA.VEK.TaskScheduler.Beep", "#beep:beep_title#", "#volume:beep_on# 60 #common:time_seconds#"},
-      {"ORVA.VEK.TaskScheduler.Recycle", "#share:recycle_bin#", "#share:share_clean_all_recycle_bin#"},
-      {"Vendor.Reports", "#reports:title#", "#reports:weekly# #common:run#"},
-  };
   for (int i = 0; i < gTaskCount; ++i) {
-    const auto& app = apps[i % 4];
+    const auto& app = kApps[i % 4];
     ORVA_SCHED_TASK* t = ORVASchedTaskAllocFast();
-    char name[64];
-    snprintf(name, sizeof(name), "task %05d", (i * 7919) % gTaskCount);
-    ORVASchedCTaskSetName(t, name);
+    const std::string name = "task " + std::to_string(100000 + (i * 7919) % gTaskCount).substr(1);
+    ORVASchedCTaskSetName(t, name.c_str());
     ORVASchedCTaskSetApp(t, app[0]);
     ORVASchedCTaskSetAppName(t, app[1]);
     ORVASchedCTaskSetAction(t, app[2]);
@@ -82,8 +56,7 @@ void Populate() {
     schedule["schedule"]["repeat"] = "daily";
     schedule["schedule"]["hour"] = i % 24;
     schedule["schedule"]["min"] = i % 60;
-    ORVASchedTaskConvertFromJson_Schedule(schedule, *t);
-    if (ORVASchedTaskSave(t) < 0) {
+    if (!ORVASchedTaskConvertFromJson_Schedule(schedule, *t) || ORVASchedTaskSave(t) < 0) {
       fprintf(stderr, "saving task %d failed\n", i);
       exit(1);
     }
@@ -96,39 +69,35 @@ void Setup() {
   gRoot = mkdtemp(tmpl);
   ORVA::ORVARootSet(gRoot);
   setenv("ORVA_ROOT", gRoot.c_str(), 1);
-  for (const char* d : {"/etc/orva", "/var/lib/orva/packages", "/usr/orva/orvaman/webman/texts/en"}) {
-    MakeDirs(gRoot + d);
-  }
+  fs::create_directories(gRoot + "/var/lib/orva/packages");
   WriteFile("etc/orva/orva.conf", "");
   // The product's own UI texts, plus a 3rd-party app that brings its own.
-  std::string texts = ReadFile(std::string(ORVA_SOURCE_DIR) + "/data/texts/en/strings.json");
-  WriteFile("usr/orva/orvaman/webman/texts/en/strings.json", texts.empty() ? "{}" : texts);
+  std::ifstream texts(std::string(ORVA_SOURCE_DIR) + "/data/texts/en/strings.json");
+  std::stringstream text;
+  text << texts.rdbuf();
+  WriteFile("usr/orva/orvaman/webman/texts/en/strings.json", text.str().empty() ? "{}" : text.str());
   WriteFile("usr/orva/orvaman/webman/3rdparty/reports/config.json", R"({"namespace": "Vendor.Reports"})");
   WriteFile("usr/orva/orvaman/webman/3rdparty/reports/texts/en/strings.json",
             R"({"reports": {"title": "Reports", "weekly": "Weekly report"}})");
   // The real event scheduler module answers the listing's in-process call.
   std::string err;
-  std::string es = std::string(ORVA_BUILD_DIR) + "/lib/webapi/ORVA.Core.EventScheduler.so";
-  if (!ORVA::APIRegistry::Instance().LoadModule(es, &err)) {
+  if (!ORVA::APIRegistry::Instance().LoadModule(
+          std::string(ORVA_BUILD_DIR) + "/lib/webapi/ORVA.Core.EventScheduler.so", &err)) {
     fprintf(stderr, "event scheduler module not loaded (%s); listing without it\n", err.c_str());
   }
-  time_t start = time(nullptr);
+  const time_t start = time(nullptr);
   Populate();
   fprintf(stderr, "stored %d tasks in %lds\n", gTaskCount, static_cast<long>(time(nullptr) - start));
 }
 
-Json::Value ListParams(int offset, int limit, const char* sortBy) {
-  Json::Value p;
-  p["offset"] = offset;
-  p["limit"] = limit;
-  p["sort_by"] = sortBy;
-  return p;
-}
-
 // The whole request, as the server makes it.
 void BM_ListV2(benchmark::State& state, int offset, int limit, const char* sortBy) {
-  const ORVA::APITableRow* row = Row(2, "list");
-  Json::Value params = ListParams(offset, limit, sortBy);
+  const ORVA::APITableRow* row = gTable;
+  while (row->api && !(row->version == 2 && strcmp(row->method, "list") == 0)) ++row;
+  Json::Value params;
+  params["offset"] = offset;
+  params["limit"] = limit;
+  params["sort_by"] = sortBy;
   size_t items = 0;
   for (auto _ : state) {
     ORVA::APIRequest request("ORVA.Core.TaskScheduler", 2, "list", params, "admin", "en");
@@ -136,7 +105,6 @@ void BM_ListV2(benchmark::State& state, int offset, int limit, const char* sortB
     row->func(&request, &response);
     if (!response.IsSuccess()) state.SkipWithError("list failed");
     items = response.GetData()["tasks"].size();
-    benchmark::DoNotOptimize(items);
   }
   state.counters["items"] = static_cast<double>(items);
 }
@@ -147,52 +115,38 @@ BENCHMARK_CAPTURE(BM_ListV2, page50_by_next_trigger_time, 5000, 50, "next_trigge
 // No item built: store, event call, sort and walk only.
 BENCHMARK_CAPTURE(BM_ListV2, limit0_by_name, 0, 0, "name")->Unit(benchmark::kMillisecond);
 
-// Components.
+// The parts: the store's fetch, its sort by a key, and freeing the chain.
 int Listable(const ORVA_SCHED_TASK* t, void*) { return t && ORVASchedTaskIsListable(*t); }
 
+ORVA_SCHED_TASK* FetchAll() {
+  ORVA_SCHED_TASK* list = nullptr;
+  if (ORVASchedTaskListGet(&list, Listable, nullptr) != gTaskCount) abort();
+  return list;
+}
+
 void BM_StoreListGet(benchmark::State& state) {
-  for (auto _ : state) {
-    ORVA_SCHED_TASK* list = nullptr;
-    int n = ORVASchedTaskListGet(&list, Listable, nullptr);
-    if (n != gTaskCount) state.SkipWithError("wrong count");
-    ORVASchedTaskListFree(list);
-  }
+  for (auto _ : state) ORVASchedTaskListFree(FetchAll());
 }
 BENCHMARK(BM_StoreListGet)->Unit(benchmark::kMillisecond);
 
-void BM_StoreSortByName(benchmark::State& state) {
+void BM_StoreSort(benchmark::State& state, const char* key) {
   for (auto _ : state) {
     state.PauseTiming();
-    ORVA_SCHED_TASK* list = nullptr;
-    ORVASchedTaskListGet(&list, Listable, nullptr);
+    ORVA_SCHED_TASK* list = FetchAll();
     state.ResumeTiming();
-    if (ORVASchedTaskListSort(&list, "name", 1) < 0) state.SkipWithError("sort failed");
+    if (ORVASchedTaskListSort(&list, key, 1) < 0) state.SkipWithError("sort failed");
     state.PauseTiming();
     ORVASchedTaskListFree(list);
     state.ResumeTiming();
   }
 }
-BENCHMARK(BM_StoreSortByName)->Unit(benchmark::kMillisecond);
-
-void BM_StoreSortByNextTrigger(benchmark::State& state) {
-  for (auto _ : state) {
-    state.PauseTiming();
-    ORVA_SCHED_TASK* list = nullptr;
-    ORVASchedTaskListGet(&list, Listable, nullptr);
-    state.ResumeTiming();
-    if (ORVASchedTaskListSort(&list, "next trigger time", 1) < 0) state.SkipWithError("sort failed");
-    state.PauseTiming();
-    ORVASchedTaskListFree(list);
-    state.ResumeTiming();
-  }
-}
-BENCHMARK(BM_StoreSortByNextTrigger)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_StoreSort, by_name, "name")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_StoreSort, by_next_trigger_time, "next trigger time")->Unit(benchmark::kMillisecond);
 
 void BM_ListFree(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
-    ORVA_SCHED_TASK* list = nullptr;
-    ORVASchedTaskListGet(&list, Listable, nullptr);
+    ORVA_SCHED_TASK* list = FetchAll();
     state.ResumeTiming();
     ORVASchedTaskListFree(list);
   }
@@ -208,23 +162,21 @@ void BM_EventSchedulerCall(benchmark::State& state) {
 }
 BENCHMARK(BM_EventSchedulerCall)->Unit(benchmark::kMicrosecond);
 
-// The per-item getters a page needs (50 records of the sorted list), no translation.
+// The per-item getters of a page (50 records of the sorted list), no translation.
 void BM_ItemGetters50(benchmark::State& state) {
-  ORVA_SCHED_TASK* list = nullptr;
-  ORVASchedTaskListGet(&list, Listable, nullptr);
+  ORVA_SCHED_TASK* list = FetchAll();
   ORVASchedTaskListSort(&list, "name", 1);
   for (auto _ : state) {
     Json::Value tasks(Json::arrayValue);
     int i = 0;
     for (ORVA_SCHED_TASK* t = list; t && i < 50; t = ORVASchedTaskNext(t), ++i) {
-      Json::Value item;
+      Json::Value& item = tasks.append(Json::Value());
       item["enable"] = ORVASchedTaskIsEnabled(*t);
       item["id"] = static_cast<Json::Int64>(ORVASchedTaskGetID(*t));
       item["name"] = ORVASchedTaskGetName(*t);
       item["type"] = ORVA::Core::TaskScheduler::GetAppKeyFromNameSpace(ORVASchedTaskGetApp(*t));
       item["action"] = ORVASchedTaskGetAction(*t);
       item["next_trigger_time"] = ORVASchedTaskGetNextTriggerTime(*t);
-      tasks.append(item);
     }
     benchmark::DoNotOptimize(tasks);
   }
@@ -238,17 +190,11 @@ void BM_Translate50(benchmark::State& state) {
   ORVA::APIResponse response;
   TaskSchedulerHandler handler(&request, &response, 0, "", Json::Value(),
                                new ORVA::Core::TaskScheduler::AppParser("en"));
-  const char* actions[][2] = {
-      {"ORVA.VEK.TaskScheduler.Script", "#common:run#: /usr/local/bin/backup.sh --all"},
-      {"ORVA.VEK.TaskScheduler.Beep", "#volume:beep_on# 60 #common:time_seconds#"},
-      {"ORVA.VEK.TaskScheduler.Recycle", "#share:share_clean_all_recycle_bin#"},
-      {"Vendor.Reports", "#reports:weekly# #common:run#"},
-  };
   for (auto _ : state) {
     for (int i = 0; i < 50; ++i) {
       Json::Value item;
-      item["action"] = actions[i % 4][1];
-      handler.TranslateActionKey(item, actions[i % 4][0]);
+      item["action"] = kApps[i % 4][2];
+      handler.TranslateActionKey(item, kApps[i % 4][0]);
       benchmark::DoNotOptimize(item);
     }
   }
@@ -281,6 +227,6 @@ int main(int argc, char** argv) {
   Setup();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  nftw(gRoot.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+  fs::remove_all(gRoot);
   return 0;
 }
