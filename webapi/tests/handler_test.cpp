@@ -32,7 +32,8 @@ TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
   }
   t.removeMember("schedule");
   Json::Value want = Parse(R"({"name": "buzz", "owner": "root", "enable": true, "type": "beep",
-      "action": "Beep for 10 seconds", "can_edit_name": true, "can_edit_owner": false, "extra": {"beep_duration": 10}})");
+      "action": "Beep for 10 seconds", "can_edit_name": true, "can_edit_owner": false,
+      "extra": {"beep_duration": 10}})");
   want["id"] = static_cast<Json::Int64>(id);
   EXPECT_EQ(t, want);
 
@@ -107,11 +108,7 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
   };
   for (const auto& [app, key] : apps) {
     SCOPED_TRACE(app);
-    tstest::TaskSeed seed;
-    seed.app = app;
-    seed.command = "/bin/echo keep";
-    seed.appArgs = "{\"own\": 1}";
-    const long id = tstest::AddTask(seed);
+    const long id = tstest::AddTask({.app = app, .command = "/bin/echo keep", .appArgs = "{\"own\": 1}"});
     tstest::Reply got = Call(2, "get", IdParams(id));
     ASSERT_TRUE(got.success);
     EXPECT_EQ(got.data["type"], key);
@@ -131,9 +128,7 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
 
 TEST(ModuleHandler, EntryParameterAndTypeErrors) {
   tstest::TempRoot root;
-  tstest::TaskSeed event;
-  event.app = "ORVA.VEK.EventScheduler.Script";
-  const std::string ofEvent = IdParams(tstest::AddTask(event));
+  const std::string ofEvent = IdParams(tstest::AddTask({.app = "ORVA.VEK.EventScheduler.Script"}));
   const struct {
     int version;
     const char* method;
@@ -194,8 +189,7 @@ TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
       {R"({"id": "5"})", 2, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
       {R"({"id": null})", 1, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
       {R"({"id": 4242})", 1, "get", "null", 0, "ORVA.Core.TaskScheduler.Basic:"},
-      {R"({"id": 1})", 2, "list", "null", 0, nullptr},
-      {R"({"id": 1})", 2, "Get", "null", 0, nullptr},
+      {R"({"id": 1})", 2, "Get", "null", 0, nullptr},  // not a method of this handler
       {R"({"id": 1})", 2, "create", "null", 0, nullptr},
       {R"({"id": 1})", 2, "", "null", 0, nullptr},
   };
@@ -425,9 +419,7 @@ TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
     EXPECT_EQ(got.data["extra"], extra);
   }
   // Stored arguments that are not JSON still get without an error.
-  tstest::TaskSeed seed;
-  seed.appArgs = "{not json";
-  tstest::Reply got = Call(2, "get", IdParams(tstest::AddTask(seed)));
+  tstest::Reply got = Call(2, "get", IdParams(tstest::AddTask({.appArgs = "{not json"})));
   EXPECT_TRUE(got.success) << got.envelope;
   EXPECT_EQ(got.data["type"], "script");
 }

@@ -104,22 +104,14 @@ TEST(ModuleLib, StoreLayerAsTheSystemAndOnBehalfOfUsers) {
 
 TEST(ModuleLib, AppKeysOfNamespacesAndOfStoredTasks) {
   const std::pair<const char*, const char*> cases[] = {
-      {"ORVA.VEK.TaskScheduler.Beep", "beep"},
-      {"ORVA.VEK.TaskScheduler.Script", "script"},
-      {"ORVA.VEK.TaskScheduler.Service", "service"},
-      {"ORVA.VEK.TaskScheduler.Recycle", "recycle"},
-      {"ORVA.VEK.DataAnalysis", "report"},
-      {"ORVA.VEK.TaskScheduler.AutoPower", "power"},
-      {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"},
-      {"ORVA.VEK.BackupApp.NetBackup", "backup"},
-      {"ORVA.VEK.BackupApp.LocalBackup", "backup"},
-      {"ORVA.VEK.BackupApp.LUNBackup", "backup"},
-      {"ORVA.VEK.BackupApp.S3Backup", "backup"},
-      {"ORVA.VEK.EventScheduler.Script", "event_script"},
-      {"orva.vek.taskscheduler.beep", "custom"},
-      {"ORVA.VEK.TaskScheduler.Beep.FormPanel", "custom"},
-      {"ORVA.VEK.TaskScheduler.Bee", "custom"},
-      {" ORVA.VEK.TaskScheduler.Beep", "custom"},
+      {"ORVA.VEK.TaskScheduler.Beep", "beep"},          {"ORVA.VEK.TaskScheduler.Script", "script"},
+      {"ORVA.VEK.TaskScheduler.Service", "service"},    {"ORVA.VEK.TaskScheduler.Recycle", "recycle"},
+      {"ORVA.VEK.DataAnalysis", "report"},              {"ORVA.VEK.TaskScheduler.AutoPower", "power"},
+      {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"}, {"ORVA.VEK.BackupApp.NetBackup", "backup"},
+      {"ORVA.VEK.BackupApp.LocalBackup", "backup"},     {"ORVA.VEK.BackupApp.LUNBackup", "backup"},
+      {"ORVA.VEK.BackupApp.S3Backup", "backup"},        {"ORVA.VEK.EventScheduler.Script", "event_script"},
+      {"orva.vek.taskscheduler.beep", "custom"},        {"ORVA.VEK.TaskScheduler.Beep.FormPanel", "custom"},
+      {"ORVA.VEK.TaskScheduler.Bee", "custom"},         {" ORVA.VEK.TaskScheduler.Beep", "custom"},
       {"", "custom"},
   };
   for (const auto& [ns, key] : cases) {
@@ -130,12 +122,8 @@ TEST(ModuleLib, AppKeysOfNamespacesAndOfStoredTasks) {
   tstest::TempRoot root;
   tstest::TestUser user;
   ASSERT_TRUE(user.Ok());
-  tstest::TaskSeed beep;
-  beep.app = "ORVA.VEK.TaskScheduler.Beep";
-  const long beepId = tstest::AddTask(beep);
-  tstest::TaskSeed other;
-  other.app = "";
-  const long otherId = tstest::AddTask(other);
+  const long beepId = tstest::AddTask({.app = "ORVA.VEK.TaskScheduler.Beep"});
+  const long otherId = tstest::AddTask({.app = ""});
   const struct {
     boost::optional<std::string> owner;
     long id;

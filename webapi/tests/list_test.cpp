@@ -41,9 +41,7 @@ TEST_F(ModuleList, PagingArithmetic) {
     EXPECT_EQ(r.data, Parse(R"({"tasks": [], "total": 0})"));
   }
   for (int i = 0; i < 8; ++i) {
-    tstest::TaskSeed seed;
-    seed.name = "t" + std::to_string(i);
-    ASSERT_GT(tstest::AddTask(seed), 0);
+    ASSERT_GT(tstest::AddTask({.name = "t" + std::to_string(i)}), 0);
   }
   const std::vector<std::string> all = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};
   const struct {
@@ -85,29 +83,14 @@ TEST_F(ModuleList, SortKeysMapToTheStoresKeys) {
   tstest::TestUser u2;
   ASSERT_TRUE(u1.Ok() && u2.Ok());
   // Five tasks whose orders differ by every key.
-  const struct {
-    const char* name;
-    const char* appName;
-    const char* action;
-    bool enabled;
-    int hour;
-    unsigned owner;
-  } seeds[] = {
-      {"delta", "#c:c#", "zz", true, 5, u2.Uid()}, {"alpha", "#e:e#", "mm", false, 1, 0},
-      {"echo", "#a:a#", "aa", true, 3, u1.Uid()},  {"bravo", "#d:d#", "yy", false, 9, u1.Uid()},
-      {"charlie", "#b:b#", "bb", true, 7, 0},
+  const tstest::TaskSeed seeds[] = {
+      {.name = "delta", .appName = "#c:c#", .action = "zz", .hour = 5, .ownerUid = u2.Uid()},
+      {.name = "alpha", .appName = "#e:e#", .action = "mm", .enabled = false, .hour = 1},
+      {.name = "echo", .appName = "#a:a#", .action = "aa", .hour = 3, .ownerUid = u1.Uid()},
+      {.name = "bravo", .appName = "#d:d#", .action = "yy", .enabled = false, .hour = 9, .ownerUid = u1.Uid()},
+      {.name = "charlie", .appName = "#b:b#", .action = "bb", .hour = 7},
   };
-  for (const auto& s : seeds) {
-    tstest::TaskSeed seed;
-    seed.name = s.name;
-    seed.appName = s.appName;
-    seed.action = s.action;
-    seed.enabled = s.enabled;
-    seed.hour = s.hour;
-    seed.ownerUid = s.owner;
-    seed.app = "Vendor.Other";
-    ASSERT_GT(tstest::AddTask(seed), 0);
-  }
+  for (const tstest::TaskSeed& seed : seeds) ASSERT_GT(tstest::AddTask(seed), 0);
   const std::pair<const char*, const char*> keys[] = {
       {"enable", "state"},   {"id", "id"},         {"type", "app name"},     {"owner", "owner"},
       {"name", "name"},      {"app_name", "app name"}, {"action", "action"}, {"next_trigger_time", "next trigger time"},
@@ -142,34 +125,12 @@ TEST_F(ModuleList, SortKeysMapToTheStoresKeys) {
 TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
   tstest::TestUser user;
   ASSERT_TRUE(user.Ok());
-  tstest::TaskSeed seed;
-  seed.name = "script";
-  seed.action = "#common:run#: echo hi";
-  seed.hour = 4;
-  seed.min = 5;
-  const long scriptId = tstest::AddTask(seed);
-  seed = {};
-  seed.name = "off";
-  seed.enabled = false;
-  seed.app = "ORVA.VEK.TaskScheduler.Beep";
-  tstest::AddTask(seed);
-  seed = {};
-  seed.name = "vendor";
-  seed.app = "Vendor.App";
-  seed.appName = "#app:title#";
-  seed.action = "#app:title# runs";
-  tstest::AddTask(seed);
-  seed.name = "other";
-  seed.app = "Other.App";
-  tstest::AddTask(seed);
-  seed = {};
-  seed.name = "users";
-  seed.byUser = user.Name();
-  tstest::AddTask(seed);
-  seed = {};
-  seed.name = "hidden";
-  seed.listable = false;
-  tstest::AddTask(seed);
+  const long scriptId = tstest::AddTask({.name = "script", .action = "#common:run#: echo hi", .hour = 4, .min = 5});
+  tstest::AddTask({.name = "off", .app = "ORVA.VEK.TaskScheduler.Beep", .enabled = false});
+  tstest::AddTask({.name = "vendor", .app = "Vendor.App", .appName = "#app:title#", .action = "#app:title# runs"});
+  tstest::AddTask({.name = "other", .app = "Other.App", .appName = "#app:title#", .action = "#app:title# runs"});
+  tstest::AddTask({.name = "users", .byUser = user.Name()});
+  tstest::AddTask({.name = "hidden", .listable = false});
 
   // Version 1 lists system tasks only and never "real_owner".
   Reply v1 = Call(1, "list", R"({"sort_by": "name"})");
@@ -215,9 +176,7 @@ TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
 TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
   tstest::TestUser user;
   ASSERT_TRUE(user.Ok());
-  tstest::TaskSeed seed;
-  seed.name = "stored";
-  tstest::AddTask(seed);
+  tstest::AddTask({.name = "stored"});
   Json::Value boot = Parse(R"({"id": 1, "task_name": "on boot", "enable": true, "event": "bootup",
                                "script": "echo up"})");
   boot["owner"][std::to_string(user.Uid())] = user.Name();

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <sstream>
 #include <thread>
 
 #include "test_support.h"
@@ -10,53 +11,38 @@
 namespace {
 
 using tstest::Call;
-using tstest::Parse;
 using tstest::Reply;
 
-std::string S(long id) { return std::to_string(id); }
+// One reply with `code` and {"msg": msg}; an empty `msg`: success with null data.
+void ExpectReply(const Reply& r, int code, const std::string& msg) {
+  EXPECT_EQ(r.replies, 1);
+  EXPECT_EQ(r.success, msg.empty());
+  EXPECT_EQ(r.code, code);
+  Json::Value want;
+  if (!msg.empty()) want["msg"] = msg;
+  EXPECT_EQ(r.data, want);
+}
 
-class ModuleOps : public ::testing::Test {
- protected:
-  void SetUp() override {
-    for (int i = 0; i < 3; ++i) {
-      tstest::TaskSeed seed;
-      seed.name = "t" + S(i);
-      ids[i] = tstest::AddTask(seed);
-      ASSERT_GT(ids[i], 0);
-    }
-  }
-  // One error reply with `code` and {"msg": msg}; an empty `msg`: success with null data.
-  static void ExpectError(const Reply& r, int code, const std::string& msg) {
-    EXPECT_EQ(r.replies, 1);
-    EXPECT_EQ(r.success, msg.empty());
-    EXPECT_EQ(r.code, code);
-    Json::Value want;
-    if (!msg.empty()) want["msg"] = msg;
-    EXPECT_EQ(r.data, want);
-  }
+TEST(ModuleOps, ParameterShapes) {
   tstest::TempRoot root;
-  long ids[3] = {0, 0, 0};
-};
-
-TEST_F(ModuleOps, ParameterShapes) {
-  struct Case {
+  const long id = tstest::AddTask({});
+  const char* v1Element = "id must be an integer, enabled must be a boolean";
+  const char* v2Element = "id must be an integer, enable must be a boolean";
+  const struct {
     int version;
     const char* method;
-    std::string params;
-    const char* msg;
+    const char* params;
+    const char* msg;  // empty: success
   } cases[] = {
       {1, "set_enable", R"({})", "tasks must be an array"},
       {1, "set_enable", R"({"status": {"id": 1, "enable": true}})", "tasks must be an array"},
       {2, "set_enable", R"({"status": "x"})", "tasks must be an array"},
-      {1, "set_enable", R"({"status": [{"id": "1", "enable": true}]})",
-       "id must be an integer, enabled must be a boolean"},
-      {1, "set_enable", R"({"status": [{"id": 1, "enable": "yes"}]})",
-       "id must be an integer, enabled must be a boolean"},
-      {1, "set_enable", R"({"status": [5]})", "id must be an integer, enabled must be a boolean"},
-      {2, "set_enable", R"({"status": [{"id": 1}]})", "id must be an integer, enable must be a boolean"},
-      {2, "set_enable", R"({"status": [{"id": 1.5, "enable": true}]})",
-       "id must be an integer, enable must be a boolean"},
-      {2, "set_enable", R"({"status": [[1, true]]})", "id must be an integer, enable must be a boolean"},
+      {1, "set_enable", R"({"status": [{"id": "1", "enable": true}]})", v1Element},
+      {1, "set_enable", R"({"status": [{"id": 1, "enable": "yes"}]})", v1Element},
+      {1, "set_enable", R"({"status": [5]})", v1Element},
+      {2, "set_enable", R"({"status": [{"id": 1}]})", v2Element},
+      {2, "set_enable", R"({"status": [{"id": 1.5, "enable": true}]})", v2Element},
+      {2, "set_enable", R"({"status": [[1, true]]})", v2Element},
       {1, "delete", R"({})", "task must be an array of id or a single id"},
       {1, "delete", R"({"task": "7"})", "task must be an array of id or a single id"},
       {1, "delete", R"({"task": {"id": 7}})", "task must be an array of id or a single id"},
@@ -68,124 +54,96 @@ TEST_F(ModuleOps, ParameterShapes) {
       {2, "delete", R"({"tasks": [7]})", "id must be an integer"},
       {2, "run", R"({"tasks": [{"real_owner": "root"}]})", "id must be an integer"},
       {2, "run", R"({"tasks": [{"id": "7"}]})", "id must be an integer"},
-      // Empty lists succeed with null data.
       {1, "set_enable", R"({"status": []})", ""},
       {2, "set_enable", R"({"status": []})", ""},
       {1, "delete", R"({"task": []})", ""},
       {2, "delete", R"({"tasks": []})", ""},
       {1, "run", R"({"task": []})", ""},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.method) + " v" + S(c.version) + " " + c.params);
-    ExpectError(Call(c.version, c.method, Parse(c.params)), *c.msg ? 4800 : 0, c.msg);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " v" + std::to_string(c.version) + " " + c.params);
+    ExpectReply(Call(c.version, c.method, c.params), *c.msg ? 4800 : 0, c.msg);
   }
-  for (long id : ids) EXPECT_TRUE(tstest::TaskExists(id) && tstest::TaskEnabled(id));
+  EXPECT_TRUE(tstest::TaskEnabled(id));
 }
 
-TEST_F(ModuleOps, SetEnableV1StopsAtTheFirstFailureAndKeepsEarlierChanges) {
-  std::string p = R"({"status": [{"id": )" + S(ids[0]) + R"(, "enable": false}, {"id": 99999, "enable": false},
-                                 {"id": )" + S(ids[1]) + R"(, "enable": false}]})";
-  tstest::ClearLogs();
-  ExpectError(Call(1, "set_enable", Parse(p)), 4801, "Failed to get task");
-  EXPECT_FALSE(tstest::TaskEnabled(ids[0]));
-  EXPECT_TRUE(tstest::TaskEnabled(ids[1]));
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:585 backend_orvaschedule: disabled task [" + S(ids[0]) + "]");
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:573 Failed to get task 99999. [0x");
-
-  // A bad element after a good one: the good one stays changed, 4800 is reported.
-  p = R"({"status": [{"id": )" + S(ids[1]) + R"(, "enable": false}, {"id": "x", "enable": true}]})";
-  ExpectError(Call(1, "set_enable", Parse(p)), 4800, "id must be an integer, enabled must be a boolean");
-  EXPECT_FALSE(tstest::TaskEnabled(ids[1]));
-
-  p = R"({"status": [{"id": )" + S(ids[0]) + R"(, "enable": true}, {"id": )" + S(ids[1]) + R"(, "enable": true}]})";
-  tstest::ClearLogs();
-  Reply r = Call(1, "set_enable", Parse(p));
-  EXPECT_TRUE(r.success);
-  EXPECT_TRUE(tstest::TaskEnabled(ids[0]) && tstest::TaskEnabled(ids[1]));
-  EXPECT_EQ(tstest::LogsWith(":585 backend_orvaschedule: enabled task [").size(), 2u);
-}
-
-TEST_F(ModuleOps, DeleteAndRunV1) {
-  // A single id, then an array whose second element is not an integer.
-  ExpectError(Call(1, "delete", Parse(R"({"task": )" + S(ids[0]) + "}")), 0, "");
-  EXPECT_FALSE(tstest::TaskExists(ids[0]));
-  ExpectError(Call(1, "delete", Parse(R"({"task": [)" + S(ids[1]) + R"(, "x", )" + S(ids[2]) + "]}")), 4800,
-              "id must be an integer");
-  EXPECT_FALSE(tstest::TaskExists(ids[1]));
-  EXPECT_TRUE(tstest::TaskExists(ids[2]));
-
-  tstest::ClearLogs();
-  ExpectError(Call(1, "delete", Parse(R"({"task": [424242, )" + S(ids[2]) + "]}")), 4802, "Failed to delete task");
-  EXPECT_TRUE(tstest::TaskExists(ids[2]));
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:429 Failed to delete task 424242. [0x");
-
-  tstest::ClearLogs();
-  ExpectError(Call(1, "run", Parse(R"({"task": 424242})")), 4803, "Failed to run task");
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:498 Failed to run task [424242]. [0x");
-}
-
-TEST_F(ModuleOps, VersionTwoActsOnBehalfOfUsers) {
+// Bulk requests in order on system tasks 0-5 and alice's task M. In the texts $0-$5 and
+// $M stand for the ids, $A and $B for alice and bob. `after` lists tasks as enabled (+),
+// disabled (-), present (=) or gone (x).
+TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
+  tstest::TempRoot root;
   tstest::TestUser alice;
   tstest::TestUser bob;
   ASSERT_TRUE(alice.Ok() && bob.Ok());
-  tstest::TaskSeed seed;
-  seed.name = "alice's";
-  seed.byUser = alice.Name();
-  long mine = tstest::AddTask(seed);
-  ASSERT_GT(mine, 0);
-
-  // Bob cannot touch it on his behalf; the system or alice can.
-  std::string asBob = R"({"id": )" + S(mine) + R"(, "real_owner": ")" + bob.Name() + R"("})";
-  std::string asAlice = R"({"id": )" + S(mine) + R"(, "real_owner": ")" + alice.Name() + R"("})";
-  tstest::ClearLogs();
-  ExpectError(Call(2, "set_enable", Parse(R"({"status": [{"id": )" + S(mine) + R"(, "enable": false, "real_owner": ")" +
-                                          bob.Name() + R"("}]})")),
-              4801, "Failed to get task");
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:621 Failed to get task [" + bob.Name() + "][" + S(mine) + "]. [0x");
-  EXPECT_TRUE(tstest::TaskEnabled(mine));
-
-  tstest::ClearLogs();
-  Reply r = Call(2, "set_enable", Parse(R"({"status": [{"id": )" + S(mine) + R"(, "enable": false, "real_owner": ")" +
-                                        alice.Name() + R"("}, {"id": )" + S(ids[0]) +
-                                        R"(, "enable": false, "real_owner": ""}]})"));
-  EXPECT_TRUE(r.success) << r.envelope;
-  EXPECT_FALSE(tstest::TaskEnabled(mine));
-  EXPECT_FALSE(tstest::TaskEnabled(ids[0]));
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:634 backend_orvaschedule: disabled task [" + alice.Name() + "][" +
-                       S(mine) + "]");
-  tstest::ExpectOneLog(":634 backend_orvaschedule: disabled task [-][" + S(ids[0]) + "]");
-
-  // Alice may not act on a system task on her behalf: 4801, nothing changes.
-  ExpectError(Call(2, "set_enable", Parse(R"({"status": [{"id": )" + S(ids[1]) + R"(, "enable": false, "real_owner": ")" +
-                                          alice.Name() + R"("}]})")),
-              4801, "Failed to get task");
-  EXPECT_TRUE(tstest::TaskEnabled(ids[1]));
-
-  tstest::ClearLogs();
-  ExpectError(Call(2, "run", Parse(R"({"tasks": [)" + asBob + "]}")), 4803, "Failed to run task");
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:529 Failed to run task [" + bob.Name() + "][" + S(mine) + "]. [0x");
-  tstest::ClearLogs();
-  ExpectError(Call(2, "run", Parse(R"({"tasks": [{"id": 424242, "real_owner": ""}]})")), 4803, "Failed to run task");
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:535 Failed to run task [424242]. [0x");
-
-  // Delete: bob fails first and stops the bulk; alice's own, then a system task as the
-  // system, succeed.
-  tstest::ClearLogs();
-  ExpectError(Call(2, "delete", Parse(R"({"tasks": [)" + asBob + R"(, {"id": )" + S(ids[2]) + "}]}")), 4802,
-              "Failed to delete task");
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:461 Failed to delete task [" + bob.Name() + "][" + S(mine) +
-                       "]. [0x");
-  EXPECT_TRUE(tstest::TaskExists(mine));
-  EXPECT_TRUE(tstest::TaskExists(ids[2]));
-  r = Call(2, "delete", Parse(R"({"tasks": [)" + asAlice + R"(, {"id": )" + S(ids[2]) + R"(, "real_owner": 5}]})"));
-  EXPECT_TRUE(r.success) << r.envelope;
-  EXPECT_FALSE(tstest::TaskExists(mine));
-  EXPECT_FALSE(tstest::TaskExists(ids[2]));
-  // A missing task on the system's behalf logs the bare-id form below the module line.
-  tstest::ClearLogs();
-  ExpectError(Call(2, "delete", Parse(R"({"tasks": [{"id": 424242}]})")), 4802, "Failed to delete task");
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:461 Failed to delete task [-][424242]. [0x");
-  tstest::ExpectOneLog("lib:");
+  std::map<char, std::string> ids = {{'A', alice.Name()}, {'B', bob.Name()}};
+  for (char t : std::string("012345")) ids[t] = std::to_string(tstest::AddTask({.name = std::string(1, t)}));
+  ids['M'] = std::to_string(tstest::AddTask({.name = "alice's", .byUser = alice.Name()}));
+  auto expand = [&](std::string text) {
+    for (size_t p; (p = text.find('$')) != std::string::npos;) text.replace(p, 2, ids[text[p + 1]]);
+    return text;
+  };
+  const char* failedGet = "Failed to get task";
+  const char* failedDelete = "Failed to delete task";
+  const char* failedRun = "Failed to run task";
+  const std::string ts = "ORVA.Core.TaskScheduler:";
+  const struct {
+    int version;
+    const char* method;
+    const char* params;
+    int code;
+    const char* msg;
+    std::vector<std::string> logs;  // each logged exactly once
+    const char* after;
+  } steps[] = {
+      {1, "set_enable", R"({"status": [{"id": $0, "enable": false}, {"id": 99999, "enable": false},
+                                      {"id": $1, "enable": false}]})",
+       4801, failedGet, {ts + "585 backend_orvaschedule: disabled task [$0]", ts + "573 Failed to get task 99999. [0x"},
+       "0- 1+"},
+      // A bad element after a good one: the good one stays changed.
+      {1, "set_enable", R"({"status": [{"id": $1, "enable": false}, {"id": "x", "enable": true}]})", 4800,
+       "id must be an integer, enabled must be a boolean", {}, "1-"},
+      {1, "set_enable", R"({"status": [{"id": $0, "enable": true}, {"id": $1, "enable": true}]})", 0, "",
+       {ts + "585 backend_orvaschedule: enabled task [$0]", ts + "585 backend_orvaschedule: enabled task [$1]"},
+       "0+ 1+"},
+      {1, "delete", R"({"task": $0})", 0, "", {}, "0x"},
+      {1, "delete", R"({"task": [$1, "x", $2]})", 4800, "id must be an integer", {}, "1x 2="},
+      {1, "delete", R"({"task": [424242, $2]})", 4802, failedDelete, {ts + "429 Failed to delete task 424242. [0x"},
+       "2="},
+      {1, "run", R"({"task": 424242})", 4803, failedRun, {ts + "498 Failed to run task [424242]. [0x"}, ""},
+      {2, "set_enable", R"({"status": [{"id": $M, "enable": false, "real_owner": "$B"}]})", 4801, failedGet,
+       {ts + "621 Failed to get task [$B][$M]. [0x"}, "M+"},
+      {2, "set_enable", R"({"status": [{"id": $M, "enable": false, "real_owner": "$A"},
+                                      {"id": $3, "enable": false, "real_owner": ""}]})",
+       0, "", {ts + "634 backend_orvaschedule: disabled task [$A][$M]",
+               ts + "634 backend_orvaschedule: disabled task [-][$3]"},
+       "M- 3-"},
+      // Alice may not act on a system task on her behalf.
+      {2, "set_enable", R"({"status": [{"id": $4, "enable": false, "real_owner": "$A"}]})", 4801, failedGet, {}, "4+"},
+      {2, "run", R"({"tasks": [{"id": $M, "real_owner": "$B"}]})", 4803, failedRun,
+       {ts + "529 Failed to run task [$B][$M]. [0x"}, ""},
+      {2, "run", R"({"tasks": [{"id": 424242, "real_owner": ""}]})", 4803, failedRun,
+       {ts + "535 Failed to run task [424242]. [0x"}, ""},
+      {2, "delete", R"({"tasks": [{"id": $M, "real_owner": "$B"}, {"id": $5}]})", 4802, failedDelete,
+       {ts + "461 Failed to delete task [$B][$M]. [0x"}, "M= 5="},
+      {2, "delete", R"({"tasks": [{"id": $M, "real_owner": "$A"}, {"id": $5, "real_owner": 5}]})", 0, "", {}, "Mx 5x"},
+      // A missing task on the system's behalf: the bare-id form below the module line.
+      {2, "delete", R"({"tasks": [{"id": 424242}]})", 4802, failedDelete,
+       {ts + "461 Failed to delete task [-][424242]. [0x", "lib:"}, ""},
+  };
+  for (const auto& s : steps) {
+    SCOPED_TRACE(std::string(s.method) + " v" + std::to_string(s.version) + " " + s.params);
+    tstest::ClearLogs();
+    ExpectReply(Call(s.version, s.method, expand(s.params)), s.code, s.msg);
+    for (const std::string& log : s.logs) tstest::ExpectOneLog(expand(log));
+    std::istringstream after(s.after);
+    for (std::string t; after >> t;) {
+      const long id = std::stol(ids[t[0]]);
+      EXPECT_EQ(tstest::TaskExists(id), t[1] != 'x') << t;
+      if (t[1] == '+' || t[1] == '-') {
+        EXPECT_EQ(tstest::TaskEnabled(id), t[1] == '+') << t;
+      }
+    }
+  }
 }
 
 // The last run of `id` once the runner recorded it (null after about 20 s).
@@ -201,21 +159,19 @@ Json::Value WaitForLastRun(long id) {
   return Json::Value();
 }
 
-TEST_F(ModuleOps, RunStartsTheRealRunner) {
-  std::string runner = std::string(ORVA_BUILD_DIR) + "/bin/orva-schedrun";
+TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
+  tstest::TempRoot root;
+  const std::string runner = std::string(ORVA_BUILD_DIR) + "/bin/orva-schedrun";
   ASSERT_EQ(access(runner.c_str(), X_OK), 0) << runner;
   ASSERT_EQ(symlink(runner.c_str(), (root.Path() + "/usr/orva/bin/orva-schedrun").c_str()), 0);
   tstest::TestUser alice;
   ASSERT_TRUE(alice.Ok());
-  tstest::TaskSeed seed;
-  seed.name = "alice's";
-  seed.byUser = alice.Name();
-  seed.command = "test \"$(id -un)\" = " + alice.Name();
-  long mine = tstest::AddTask(seed);
-
-  Reply r = Call(1, "run", Parse(R"({"task": [)" + S(ids[0]) + ", " + S(ids[1]) + "]}"));
+  const long ids[] = {tstest::AddTask({}), tstest::AddTask({}), tstest::AddTask({})};
+  const long mine =
+      tstest::AddTask({.name = "alice's", .command = "test \"$(id -un)\" = " + alice.Name(), .byUser = alice.Name()});
+  Reply r = Call(1, "run", "{\"task\": [" + std::to_string(ids[0]) + ", " + std::to_string(ids[1]) + "]}");
   ASSERT_TRUE(r.success) << r.envelope;
-  r = Call(2, "run", Parse(R"({"tasks": [{"id": )" + S(mine) + R"(, "real_owner": ")" + alice.Name() + R"("}]})"));
+  r = Call(2, "run", "{\"tasks\": [{\"id\": " + std::to_string(mine) + ", \"real_owner\": \"" + alice.Name() + "\"}]}");
   ASSERT_TRUE(r.success) << r.envelope;
   for (long id : {ids[0], ids[1], mine}) {
     SCOPED_TRACE(id);
@@ -227,9 +183,8 @@ TEST_F(ModuleOps, RunStartsTheRealRunner) {
   Json::Value untouched;
   ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(ids[2]), untouched), 0);
   EXPECT_TRUE(untouched["last_run"].isNull());
-
   // "view" reports what the store records.
-  r = Call(1, "view", Parse(R"({"id": )" + S(mine) + "}"));
+  r = Call(1, "view", tstest::IdParams(mine));
   ASSERT_TRUE(r.success);
   EXPECT_EQ(r.data["last_run"]["result"], "success");
 }

@@ -74,7 +74,8 @@ const struct FlatCase {
      "error recycle_action, json app={\"clean_all\":\"yes\",\"recycle_action\":\"3\"}"},
     {R"({"recycle_action": "", "clean_all": "no", "selected_shares": []})", nullptr, "error recycle_action, json app="},
     {R"({"clean_all": "yes"})", nullptr, "error recycle_action, json app={\"clean_all\":\"yes\"}"},
-    {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": []})", nullptr, "error selected_shares, json app="},
+    {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": []})", nullptr,
+     "error selected_shares, json app="},
     {R"({"recycle_action": "1", "clean_all": "no"})", nullptr,
      "error selected_shares, json app={\"clean_all\":\"no\",\"recycle_action\":\"1\"}"},
 };
@@ -109,7 +110,8 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
 
 TEST(ModuleRecycle, ForbiddenExtensionCharactersFailWhileTheExceptionIsOn) {
   tstest::TempRoot root;
-  for (const char* ext : {"tar.gz", "a b", "x^", "a\\b", "a?", "a/b", "a:b", "a*", "a`", "a$", "a\"", "a>", "a<", "a|"}) {
+  for (const char* ext :
+       {"tar.gz", "a b", "x^", "a\\b", "a?", "a/b", "a:b", "a*", "a`", "a$", "a\"", "a>", "a<", "a|"}) {
     for (const char* check : {"on", "off"}) {
       SCOPED_TRACE(std::string(ext) + " " + check);
       tstest::ClearLogs();
@@ -199,10 +201,7 @@ TEST(ModuleRecycle, CreateWithEnableRecycleSwitchesBinsAndDoesNotStoreIt) {
 }
 
 long AddRecycleTask(const Json::Value& flat) {
-  tstest::TaskSeed seed;
-  seed.app = "ORVA.VEK.TaskScheduler.Recycle";
-  seed.appArgs = Json::FastWriter().write(flat);
-  return tstest::AddTask(seed);
+  return tstest::AddTask({.app = "ORVA.VEK.TaskScheduler.Recycle", .appArgs = Json::FastWriter().write(flat)});
 }
 
 // Stored flat object -> form on get.

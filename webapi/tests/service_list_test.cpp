@@ -32,11 +32,7 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   service.action = R"(#common:start_service#: "WinShare" "Old Name")";
   long serviceId = tstest::AddTask(service);
   ASSERT_GT(serviceId, 0);
-  tstest::TaskSeed beep;
-  beep.name = "beep";
-  beep.app = "ORVA.VEK.TaskScheduler.Beep";
-  beep.action = "WinShare #common:stop_service#";
-  tstest::AddTask(beep);
+  tstest::AddTask({.name = "beep", .app = "ORVA.VEK.TaskScheduler.Beep", .action = "WinShare #common:stop_service#"});
 
   // A stored action so long that the rewritten one would not fit: it stays as it is.
   tstest::TaskSeed full = service;

@@ -26,20 +26,14 @@ void StandardPackages(const tstest::TempRoot& root) {
 }
 
 long AddServiceTask(const std::string& appArgs) {
-  tstest::TaskSeed seed;
-  seed.app = "ORVA.VEK.TaskScheduler.Service";
-  seed.appArgs = appArgs;
-  return tstest::AddTask(seed);
+  return tstest::AddTask({.app = "ORVA.VEK.TaskScheduler.Service", .appArgs = appArgs});
 }
 
 TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
   const std::pair<const char*, bool> confs[] = {  // orva.conf, UnixShare offered
-      {"", false},
-      {"supportUnixShare=\"yes\"\n", true},
-      {"supportUnixShare=\"YES\"\n", true},
-      {"other=\"1\"\nsupportUnixShare=\"Yes\"\n", true},
-      {"supportUnixShare=\"no\"\n", false},
-      {"supportUnixShare=\"1\"\n", false},
+      {"", false},                                     {"supportUnixShare=\"yes\"\n", true},
+      {"supportUnixShare=\"YES\"\n", true},           {"other=\"1\"\nsupportUnixShare=\"Yes\"\n", true},
+      {"supportUnixShare=\"no\"\n", false},           {"supportUnixShare=\"1\"\n", false},
       {"supportUnixShare=\"yes please\"\n", false},
   };
   for (const auto& [conf, unixShare] : confs) {
@@ -131,8 +125,8 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
 TEST(ModuleService, SelectionFollowsInstalledPackages) {
   tstest::TempRoot root;
   StandardPackages(root);
-  const long id = tstest::Create("service", Parse(R"({"action": "start", "services": [{"id": "WinShare", "enable": true},
-                                 {"id": "alpha", "enable": true}, {"id": "gamma", "enable": true}]})"));
+  const long id = tstest::Create("service", Parse(R"({"action": "start", "services": [
+      {"id": "WinShare", "enable": true}, {"id": "alpha", "enable": true}, {"id": "gamma", "enable": true}]})"));
   EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --start-service WinShare;\n"
                                    "/usr/orva/bin/orvapkg start alpha;\n/usr/orva/bin/orvapkg start gamma;\n");
   EXPECT_STREQ(Record(id).action, "#common:start_service#: \"WinShare\" \"Alpha Pro\" \"gamma\"");
@@ -165,9 +159,8 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
 TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
   tstest::TempRoot root;
   StandardPackages(root);
-  const std::string before =
-      Record(tstest::Create("service", Parse(R"({"action": "stop", "services": [{"id": "MacShare", "enable": true}]})")))
-          .app_args;
+  const Json::Value form = Parse(R"({"action": "stop", "services": [{"id": "MacShare", "enable": true}]})");
+  const std::string before = Record(tstest::Create("service", form)).app_args;
   const std::pair<const char*, const char*> cases[] = {  // form, command after it (null: refused)
       {R"({"action": "start"})", "/usr/orva/bin/orvaschedtool --start-service MacShare;\n"},
       {R"({"services": [{"id": "MacShare", "enable": false}, {"id": "nosuch", "enable": true},

@@ -212,27 +212,23 @@ long AddTask(const TaskSeed& seed) {
 }
 
 bool TaskExists(long id) {
-  _tag_orva_sched_task_ task;
-  memset(&task, 0, sizeof(task));
+  _tag_orva_sched_task_ task{};
   return ORVASchedTaskLoad(id, &task) >= 0;
 }
 
 bool TaskEnabled(long id) {
-  _tag_orva_sched_task_ task;
-  memset(&task, 0, sizeof(task));
+  _tag_orva_sched_task_ task{};
   return ORVASchedTaskLoad(id, &task) >= 0 && ORVASchedTaskIsEnabled(task);
 }
 
 _tag_orva_sched_task_ Record(long id) {
-  _tag_orva_sched_task_ record;
-  memset(&record, 0, sizeof(record));
+  _tag_orva_sched_task_ record{};
   EXPECT_GE(ORVASchedTaskLoad(id, &record), 0) << "task " << id;
   return record;
 }
 
 _tag_orva_sched_task_ FreshRecord() {
-  _tag_orva_sched_task_ record;
-  memset(&record, 0, sizeof(record));
+  _tag_orva_sched_task_ record{};
   EXPECT_TRUE(ORVA::Core::TaskScheduler::InitTask(boost::none, record));
   return record;
 }

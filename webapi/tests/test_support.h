@@ -81,12 +81,12 @@ struct TaskSeed {
   std::string appName = "#common:command_line#";
   std::string action = "#common:run#: true";
   std::string command = "true";
-  std::string appArgs;
+  std::string appArgs = "";
   bool enabled = true;
   bool listable = true;
   int hour = 0;
   int min = 0;
-  std::string byUser;     // non-empty: saved on behalf of (and run as) this user
+  std::string byUser = "";  // non-empty: saved on behalf of (and run as) this user
   unsigned ownerUid = 0;  // the account it runs as
 };
 long AddTask(const TaskSeed& seed);  // the new id, or -1 (test failed)
