@@ -41,8 +41,19 @@ TEST(ModuleE2E, EveryKindThroughItsWholeLife) {
   ASSERT_TRUE(std::filesystem::create_directories(pkg));
   std::ofstream(pkg + "/package.json") << R"({"name": "e2epkg", "display_name": "E2E Package", "version": "1.0",
       "service": true, "control": {"start": "true", "stop": "true"}})";
-  ASSERT_TRUE(root.StartServer()) << root.ServerLog();
   const std::string mark = "e2e-" + std::to_string(getpid());
+  // A share of this root whose bin holds a file older than the recycle task's 30 days
+  // and a fresh one: the task's tool must act on this root, not on the host.
+  const std::string bin = root.Path() + "/srv/" + mark + "/.recycle";
+  ASSERT_TRUE(std::filesystem::create_directories(bin));
+  std::ofstream(bin + "/old.txt") << "old";
+  std::ofstream(bin + "/new.txt") << "new";
+  std::filesystem::last_write_time(bin + "/old.txt",
+                                   std::filesystem::file_time_type::clock::now() - std::chrono::hours(24 * 60));
+  std::ofstream(root.Path() + "/etc/orva/shares.json")
+      << R"([{"name": ")" << mark << R"(", "path": ")" << root.Path() << "/srv/" << mark
+      << R"(", "recycle_bin": true}])";
+  ASSERT_TRUE(root.StartServer()) << root.ServerLog();
 
   const struct {
     const char* type;
@@ -57,12 +68,11 @@ TEST(ModuleE2E, EveryKindThroughItsWholeLife) {
        R"({"script": "echo MARK; id -un"})", "Run: echo MARK; id -un", "success", mark + "\nroot\n"},
       {"beep", R"({"beep_duration": 3})", "Beep for 3 second(s)", R"({"beep_duration": 1})",
        "Beep for 1 second(s)", "success", " 1 second(s)"},
-      // Tools started by a task read the host's configuration, where this share does not exist.
       {"recycle", "{}", "Empty the recycle bins of all shared folders",
        R"({"clean_share_policy": {"clean_all": false, "shares": ["MARK"]},
            "clean_file_policy": {"policy": "time", "time": 30, "reserve_policy": {"size_greater_check": false,
                                  "size_smaller_check": false, "extension_check": false}}})",
-       "Empty the recycle bin of: \"MARK\"", "failed", "orvarecycle: "},
+       "Empty the recycle bin of: \"MARK\"", "success", ""},
       // Set turns every service off: the command is empty.
       {"service", R"({"action": "stop", "services": [{"id": "e2epkg", "enable": true}]})",
        "Stop service: \"E2E Package\"", R"({"action": "start"})", "Start service:", "success", ""},
@@ -144,6 +154,11 @@ TEST(ModuleE2E, EveryKindThroughItsWholeLife) {
     EXPECT_NE(last["output"].asString().find(noBell ? "no PC speaker input device and no console" : k.output),
               std::string::npos)
         << last;
+
+    if (std::string(k.type) == "recycle") {
+      EXPECT_FALSE(std::filesystem::exists(bin + "/old.txt"));
+      EXPECT_TRUE(std::filesystem::exists(bin + "/new.txt"));
+    }
 
     r = root.Api("ORVA.Core.TaskScheduler", 1, "delete", Parse(R"({"task": )" + std::to_string(id) + "}"));
     ASSERT_EQ(r.status, 0) << r.out << r.err;

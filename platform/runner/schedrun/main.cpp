@@ -187,6 +187,9 @@ void DropPrivileges(const struct passwd& pw) {
   setenv("SHELL", pw.pw_shell && *pw.pw_shell ? pw.pw_shell : "/bin/sh", 1);
   setenv("PATH", kSafePath, 1);
   setenv("LANG", lang.c_str(), 1);
+  // Tools named in commands (/usr/orva/bin/...) read etc/orva and var/lib/orva of the
+  // same system root the task came from, not the host's.
+  if (ORVA::ORVARootGet() != "/") setenv("ORVA_ROOT", ORVA::ORVARootGet().c_str(), 1);
   if (chdir(pw.pw_dir && *pw.pw_dir ? pw.pw_dir : "/") != 0 && chdir("/") != 0) ChildFail("chdir");
   umask(022);
   close_range(3, ~0U, 0);
