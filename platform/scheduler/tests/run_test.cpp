@@ -94,13 +94,14 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   for (unsigned g; ids >> g;) groups.insert(g);
   EXPECT_EQ(groups, (std::set<unsigned>{u.gid(), u.extraGid()}));
 
-  // Only the allowed environment, plus what the shell itself sets.
+  // Only the allowed environment and the system root, plus what the shell itself sets.
   std::istringstream env(Slurp(out_ + "/env"));
   std::set<std::string> names;
   for (std::string line; std::getline(env, line);) names.insert(line.substr(0, line.find('=')));
   for (const char* shellOwn : {"PWD", "SHLVL", "OLDPWD", "_"}) names.erase(shellOwn);
-  EXPECT_EQ(names, (std::set<std::string>{"HOME", "USER", "LOGNAME", "SHELL", "PATH", "LANG"}));
+  EXPECT_EQ(names, (std::set<std::string>{"HOME", "USER", "LOGNAME", "SHELL", "PATH", "LANG", "ORVA_ROOT"}));
   EXPECT_NE(Slurp(out_ + "/env").find("USER=" + u.name() + "\n"), std::string::npos);
+  EXPECT_NE(Slurp(out_ + "/env").find("ORVA_ROOT=" + ORVA::ORVARootGet() + "\n"), std::string::npos);
   // No inherited descriptors: 0-2 and the one ls opened to list them.
   std::istringstream fds(Slurp(out_ + "/fds"));
   for (int fd; fds >> fd;) EXPECT_LE(fd, 3);
