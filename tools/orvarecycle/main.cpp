@@ -9,10 +9,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <json/json.h>
-
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <set>
 #include <string>
@@ -66,25 +63,19 @@ struct Bin {
   std::string folder; // the folder whose .recycle is the bin
 };
 
-// Share name to path, from the shares file.
+// Share name to path, from the shares file (through the recycle-bin service, which
+// owns that file).
 bool ReadSharePaths(std::map<std::string, std::string>& paths) {
-  const std::string file = ORVA::ORVAPathMap("/etc/orva/shares.json");
-  std::ifstream in(file);
-  if (!in) {
-    return errno == ENOENT;
-  }
-  Json::CharReaderBuilder builder;
-  Json::Value root;
-  std::string errs;
-  if (!Json::parseFromStream(builder, in, &root, &errs) || !root.isArray()) {
-    Fail("malformed %s", file);
+  PORVA_RECYCLE_SHARE shares = nullptr;
+  const int count = ORVARecycleShareListGet(&shares);
+  if (count < 0) {
+    Fail("cannot read the share list %s", ORVA::ORVAPathMap("/etc/orva/shares.json"));
     return false;
   }
-  for (const Json::Value& e : root) {
-    if (e.isObject() && e["name"].isString() && e["path"].isString()) {
-      paths[e["name"].asString()] = e["path"].asString();
-    }
+  for (int i = 0; i < count; ++i) {
+    paths[shares[i].szName] = shares[i].szPath;
   }
+  ORVARecycleShareListFree(shares, count);
   return true;
 }
 
