@@ -32,6 +32,10 @@
 // escaped: half as much again as the command leaves room for quotes and newlines.
 #define ORVA_SCHED_APP_ARGS_MAX 6144
 #define ORVA_SCHED_REPEAT_CFG_MAX 16   // intervals in each repeat_*_store_config list
+// Highest id a caller may give a task. Ids are never reused, so a given id near the
+// top of the range would leave no room for the ids assigned after it; the web API
+// reads ids as int, so assigned ids must stay well below 2^31 too.
+#define ORVA_SCHED_TASK_ID_MAX 999999999L
 
 // Bits of `truncated`: which text field was cut by a setter.
 enum {
