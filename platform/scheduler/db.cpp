@@ -1,6 +1,7 @@
 // The store's SQLite connection: one per process, WAL, synchronous=FULL, a busy
 // timeout, numbered migrations.
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -64,6 +65,8 @@ State& GetState() {
   return *state;
 }
 
+// Creates the folders down to `dir`; `dir` itself, if new, is private (0700): the
+// store holds every task's command and output.
 bool MakeDirs(const std::string& dir) {
   std::string cur;
   size_t pos = 0;
@@ -73,7 +76,7 @@ bool MakeDirs(const std::string& dir) {
     if (cur.empty()) {
       continue;
     }
-    if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) {
+    if (mkdir(cur.c_str(), pos == std::string::npos ? 0700 : 0755) != 0 && errno != EEXIST) {
       syslog(LOG_ERR, "%s:%d mkdir %s failed: %m", __FILE_NAME__, __LINE__, cur.c_str());
       return false;
     }
@@ -148,6 +151,15 @@ sqlite3* OpenDb(const std::string& path) {
     SCHED_ERR(ORVA_SCHED_ERR_DATABASE);
     return nullptr;
   }
+  // Created 0600 before SQLite opens it, whatever the umask; SQLite gives the -wal and
+  // -shm files the mode of the database file.
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    syslog(LOG_ERR, "%s:%d open %s failed: %m", __FILE_NAME__, __LINE__, path.c_str());
+    SCHED_ERR(ORVA_SCHED_ERR_DATABASE);
+    return nullptr;
+  }
+  close(fd);
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                            nullptr);

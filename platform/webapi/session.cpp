@@ -112,7 +112,7 @@ bool SessionStore::Open() {
   for (size_t slash = 1; slash != std::string::npos; slash = dir.find('/', slash + 1)) {
     mkdir(dir.substr(0, slash).c_str(), 0755);
   }
-  mkdir(dir.c_str(), 0755);
+  mkdir(dir.c_str(), 0700);  // the task store's folder too: private
   mode_t old = umask(077);
   int rc = sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                            nullptr);

@@ -168,6 +168,13 @@ TEST(ModuleE2E, EveryKindThroughItsWholeLife) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.json["error"]["code"], 4801) << r.out;
   }
+  // Staging and the server keep the store and the sessions private.
+  for (const auto& [file, mode] : {std::pair{"", 0700}, std::pair{"/scheduler.db", 0600},
+                                   std::pair{"/sessions.db", 0600}}) {
+    EXPECT_EQ(std::filesystem::status(root.Path() + "/var/lib/orva" + file).permissions(),
+              static_cast<std::filesystem::perms>(mode))
+        << file;
+  }
 }
 
 }  // namespace

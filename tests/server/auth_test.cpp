@@ -99,13 +99,15 @@ TEST_F(ServerIdentity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
   uid_t ghostUid = 54321;
   while (getpwuid(ghostUid) != nullptr) ++ghostUid;
   EXPECT_EQ(401, server.LocalAs(ghostUid, ghostUid, whoami).status);
-  // The socket is open to every account; its folder is not writable by them; the token is private.
+  // The socket is open to every account; its folder is not writable by them; the token and
+  // the sessions are private.
   struct Case {
     std::string path;
     mode_t mode;
   };
   for (const Case& c : {Case{server.SocketPath(), 0666}, Case{root.path() + "/run/orva", 0755},
-                        Case{root.path() + "/run/orva/login.token", 0600}}) {
+                        Case{root.path() + "/run/orva/login.token", 0600}, Case{root.path() + "/var/lib/orva", 0700},
+                        Case{root.path() + "/var/lib/orva/sessions.db", 0600}}) {
     SCOPED_TRACE(c.path);
     struct stat st;
     ASSERT_EQ(0, stat(c.path.c_str(), &st));

@@ -107,7 +107,7 @@ ServerRoot::ServerRoot() : TempRoot("orvat-srv") {
   const std::string webman = path() + "/usr/orva/orvaman/webman";
   for (const std::string d : {"/usr/orva/lib/webapi", "/usr/orva/orvaman/webman/texts/en",
                               "/usr/orva/orvaman/webman/texts/de", "/usr/orva/orvaman/webman/js", "/etc/orva",
-                              "/var/lib/orva", "/run/orva"}) {
+                              "/run/orva"}) {
     std::filesystem::create_directories(path() + d);
   }
   const std::string lib = path() + "/usr/orva/lib/webapi/";
