@@ -58,6 +58,8 @@ struct State {
   sqlite3* db = nullptr;
   pid_t pid = 0;
   std::string path;
+  dev_t dev = 0;  // the file the connection was opened on
+  ino_t ino = 0;
 };
 
 State& GetState() {
@@ -180,6 +182,30 @@ sqlite3* OpenDb(const std::string& path) {
 
 }  // namespace
 
+namespace {
+
+// True when the file at `s.path` is still the one the connection has open. A store
+// replaced (a backup put back) or removed while open would otherwise keep this process
+// on the old file: writes acknowledged into a deleted file, processes that disagree.
+bool SameFile(const State& s, struct stat* st) {
+  return stat(s.path.c_str(), st) == 0 && st->st_dev == s.dev && st->st_ino == s.ino;
+}
+
+// Reopens when the store file changed under the connection; true when it did.
+bool ReopenIfReplaced(State& s) {
+  struct stat st;
+  if (!s.db || SameFile(s, &st)) {
+    return false;
+  }
+  syslog(LOG_WARNING, "%s:%d %s was %s while open; reopening it", __FILE_NAME__, __LINE__, s.path.c_str(),
+         access(s.path.c_str(), F_OK) == 0 ? "replaced" : "removed (a new, empty store is made)");
+  sqlite3_close(s.db);
+  s.db = nullptr;
+  return true;
+}
+
+}  // namespace
+
 Conn::Conn() : lock_(GetState().mutex) {
   State& s = GetState();
   std::string path = ORVASchedStoreDbPath();
@@ -192,10 +218,16 @@ Conn::Conn() : lock_(GetState().mutex) {
     sqlite3_close(s.db);
     s.db = nullptr;
   }
+  ReopenIfReplaced(s);
   if (!s.db) {
     s.db = OpenDb(path);
     s.pid = pid;
     s.path = path;
+    struct stat st;
+    if (s.db && stat(path.c_str(), &st) == 0) {
+      s.dev = st.st_dev;
+      s.ino = st.st_ino;
+    }
   }
   db_ = s.db;
 }
@@ -290,6 +322,12 @@ bool BumpGeneration(sqlite3* db) {
 }  // namespace orva_sched
 
 std::string ORVASchedStoreDbPath() { return ORVA::ORVAPathMap("/var/lib/orva/scheduler.db"); }
+
+int ORVASchedStoreReopenIfReplaced() {
+  orva_sched::State& s = orva_sched::GetState();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.pid == getpid() && orva_sched::ReopenIfReplaced(s) ? 1 : 0;
+}
 
 int64_t ORVASchedStoreGeneration() {
   orva_sched::Conn conn;

@@ -240,6 +240,11 @@ std::string ORVASchedStoreDbPath();
 // A counter raised by every write of a task or an event task (not by run records):
 // reading it is one indexed row. Negative on failure.
 int64_t ORVASchedStoreGeneration();
+// Every store call first checks that the file at the store's path is still the one this
+// process has open (device and inode) and reopens it, logged, when it was replaced or
+// removed. A long-lived process calls this at each wake to learn of it: 1 when the
+// connection was dropped to be reopened (read everything again), else 0.
+int ORVASchedStoreReopenIfReplaced();
 
 // The runner program: ORVASchedSetRunnerPath, else $ORVA_SCHEDRUN, else
 // ORVAPathMap("/usr/orva/bin/orva-schedrun"). An empty path restores the default.

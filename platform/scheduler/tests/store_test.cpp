@@ -618,6 +618,28 @@ TEST(SchedStore, StoreFilesArePrivateFromTheFirstOpen) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
+// A store file put back from a copy, or removed, while this process has it open: the
+// next call works on the file now at the path, not on the one it had open.
+TEST(SchedStore, ReplacedOrRemovedStoreIsReopened) {
+  TempRoot root;
+  const std::string db = ORVASchedStoreDbPath();
+  Task a, b, c;
+  ASSERT_EQ(ORVASchedTaskSave(a.t), 0);
+  orva_test::QueryOne(db, ("VACUUM INTO '" + db + ".copy'").c_str());  // a copy holding task a only
+  ASSERT_EQ(ORVASchedTaskSave(b.t), 0);
+  for (const char* suffix : {"-wal", "-shm"}) unlink((db + suffix).c_str());
+  ASSERT_EQ(rename((db + ".copy").c_str(), db.c_str()), 0);
+  EXPECT_EQ(ORVASchedStoreReopenIfReplaced(), 1);
+  EXPECT_EQ(ORVASchedStoreReopenIfReplaced(), 0);
+  Task loaded;
+  EXPECT_EQ(ORVASchedTaskLoad(a.t->id, loaded.t), 0);
+  EXPECT_LT(ORVASchedTaskLoad(b.t->id, loaded.t), 0);
+  // Removed: a save creates a new store at the path instead of writing into the deleted file.
+  for (const char* suffix : {"", "-wal", "-shm"}) unlink((db + suffix).c_str());
+  ASSERT_EQ(ORVASchedTaskSave(c.t), 0);
+  EXPECT_EQ(orva_test::QueryOne(db, "SELECT count(*) FROM tasks"), "1");
+}
+
 TEST(SchedStore, ConnectionIsNotCarriedAcrossFork) {
   TempRoot root;
   Task t;
