@@ -106,7 +106,11 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
   using Stream = beast::basic_stream<Protocol, asio::any_io_executor, beast::unlimited_rate_policy>;
 
   Connection(typename Protocol::socket socket, Peer peer, const Timeouts& t)
-      : stream_(std::move(socket)), idleTimer_(stream_.get_executor()), peer_(peer), t_(t) {
+      : stream_(std::move(socket)),
+        idleTimer_(stream_.get_executor()),
+        delayTimer_(stream_.get_executor()),
+        peer_(peer),
+        t_(t) {
     gConnections.insert(this);
     ++gOpen;
   }
@@ -210,7 +214,26 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
   }
 
   void Serve() {
-    Request req = parser_->release();
+    held_ = parser_->release();
+    ServeHeld();
+  }
+
+  // A login after failed ones waits on a timer, not in the worker's thread: everything
+  // else goes on meanwhile. The wait is asked again afterwards, since other attempts
+  // may have failed in between.
+  void ServeHeld() {
+    const double wait = LoginWaitSeconds(*held_, peer_);
+    if (wait > 0) {
+      delayTimer_.expires_after(std::chrono::milliseconds(static_cast<long>(wait * 1000) + 1));
+      auto self = this->shared_from_this();
+      delayTimer_.async_wait([self](beast::error_code ec) {
+        if (ec) return self->Close();
+        self->ServeHeld();
+      });
+      return;
+    }
+    Request req = std::move(*held_);
+    held_.reset();
     Response res = HandleRequest(req, peer_);
     if (gDraining) res.keep_alive(false);
     Reply(std::move(res));
@@ -252,6 +275,7 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
     beast::error_code ec;
     idle_ = false;
     idleTimer_.cancel();
+    delayTimer_.cancel();
     stream_.socket().close(ec);
     if (!closed_) --gOpen;
     closed_ = true;
@@ -259,8 +283,10 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
 
   Stream stream_;
   asio::steady_timer idleTimer_;
+  asio::steady_timer delayTimer_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
+  std::optional<Request> held_;
   std::shared_ptr<Response> res_;
   Peer peer_;
   Timeouts t_;
@@ -338,6 +364,7 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
         } else {
           beast::error_code ignored;
           socket.set_option(tcp::no_delay(true), ignored);
+          peer.address = socket.remote_endpoint(ignored).address().to_string();
         }
         std::make_shared<Connection<Protocol>>(std::move(socket), peer, self->t_)->Start();
       } else if (ec == asio::error::no_descriptors || ec.value() == ENFILE || ec == asio::error::no_buffer_space ||
