@@ -33,7 +33,9 @@ for f in "$stage"/etc/orva/*; do
     install -m 0644 "$f" "$dest/etc/orva/$name"
   fi
 done
-install -d -m 0755 "$dest/var/lib/orva" "$dest/var/lib/orva/packages" "$dest/run/orva"
+# The task store and the sessions live in var/lib/orva: readable by root alone.
+install -d -m 0700 "$dest/var/lib/orva"
+install -d -m 0755 "$dest/var/lib/orva/packages" "$dest/run/orva"
 
 install -D -m 0644 "$here/platform/server/pam/orva-webapi" "$dest/etc/pam.d/orva-webapi"
 for unit in orva-webapid.service orva-schedulerd.service orva-events.service; do

@@ -12,6 +12,7 @@ root=$(cd "$root" && pwd)
 cmake --install "$build" --prefix "$root" >/dev/null
 mkdir -p "$root"/{etc/orva,var/lib/orva/packages,run/orva,usr/orva/orvaman/webman/texts}
 chmod 0755 "$root/run/orva"
+chmod 0700 "$root/var/lib/orva"  # the task store and sessions: root's alone
 if [ "$demo" = "--demo" ] && [ -x "$here/data/demo/stage-demo.sh" ]; then
   "$here/data/demo/stage-demo.sh" "$build" "$root"
 fi

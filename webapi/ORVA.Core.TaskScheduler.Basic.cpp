@@ -3,6 +3,7 @@
 // operations, which do nothing here.
 #include "ORVA.Core.TaskScheduler.Basic.h"
 
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -44,6 +45,26 @@ void StripRepetition(Json::Value& schedule) {
   schedule.removeMember("repeat_min");
   schedule.removeMember("repeat_min_store_config");
   schedule.removeMember("repeat_hour_store_config");
+}
+
+// An id a request may give: -1 or 0 (a new task) or 1 to ORVA_SCHED_TASK_ID_MAX, as an
+// integer or its decimal text. A larger one would use up the store's id sequence.
+bool IsRequestId(const Json::Value& id) {
+  long long n = 0;
+  if (id.isInt64()) {
+    n = id.asInt64();
+  } else if (id.isString()) {
+    const std::string text = id.asString();
+    char* end = nullptr;
+    errno = 0;
+    n = strtoll(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0) {
+      return false;
+    }
+  } else {
+    return false;
+  }
+  return n >= -1 && n <= ORVA_SCHED_TASK_ID_MAX;
 }
 
 // Moves member `from` to `to` (a missing member moves as null).
@@ -159,6 +180,11 @@ bool TaskSchedulerBasicHandler::GetData(Json::Value& result, int version) {
 bool TaskSchedulerBasicHandler::SetData(Json::Value& result, int version) {
   Json::Value task = request_->GetParam("", Json::Value());
 
+  if (task.isMember("id") && !IsRequestId(task["id"])) {
+    syslog(LOG_ERR, "%s:%d Invalid task id, json id=%s", kSrc, __LINE__, Json::FastWriter().write(task["id"]).c_str());
+    SetError(4800, "id is invalid");
+    return false;
+  }
   if (!ReConstructJsonSet_Basic(task)) {
     syslog(LOG_ERR, "%s:%d Convert task from json (basic) failed. [0x%04X %s:%d]", kSrc, __LINE__, KELCErrGet(),
            ErrFile(), KELCErrorGetLine());
@@ -172,6 +198,11 @@ bool TaskSchedulerBasicHandler::SetData(Json::Value& result, int version) {
     return false;
   }
   MoveMember(task, "extra", "app");
+  if (!task["app"].isNull() && !task["app"].isObject()) {
+    syslog(LOG_ERR, "%s:%d Convert task from json (app) failed: not an object", kSrc, __LINE__);
+    SetError(4800, "invalid (app) object");
+    return false;
+  }
   if (version < 2) {
     StripRepetition(task["schedule"]);
   }
@@ -215,6 +246,9 @@ bool TaskSchedulerBasicHandler::SetData(Json::Value& result, int version) {
     SetError(117, "Invalid (app) object");
     return false;
   }
+  if (!owner) {
+    KeepUserOwnership(record);
+  }
   if (!SaveTask(owner, record)) {
     syslog(LOG_ERR, "%s:%d Save task failed. [0x%04X %s:%d]", kSrc, __LINE__, KELCErrGet(), ErrFile(),
            KELCErrorGetLine());
@@ -223,6 +257,19 @@ bool TaskSchedulerBasicHandler::SetData(Json::Value& result, int version) {
   }
   result["id"] = static_cast<Json::Int64>(ORVASchedTaskGetID(record));
   return true;
+}
+
+// The system changing a user's task: the record was rebuilt as a system task, but the
+// task stays the user's (its owner must then stay that user, which the store checks).
+void TaskSchedulerBasicHandler::KeepUserOwnership(_tag_orva_sched_task_& record) {
+  if (ORVASchedTaskGetID(record) <= 0) {
+    return;
+  }
+  _tag_orva_sched_task_ stored;
+  memset(&stored, 0, sizeof(stored));
+  if (ORVASchedTaskLoad(ORVASchedTaskGetID(record), &stored) >= 0 && stored.marker == ORVA_SCHED_MARKER_BY_USER) {
+    ORVASchedCTaskSetRealOwner(&record, true, ORVASchedTaskGetRealOwner(stored));
+  }
 }
 
 bool TaskSchedulerBasicHandler::ReConstructJsonGet_Basic(Json::Value& task) {

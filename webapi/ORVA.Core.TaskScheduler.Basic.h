@@ -42,6 +42,7 @@ class TaskSchedulerBasicHandler : public TaskSchedulerHandler {
   virtual bool GetAppEditOwnerValue();
 
  protected:
+  void KeepUserOwnership(_tag_orva_sched_task_& record);
   // Handlers are local objects of their concrete class, never deleted through a base
   // pointer, so the destructor stays non-virtual.
   boost::optional<std::string> owner;

@@ -11,19 +11,30 @@ const long long kMaxSeconds = 600;
 const long long kMinSeconds = 1;
 
 // The form writes numbers; a new task's default is the text "60", so a decimal text
-// that a client sends back is read as its number. Anything else is the JSON library's
-// integer conversion (a missing member reads as 0).
-long long DurationOf(const Json::Value& value) {
+// that a client sends back is read as its number. A missing member reads as 0. Any
+// other value (a number out of range, other text, an array) is not a duration.
+bool DurationOf(const Json::Value& value, long long& out) {
   if (value.isString()) {
     const std::string text = value.asString();
     char* end = nullptr;
     errno = 0;
     long long n = strtoll(text.c_str(), &end, 10);
     if (!text.empty() && end && *end == '\0' && errno == 0) {
-      return n;
+      out = n;
+      return true;
     }
+    return false;
   }
-  return value.asLargestInt();
+  if (value.isNull() || value.isBool() || value.isInt64()) {
+    out = value.isNull() ? 0 : value.asLargestInt();
+    return true;
+  }
+  // A real within the 64-bit range counts by its whole part (NaN fails both tests).
+  if (value.isDouble() && value.asDouble() > -9.2e18 && value.asDouble() < 9.2e18) {
+    out = static_cast<long long>(value.asDouble());
+    return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -50,7 +61,11 @@ bool TaskSchedulerBeepHandler::ConvertFromJson_App(const Json::Value& json, _tag
   ORVASchedCTaskSetAppName(&task, "#beep:beep_title#");
   ORVASchedCTaskSetAppArgs(&task, TaskSchedulerWriteAppArgs(json["app"]).c_str());
 
-  long long duration = DurationOf(json["app"]["beep_duration"]);
+  long long duration = 0;
+  if (!DurationOf(json["app"]["beep_duration"], duration)) {
+    SetError(4800, "beep_duration must be a number of seconds");
+    return false;
+  }
   if (duration > kMaxSeconds) {
     duration = kMaxSeconds;
   }

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,21 @@ const Reserve kReserves[] = {
     {"extension_check", "reserve_policy_extension_check", "extension", "reserve_policy_extension", true},
 };
 
+// The names of the shared folders, and "home" (the users' home folders).
+std::vector<std::string> KnownShares() {
+  std::vector<std::string> names = {"home"};
+  PKELC_SZLIST list = KELCSzListAlloc(100);
+  if (list && ORVAShareEnum(&list, 0x7F0F) >= 0) {
+    for (int i = 0; i < KELCSzListCount(list); ++i) {
+      names.push_back(KELCSzListGet(list, i));
+    }
+  } else {
+    syslog(LOG_ERR, "%s:%d enum share failed", kSrc, __LINE__);
+  }
+  KELCSzListFree(list);
+  return names;
+}
+
 }  // namespace
 
 bool TaskSchedulerRecycleHandler::ConvertToJson_App(const _tag_orva_sched_task_& task, Json::Value& json) {
@@ -79,6 +95,7 @@ bool TaskSchedulerRecycleHandler::ConvertToJson_App(const _tag_orva_sched_task_&
 bool TaskSchedulerRecycleHandler::ConvertFromJson_App(const Json::Value& json, _tag_orva_sched_task_& task) {
   Json::Value copy = json;
   std::vector<std::string> args;
+  std::vector<std::string> shareArgs;
   std::string command = "/usr/orva/bin/orvarecycle";
   std::string action;
   Json::Value shares(Json::arrayValue);
@@ -120,14 +137,26 @@ bool TaskSchedulerRecycleHandler::ConvertFromJson_App(const Json::Value& json, _
     action = "#share:share_clean_all_recycle_bin#";
   } else {
     const Json::Value& selected = app["selected_shares"];
-    if (selected.size() == 0) {
+    if (!selected.isArray() || selected.size() == 0) {
       syslog(LOG_ERR, "%s:%d error selected_shares, json app=%s", kSrc, __LINE__, appText.c_str());
+      if (!selected.isArray() && !selected.isNull()) {
+        SetError(4800, "invalid (app) object");
+      }
       return false;
     }
+    // A name that is not a share could vanish from the command line (leaving "all
+    // shares") or read as an option: only the listed names pass.
+    const std::vector<std::string> known = KnownShares();
     for (Json::ArrayIndex i = 0; i < selected.size(); ++i) {
-      const std::string name = selected[i].asString();
+      const std::string name = selected[i].isString() ? selected[i].asString() : std::string();
+      if (std::find(known.begin(), known.end(), name) == known.end() || EscapeShellName(name).empty()) {
+        syslog(LOG_ERR, "%s:%d error selected_shares, not a shared folder, json app=%s", kSrc, __LINE__,
+               appText.c_str());
+        SetError(4800, "invalid (app) object");
+        return false;
+      }
       action += " \"" + name + "\"";
-      args.push_back(name);
+      shareArgs.push_back(name);
     }
     shares = selected;
   }
@@ -148,17 +177,22 @@ bool TaskSchedulerRecycleHandler::ConvertFromJson_App(const Json::Value& json, _
     if (adv["reserve_policy_extension_check"].asString() == "on") {
       const Json::Value& exts = adv["reserve_policy_extension"];
       std::string extArg;
-      for (Json::ArrayIndex i = 0; i < exts.size(); ++i) {
+      for (Json::ArrayIndex i = 0; exts.isArray() && i < exts.size(); ++i) {
         extArg += (i == 0) ? "-file_ext=" : ".";
-        const std::string ext = exts[i]["file_ext"].asString();
-        if (ext.find_first_of(kForbiddenExtChars) != std::string::npos) {
+        // Only an object (or null) entry with a scalar "file_ext" has an extension to read.
+        const Json::Value& entry = exts[i];
+        const bool scalar = (entry.isObject() || entry.isNull()) && !entry["file_ext"].isArray() &&
+                            !entry["file_ext"].isObject();
+        const std::string ext = scalar ? entry["file_ext"].asString() : AppText(entry);
+        if (!scalar || ext.find_first_of(kForbiddenExtChars) != std::string::npos) {
           syslog(LOG_ERR, "%s:%d Invalid file extension arguments [%s]", kSrc, __LINE__, ext.c_str());
           syslog(LOG_ERR, "%s:%d Failed to check clean policy, json app=%s", kSrc, __LINE__, appText.c_str());
+          SetError(4800, "invalid (app) object");
           return false;
         }
         extArg += ext;
       }
-      if (exts.size() > 0) {
+      if (!extArg.empty()) {
         args.push_back(extArg);
       }
     }
@@ -172,6 +206,10 @@ bool TaskSchedulerRecycleHandler::ConvertFromJson_App(const Json::Value& json, _
     }
   }
 
+  if (!shareArgs.empty()) {
+    args.push_back("--");
+    args.insert(args.end(), shareArgs.begin(), shareArgs.end());
+  }
   for (const std::string& arg : args) {
     command += " " + EscapeShellName(arg);
   }
@@ -308,11 +346,13 @@ bool TaskSchedulerRecycleHandler::GetAppEditOwnerValue() { return false; }
 bool TaskSchedulerRecycleHandler::EnableRecycleBin(const Json::Value& shares, const Json::Value& enableRecycle) {
   std::vector<std::string> names;
   PKELC_SZLIST list = nullptr;
-  const std::string mode = enableRecycle.asString();
+  const std::string mode = enableRecycle.isString() ? enableRecycle.asString() : std::string();
 
   if (mode == "select") {
     for (Json::ArrayIndex i = 0; i < shares.size(); ++i) {
-      names.push_back(shares[i].asString());
+      if (shares[i].isString()) {
+        names.push_back(shares[i].asString());
+      }
     }
   } else {
     list = KELCSzListAlloc(100);

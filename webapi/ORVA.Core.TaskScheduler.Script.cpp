@@ -24,9 +24,12 @@ bool TaskSchedulerScriptHandler::ConvertFromJson_App(const Json::Value& json, _t
   ORVASchedCTaskSetApp(&task, "ORVA.VEK.TaskScheduler.Script");
   ORVASchedCTaskSetAppArgs(&task, TaskSchedulerWriteAppArgs(json["app"]).c_str());
 
+  if (!json["app"]["script"].isString()) {
+    SetError(4800, "script must be a string");
+    return false;
+  }
   const std::string action = "#common:run#: " + json["app"]["script"].asString();
   ORVASchedCTaskSetAction(&task, action.c_str());
-  // asCString accepts only a string: any other "script" leaves as the JSON library's error.
   ORVASchedCTaskSetCommand(&task, json["app"]["script"].asCString());
   return true;
 }

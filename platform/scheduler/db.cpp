@@ -1,6 +1,7 @@
 // The store's SQLite connection: one per process, WAL, synchronous=FULL, a busy
 // timeout, numbered migrations.
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -61,6 +62,8 @@ struct State {
   sqlite3* db = nullptr;
   pid_t pid = 0;
   std::string path;
+  dev_t dev = 0;  // the file the connection was opened on
+  ino_t ino = 0;
 };
 
 State& GetState() {
@@ -68,6 +71,8 @@ State& GetState() {
   return *state;
 }
 
+// Creates the folders down to `dir`; `dir` itself, if new, is private (0700): the
+// store holds every task's command and output.
 bool MakeDirs(const std::string& dir) {
   std::string cur;
   size_t pos = 0;
@@ -77,7 +82,7 @@ bool MakeDirs(const std::string& dir) {
     if (cur.empty()) {
       continue;
     }
-    if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) {
+    if (mkdir(cur.c_str(), pos == std::string::npos ? 0700 : 0755) != 0 && errno != EEXIST) {
       syslog(LOG_ERR, "%s:%d mkdir %s failed: %m", __FILE_NAME__, __LINE__, cur.c_str());
       return false;
     }
@@ -152,6 +157,15 @@ sqlite3* OpenDb(const std::string& path) {
     SCHED_ERR(ORVA_SCHED_ERR_DATABASE);
     return nullptr;
   }
+  // Created 0600 before SQLite opens it, whatever the umask; SQLite gives the -wal and
+  // -shm files the mode of the database file.
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    syslog(LOG_ERR, "%s:%d open %s failed: %m", __FILE_NAME__, __LINE__, path.c_str());
+    SCHED_ERR(ORVA_SCHED_ERR_DATABASE);
+    return nullptr;
+  }
+  close(fd);
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                            nullptr);
@@ -172,6 +186,30 @@ sqlite3* OpenDb(const std::string& path) {
 
 }  // namespace
 
+namespace {
+
+// True when the file at `s.path` is still the one the connection has open. A store
+// replaced (a backup put back) or removed while open would otherwise keep this process
+// on the old file: writes acknowledged into a deleted file, processes that disagree.
+bool SameFile(const State& s, struct stat* st) {
+  return stat(s.path.c_str(), st) == 0 && st->st_dev == s.dev && st->st_ino == s.ino;
+}
+
+// Reopens when the store file changed under the connection; true when it did.
+bool ReopenIfReplaced(State& s) {
+  struct stat st;
+  if (!s.db || SameFile(s, &st)) {
+    return false;
+  }
+  syslog(LOG_WARNING, "%s:%d %s was %s while open; reopening it", __FILE_NAME__, __LINE__, s.path.c_str(),
+         access(s.path.c_str(), F_OK) == 0 ? "replaced" : "removed (a new, empty store is made)");
+  sqlite3_close(s.db);
+  s.db = nullptr;
+  return true;
+}
+
+}  // namespace
+
 Conn::Conn() : lock_(GetState().mutex) {
   State& s = GetState();
   std::string path = ORVASchedStoreDbPath();
@@ -184,10 +222,16 @@ Conn::Conn() : lock_(GetState().mutex) {
     sqlite3_close(s.db);
     s.db = nullptr;
   }
+  ReopenIfReplaced(s);
   if (!s.db) {
     s.db = OpenDb(path);
     s.pid = pid;
     s.path = path;
+    struct stat st;
+    if (s.db && stat(path.c_str(), &st) == 0) {
+      s.dev = st.st_dev;
+      s.ino = st.st_ino;
+    }
   }
   db_ = s.db;
 }
@@ -282,6 +326,12 @@ bool BumpGeneration(sqlite3* db) {
 }  // namespace orva_sched
 
 std::string ORVASchedStoreDbPath() { return ORVA::ORVAPathMap("/var/lib/orva/scheduler.db"); }
+
+int ORVASchedStoreReopenIfReplaced() {
+  orva_sched::State& s = orva_sched::GetState();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.pid == getpid() && orva_sched::ReopenIfReplaced(s) ? 1 : 0;
+}
 
 int64_t ORVASchedStoreGeneration() {
   orva_sched::Conn conn;

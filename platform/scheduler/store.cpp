@@ -128,6 +128,12 @@ const char* TruncatedField(uint32_t bits) {
 // Checks a record before it is written: nothing cut, a sane schedule, and a user's
 // task runs as that user.
 bool CheckSavable(const ORVA_SCHED_TASK& t) {
+  if (t.id > ORVA_SCHED_TASK_ID_MAX) {
+    syslog(LOG_ERR, "%s:%d task [%ld] not saved: ids above %ld are not given out", __FILE_NAME__, __LINE__,
+           static_cast<long>(t.id), ORVA_SCHED_TASK_ID_MAX);
+    SCHED_ERR(ORVA_SCHED_ERR_INVALID);
+    return false;
+  }
   if (t.truncated) {
     syslog(LOG_ERR, "%s:%d task [%ld] not saved: %s is too long", __FILE_NAME__, __LINE__, static_cast<long>(t.id),
            TruncatedField(t.truncated));

@@ -127,6 +127,35 @@ std::string SetCookieValue(const std::string& id) {
   return std::string(kSessionCookie) + "=" + id + "; Path=/; HttpOnly; SameSite=Strict";
 }
 
+bool IsLogin(const std::string& api, const std::string& method) {
+  return api == "ORVA.API.Auth" && method == "login";
+}
+
+// What failed logins are counted under: the client's address and the account named.
+std::vector<std::string> LoginKeys(const Json::Value& params, const Peer& peer) {
+  std::vector<std::string> keys = {
+      "address:" + (peer.local ? "local uid " + std::to_string(peer.uid) : peer.address)};
+  if (params.isObject() && params["account"].isString() && !params["account"].asString().empty()) {
+    keys.push_back("account:" + params["account"].asString());
+  }
+  return keys;
+}
+
+void NoteLogin(const Json::Value& envelope, const Json::Value& params, const Peer& peer) {
+  const std::vector<std::string> keys = LoginKeys(params, peer);
+  ORVA::SessionStore& store = ORVA::SessionStore::Instance();
+  if (envelope["success"] == Json::Value(true)) {
+    store.LoginSucceeded(keys);
+    return;
+  }
+  const Json::Value& code = envelope["error"]["code"];
+  if (code != 401 && code != 402) return;  // a malformed request guesses nothing
+  const int failures = store.LoginFailed(keys);
+  syslog(LOG_NOTICE, "%s:%d failed login %s from %s (%d in a row; the next waits %.1f s)", __FILE_NAME__, __LINE__,
+         keys.size() > 1 ? ("of \"" + params["account"].asString() + "\"").c_str() : "with a token",
+         keys[0].c_str() + 8, failures, ORVA::SessionStore::LoginDelay(failures));
+}
+
 Response HandleEntry(const Request& req, const Peer& peer) {
   const unsigned ver = req.version();
   const bool keep = req.keep_alive();
@@ -204,6 +233,7 @@ Response HandleEntry(const Request& req, const Peer& peer) {
   ORVA::APIResponse response;
   int fw = 0;
   Json::Value envelope = reg.Call(*row, request, &response, &fw);
+  if (IsLogin(api, method)) NoteLogin(envelope, root["params"], peer);
   Response res = JsonResponse(fw != 0 ? StatusOfError(fw) : http::status::ok, envelope, ver, keep);
   if (fw == 0 && response.HasSessionCookie()) res.set(http::field::set_cookie, SetCookieValue(response.GetSessionCookie()));
   return res;
@@ -392,6 +422,27 @@ bool ResolveStaticPath(const std::string& target, std::string* file, int* status
   if (stat(real, &st) != 0 || !S_ISREG(st.st_mode)) return false;
   *file = realStr;
   return true;
+}
+
+double LoginWaitSeconds(const Request& req, const Peer& peer) {
+  const std::string& body = req.body();
+  // Only a login is held: anything else is not parsed here.
+  if (req.method() != http::verb::post || body.find("login") == std::string::npos ||
+      JsonDepth(body, kJsonDepthLimit) > kJsonDepthLimit) {
+    return 0;
+  }
+  Json::Value root;
+  std::string errs;
+  try {
+    if (!StrictReader().parse(body.data(), body.data() + body.size(), &root, &errs) || !root.isObject() ||
+        !IsLogin(root["api"].isString() ? root["api"].asString() : "",
+                 root["method"].isString() ? root["method"].asString() : "")) {
+      return 0;
+    }
+  } catch (const std::exception&) {
+    return 0;
+  }
+  return ORVA::SessionStore::Instance().LoginWait(LoginKeys(root["params"], peer));
 }
 
 Response HandleRequest(const Request& req, const Peer& peer) {

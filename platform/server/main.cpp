@@ -20,6 +20,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "core/root.h"
 #include "server.h"
@@ -100,6 +101,8 @@ int OpenUnixSocket(const std::string& path) {
 }
 
 // "127.0.0.1:5080", "[::1]:5080", "localhost:0". Writes the bound address to `bound`.
+// SO_REUSEPORT: each worker listens on a socket of its own bound to the same address,
+// and the kernel spreads new connections over them.
 int OpenTcpSocket(const std::string& address, std::string* bound) {
   size_t colon = address.rfind(':');
   if (colon == std::string::npos || colon == 0) {
@@ -121,6 +124,7 @@ int OpenTcpSocket(const std::string& address, std::string* bound) {
   int fd = socket(res->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int one = 1;
   if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+      setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof one) != 0 ||
       bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 512) != 0) {
     syslog(LOG_ERR, "%s:%d cannot listen on %s: %m", __FILE_NAME__, __LINE__, address.c_str());
     if (fd >= 0) close(fd);
@@ -153,14 +157,19 @@ double Now() {
   return ts.tv_sec + ts.tv_nsec / 1e9;
 }
 
+struct Worker {
+  double started;
+  size_t slot;  // which TCP socket it accepts on
+};
+
 struct Supervisor {
   int unixFd = -1;
-  int tcpFd = -1;
+  std::vector<int> tcpFds;  // one per worker slot, all bound to the same address
   orvad::Timeouts timeouts;
   sigset_t blocked;
-  std::map<pid_t, double> workers;  // pid -> start time
+  std::map<pid_t, Worker> workers;
 
-  pid_t Spawn() {
+  pid_t Spawn(size_t slot) {
     pid_t pid = fork();
     if (pid < 0) {
       syslog(LOG_ERR, "%s:%d fork failed: %m", __FILE_NAME__, __LINE__);
@@ -172,12 +181,15 @@ struct Supervisor {
       if (getppid() == 1) _exit(0);
       signal(SIGCHLD, SIG_DFL);
       sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
-      int rc = orvad::RunWorker(unixFd, tcpFd, timeouts);
+      for (size_t i = 0; i < tcpFds.size(); ++i) {
+        if (i != slot) close(tcpFds[i]);
+      }
+      int rc = orvad::RunWorker(unixFd, tcpFds.empty() ? -1 : tcpFds[slot], timeouts);
       // Skip static destructors of modules the supervisor never loaded.
       fflush(nullptr);
       _exit(rc);
     }
-    workers[pid] = Now();
+    workers[pid] = Worker{Now(), slot};
     return pid;
   }
 };
@@ -247,7 +259,17 @@ int main(int argc, char** argv) {
   Supervisor sup;
   sup.timeouts = timeouts;
   std::string bound;
-  if (!listenSpec.empty() && (sup.tcpFd = OpenTcpSocket(listenSpec, &bound)) < 0) return 1;
+  if (!listenSpec.empty()) {
+    int fd = OpenTcpSocket(listenSpec, &bound);
+    if (fd < 0) return 1;
+    sup.tcpFds.push_back(fd);
+    // The others on the port the first one got (port 0 picks it there).
+    std::string same;
+    while (static_cast<int>(sup.tcpFds.size()) < nworkers) {
+      if ((fd = OpenTcpSocket(bound, &same)) < 0) return 1;
+      sup.tcpFds.push_back(fd);
+    }
+  }
   if (!ORVA::SessionStore::Instance().Init()) return 1;
   std::string token = ORVA::WebRandomHex(32);
   if (token.empty() || !WriteFileAtomic(tokenPath, token + "\n", 0600)) return 1;
@@ -260,7 +282,7 @@ int main(int argc, char** argv) {
 
   // The socket comes last: it accepting connections means the server is ready.
   if ((sup.unixFd = OpenUnixSocket(sockPath)) < 0) return 1;
-  for (int i = 0; i < nworkers; ++i) sup.Spawn();
+  for (int i = 0; i < nworkers; ++i) sup.Spawn(static_cast<size_t>(i));
   syslog(LOG_INFO, "%s:%d serving %s%s%s with %d workers", __FILE_NAME__, __LINE__, sockPath.c_str(),
          bound.empty() ? "" : " and http://", bound.c_str(), nworkers);
   if (!bound.empty()) {
@@ -270,7 +292,7 @@ int main(int argc, char** argv) {
   }
   fflush(stdout);
 
-  int pendingRestarts = 0;
+  std::vector<size_t> pendingRestarts;  // slots whose worker died
   bool stopping = false;
   double lastFastDeath = 0;
   while (!stopping || !sup.workers.empty()) {
@@ -290,7 +312,8 @@ int main(int argc, char** argv) {
     while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
       auto it = sup.workers.find(pid);
       if (it == sup.workers.end()) continue;
-      double lived = Now() - it->second;
+      double lived = Now() - it->second.started;
+      const size_t slot = it->second.slot;
       sup.workers.erase(it);
       if (stopping) continue;
       if (WIFSIGNALED(status)) {
@@ -301,12 +324,12 @@ int main(int argc, char** argv) {
                WEXITSTATUS(status));
       }
       if (lived < 1.0) lastFastDeath = Now();
-      ++pendingRestarts;
+      pendingRestarts.push_back(slot);
     }
     // A worker that dies at once is restarted after a pause, not in a tight loop.
-    while (!stopping && pendingRestarts > 0 && Now() - lastFastDeath >= 1.0) {
-      if (sup.Spawn() < 0) break;
-      --pendingRestarts;
+    while (!stopping && !pendingRestarts.empty() && Now() - lastFastDeath >= 1.0) {
+      if (sup.Spawn(pendingRestarts.back()) < 0) break;
+      pendingRestarts.pop_back();
     }
   }
   close(sup.unixFd);

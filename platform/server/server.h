@@ -31,10 +31,14 @@ struct Timeouts {
 struct Peer {
   bool local = false;  // the Unix socket: identified by its credentials
   uid_t uid = static_cast<uid_t>(-1);
+  std::string address;  // TCP: the client's IP address
 };
 
 // Serves one complete request (web API entry or static file).
 Response HandleRequest(const Request& req, const Peer& peer);
+// Seconds a login request must wait before it is served, after failed logins of its
+// account or from its address (0 for any other request).
+double LoginWaitSeconds(const Request& req, const Peer& peer);
 // A framework error reply (envelope with `code`, the matching HTTP status).
 Response ErrorResponse(int code, unsigned version, bool keepAlive);
 // The HTTP status of a framework error code.

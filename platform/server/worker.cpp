@@ -1,13 +1,17 @@
 // A worker process: one thread, one io_context, serving HTTP on the inherited
 // listening sockets; a module call runs to its end before anything else is served.
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <utility>  // before Asio: its awaitable.hpp uses std::exchange
 
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <set>
@@ -25,15 +29,76 @@ using local = asio::local::stream_protocol;
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 class ConnectionBase {
  public:
   virtual ~ConnectionBase() = default;
-  virtual void Drain() = 0;
+  // Closes the connection if it is idle (waiting for a request); true when it did.
+  virtual bool Drain() = 0;
+  // Since when the connection waits for a request; false when it is not idle.
+  virtual bool IdleSince(Clock::time_point* since) const = 0;
 };
 
 // Live connections of this worker, so that SIGTERM can close the idle ones.
 std::set<ConnectionBase*> gConnections;
+// Connections whose socket is still open (closed ones linger in gConnections until
+// their last handler has run).
+size_t gOpen = 0;
+// Most connections one worker serves at once (from its descriptor limit).
+size_t gMaxConnections = 1024;
 bool gDraining = false;
+
+// A warning that may repeat quickly (a flood of connections) is logged at most once per
+// interval, with the number of times it happened since the last line.
+class ThrottledLog {
+ public:
+  explicit ThrottledLog(const char* what) : what_(what) {}
+  void Note(const std::string& detail) {
+    ++count_;
+    const Clock::time_point now = Clock::now();
+    if (logged_ && now - last_ < std::chrono::seconds(10)) return;
+    syslog(LOG_WARNING, "%s:%d %s: %s (%d time(s) since the last report)", __FILE_NAME__, __LINE__, what_,
+           detail.c_str(), count_);
+    logged_ = true;
+    last_ = now;
+    count_ = 0;
+  }
+
+ private:
+  const char* what_;
+  bool logged_ = false;
+  Clock::time_point last_;
+  int count_ = 0;
+};
+
+ThrottledLog gAcceptFailed("accept failed");
+ThrottledLog gLimitReached("connection limit reached");
+
+// Makes room for one more connection by closing the one that has waited longest for a
+// request; false when every connection is busy.
+bool CloseLongestIdle() {
+  ConnectionBase* oldest = nullptr;
+  Clock::time_point oldestSince;
+  for (ConnectionBase* c : gConnections) {
+    Clock::time_point since;
+    if (c->IdleSince(&since) && (oldest == nullptr || since < oldestSince)) {
+      oldest = c;
+      oldestSince = since;
+    }
+  }
+  return oldest != nullptr && oldest->Drain();
+}
+
+// The limit from RLIMIT_NOFILE, leaving a quarter (at most 64) of the descriptors for
+// databases, modules, logging and static files; at most 4096.
+size_t ConnectionLimit() {
+  rlimit rl{};
+  if (getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur == RLIM_INFINITY) return 4096;
+  const size_t soft = static_cast<size_t>(rl.rlim_cur);
+  const size_t reserve = std::min<size_t>(64, soft / 4);
+  return std::clamp<size_t>(soft - reserve, 8, 4096);
+}
 
 template <class Protocol>
 class Connection : public ConnectionBase, public std::enable_shared_from_this<Connection<Protocol>> {
@@ -41,19 +106,30 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
   using Stream = beast::basic_stream<Protocol, asio::any_io_executor, beast::unlimited_rate_policy>;
 
   Connection(typename Protocol::socket socket, Peer peer, const Timeouts& t)
-      : stream_(std::move(socket)), idleTimer_(stream_.get_executor()), peer_(peer), t_(t) {
+      : stream_(std::move(socket)),
+        idleTimer_(stream_.get_executor()),
+        delayTimer_(stream_.get_executor()),
+        peer_(peer),
+        t_(t) {
     gConnections.insert(this);
+    ++gOpen;
   }
-  ~Connection() override { gConnections.erase(this); }
+  ~Connection() override {
+    gConnections.erase(this);
+    if (!closed_) --gOpen;
+  }
 
   void Start() { WaitForRequest(); }
 
-  void Drain() override {
-    if (idle_) {
-      idleTimer_.cancel();
-      beast::error_code ec;
-      stream_.socket().close(ec);
-    }
+  bool Drain() override {
+    if (!idle_) return false;
+    Close();
+    return true;
+  }
+
+  bool IdleSince(Clock::time_point* since) const override {
+    *since = idleSince_;
+    return idle_;
   }
 
  private:
@@ -64,6 +140,7 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
     parser_->header_limit(kHeaderLimit);
     if (buffer_.size() > 0) return ReadHeader();  // pipelined bytes already here
     idle_ = true;
+    idleSince_ = Clock::now();
     idleTimer_.expires_after(std::chrono::seconds(t_.idleSeconds));
     auto self = this->shared_from_this();
     idleTimer_.async_wait([self](beast::error_code ec) {
@@ -137,7 +214,26 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
   }
 
   void Serve() {
-    Request req = parser_->release();
+    held_ = parser_->release();
+    ServeHeld();
+  }
+
+  // A login after failed ones waits on a timer, not in the worker's thread: everything
+  // else goes on meanwhile. The wait is asked again afterwards, since other attempts
+  // may have failed in between.
+  void ServeHeld() {
+    const double wait = LoginWaitSeconds(*held_, peer_);
+    if (wait > 0) {
+      delayTimer_.expires_after(std::chrono::milliseconds(static_cast<long>(wait * 1000) + 1));
+      auto self = this->shared_from_this();
+      delayTimer_.async_wait([self](beast::error_code ec) {
+        if (ec) return self->Close();
+        self->ServeHeld();
+      });
+      return;
+    }
+    Request req = std::move(*held_);
+    held_.reset();
     Response res = HandleRequest(req, peer_);
     if (gDraining) res.keep_alive(false);
     Reply(std::move(res));
@@ -177,18 +273,26 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
 
   void Close() {
     beast::error_code ec;
+    idle_ = false;
     idleTimer_.cancel();
+    delayTimer_.cancel();
     stream_.socket().close(ec);
+    if (!closed_) --gOpen;
+    closed_ = true;
   }
 
   Stream stream_;
   asio::steady_timer idleTimer_;
+  asio::steady_timer delayTimer_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
+  std::optional<Request> held_;
   std::shared_ptr<Response> res_;
   Peer peer_;
   Timeouts t_;
   bool idle_ = false;
+  bool closed_ = false;
+  Clock::time_point idleSince_;
   size_t lingerBytes_ = 0;
   char discard_[16384];
 };
@@ -197,21 +301,53 @@ template <class Protocol>
 class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
  public:
   Listener(asio::io_context& ioc, const Protocol& protocol, int fd, const Timeouts& t)
-      : acceptor_(ioc), t_(t) {
+      : acceptor_(ioc), pause_(ioc), t_(t) {
     acceptor_.assign(protocol, fd);
   }
   void Start() { Accept(); }
   void Stop() {
     beast::error_code ec;
+    pause_.cancel();
     acceptor_.cancel(ec);
     acceptor_.release(ec);  // the supervisor keeps the socket: do not close it for the others
   }
 
  private:
+  // Out of descriptors with nothing idle to close: accepting again at once would only
+  // fail again, so wait a moment (the connection stays queued in the kernel meanwhile).
+  void PauseThenAccept() {
+    pause_.expires_after(std::chrono::milliseconds(100));
+    auto self = this->shared_from_this();
+    pause_.async_wait([self](beast::error_code ec) {
+      if (!ec && !gDraining) self->Accept();
+    });
+  }
+
+  // Over the limit with every connection busy: a short reply instead of silence.
+  static void Refuse(typename Protocol::socket& socket) {
+    static const char kBusy[] =
+        "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain; charset=utf-8\r\n"
+        "Content-Length: 34\r\nRetry-After: 1\r\nConnection: close\r\n\r\n"
+        "Too many connections; retry soon.\n";
+    ssize_t ignored = send(socket.native_handle(), kBusy, sizeof kBusy - 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+    (void)ignored;
+    beast::error_code ec;
+    socket.close(ec);
+  }
+
   void Accept() {
     auto self = this->shared_from_this();
     acceptor_.async_accept([self](beast::error_code ec, typename Protocol::socket socket) {
       if (gDraining || ec == asio::error::operation_aborted) return;
+      if (!ec && gOpen >= gMaxConnections) {
+        const bool freed = CloseLongestIdle();
+        gLimitReached.Note(std::to_string(gMaxConnections) + " connections; " +
+                           (freed ? "closed the longest idle one" : "none idle: refused with 503"));
+        if (!freed) {
+          Refuse(socket);
+          return self->Accept();
+        }
+      }
       if (!ec) {
         Peer peer;
         if constexpr (std::is_same_v<Protocol, local>) {
@@ -228,16 +364,24 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
         } else {
           beast::error_code ignored;
           socket.set_option(tcp::no_delay(true), ignored);
+          peer.address = socket.remote_endpoint(ignored).address().to_string();
         }
         std::make_shared<Connection<Protocol>>(std::move(socket), peer, self->t_)->Start();
+      } else if (ec == asio::error::no_descriptors || ec.value() == ENFILE || ec == asio::error::no_buffer_space ||
+                 ec == asio::error::no_memory) {
+        // Out of descriptors: the longest idle connection makes room, else pause.
+        const bool freed = CloseLongestIdle();
+        gAcceptFailed.Note(ec.message() + (freed ? "; closed the longest idle connection" : "; pausing"));
+        if (!freed) return self->PauseThenAccept();
       } else {
-        syslog(LOG_ERR, "%s:%d accept failed: %s", __FILE_NAME__, __LINE__, ec.message().c_str());
+        gAcceptFailed.Note(ec.message());
       }
       self->Accept();
     });
   }
 
   typename Protocol::acceptor acceptor_;
+  asio::steady_timer pause_;
   Timeouts t_;
 };
 
@@ -250,6 +394,7 @@ int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts) {
   signal(SIGINT, SIG_IGN);
   // Modules and their database connections belong to this process alone.
   ORVA::APIRegistry::Instance().LoadDirectory(ORVA::ORVAPathMap("/usr/orva/lib/webapi"));
+  gMaxConnections = ConnectionLimit();
 
   asio::io_context ioc(1);
   std::shared_ptr<Listener<local>> unixListener;

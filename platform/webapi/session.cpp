@@ -20,7 +20,12 @@ namespace {
 const char* kSchema =
     "CREATE TABLE IF NOT EXISTS sessions ("
     " id TEXT PRIMARY KEY, user TEXT NOT NULL, csrf TEXT NOT NULL, lang TEXT NOT NULL,"
-    " created INTEGER NOT NULL, last_seen INTEGER NOT NULL);";
+    " created INTEGER NOT NULL, last_seen INTEGER NOT NULL);"
+    "CREATE TABLE IF NOT EXISTS login_failures ("
+    " key TEXT PRIMARY KEY, failures INTEGER NOT NULL, last_ms INTEGER NOT NULL);";
+
+// Failures in a row are forgotten this long after the last one.
+const int64_t kFailureMemoryMs = 15 * 60 * 1000;
 
 // Writing last_seen on every request would make each call a write transaction.
 const int kTouchInterval = 5;
@@ -29,6 +34,12 @@ int64_t Now() {
   timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
   return ts.tv_sec;
+}
+
+int64_t NowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 }  // namespace
@@ -112,7 +123,7 @@ bool SessionStore::Open() {
   for (size_t slash = 1; slash != std::string::npos; slash = dir.find('/', slash + 1)) {
     mkdir(dir.substr(0, slash).c_str(), 0755);
   }
-  mkdir(dir.c_str(), 0755);
+  mkdir(dir.c_str(), 0700);  // the task store's folder too: private
   mode_t old = umask(077);
   int rc = sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                            nullptr);
@@ -238,6 +249,75 @@ bool SessionStore::Remove(const std::string& id) {
   }
   sqlite3_finalize(st);
   return ok;
+}
+
+double SessionStore::LoginDelay(int failures) {
+  // Two slips are free; then half a second, doubling up to half a minute.
+  if (failures < 3) return 0;
+  return failures >= 9 ? 30.0 : 0.5 * static_cast<double>(1 << (failures - 3));
+}
+
+double SessionStore::LoginWait(const std::vector<std::string>& keys) {
+  if (!Open()) return 0;
+  double wait = 0;
+  const int64_t now = NowMs();
+  for (const std::string& key : keys) {
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_prepare_v2(db_, "SELECT failures, last_ms FROM login_failures WHERE key = ?", -1, &st, nullptr) !=
+        SQLITE_OK) {
+      continue;
+    }
+    sqlite3_bind_text(st, 1, key.c_str(), -1, SQLITE_TRANSIENT);
+    if (sqlite3_step(st) == SQLITE_ROW && now - sqlite3_column_int64(st, 1) < kFailureMemoryMs) {
+      const double left = LoginDelay(sqlite3_column_int(st, 0)) - (now - sqlite3_column_int64(st, 1)) / 1000.0;
+      if (left > wait) wait = left;
+    }
+    sqlite3_finalize(st);
+  }
+  return wait;
+}
+
+int SessionStore::LoginFailed(const std::vector<std::string>& keys) {
+  if (!Open()) return 0;
+  const int64_t now = NowMs();
+  int most = 0;
+  sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+  sqlite3_stmt* purge = nullptr;
+  if (sqlite3_prepare_v2(db_, "DELETE FROM login_failures WHERE last_ms < ?", -1, &purge, nullptr) == SQLITE_OK) {
+    sqlite3_bind_int64(purge, 1, now - kFailureMemoryMs);
+    sqlite3_step(purge);
+  }
+  sqlite3_finalize(purge);
+  for (const std::string& key : keys) {
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_prepare_v2(db_,
+                           "INSERT INTO login_failures(key, failures, last_ms) VALUES(?, 1, ?) "
+                           "ON CONFLICT(key) DO UPDATE SET failures = failures + 1, last_ms = excluded.last_ms "
+                           "RETURNING failures",
+                           -1, &st, nullptr) == SQLITE_OK) {
+      sqlite3_bind_text(st, 1, key.c_str(), -1, SQLITE_TRANSIENT);
+      sqlite3_bind_int64(st, 2, now);
+      if (sqlite3_step(st) == SQLITE_ROW && sqlite3_column_int(st, 0) > most) most = sqlite3_column_int(st, 0);
+    }
+    sqlite3_finalize(st);
+  }
+  if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    syslog(LOG_ERR, "%s:%d cannot count a failed login: %s", __FILE_NAME__, __LINE__, sqlite3_errmsg(db_));
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  return most;
+}
+
+void SessionStore::LoginSucceeded(const std::vector<std::string>& keys) {
+  if (!Open()) return;
+  for (const std::string& key : keys) {
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_prepare_v2(db_, "DELETE FROM login_failures WHERE key = ?", -1, &st, nullptr) == SQLITE_OK) {
+      sqlite3_bind_text(st, 1, key.c_str(), -1, SQLITE_TRANSIENT);
+      sqlite3_step(st);
+    }
+    sqlite3_finalize(st);
+  }
 }
 
 }  // namespace ORVA

@@ -59,8 +59,9 @@ APIParameter<int> APIRequest::GetAndCheckInt(const std::string& name, PARAM_NECE
       out = v.asInt();
       return true;
     }
-    if (v.type() == Json::uintValue && v.asUInt() <= static_cast<unsigned>(std::numeric_limits<int>::max())) {
-      out = static_cast<int>(v.asUInt());
+    // asUInt() would throw above 2^32-1: compare the widest form instead.
+    if (v.type() == Json::uintValue && v.asLargestUInt() <= static_cast<Json::LargestUInt>(std::numeric_limits<int>::max())) {
+      out = static_cast<int>(v.asLargestUInt());
       return true;
     }
     return false;

@@ -1,6 +1,7 @@
 // The task scheduler module through the running server: a task of each kind created,
 // listed (versions 1 and 2), read, changed, disabled, run, its run status viewed, and
 // deleted, all with orva-api over the server's Unix socket.
+#include <ctype.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -167,6 +168,117 @@ TEST(ModuleE2E, EveryKindThroughItsWholeLife) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.json["error"]["code"], 4801) << r.out;
   }
+  // Staging and the server keep the store and the sessions private.
+  for (const auto& [file, mode] : {std::pair{"", 0700}, std::pair{"/scheduler.db", 0600},
+                                   std::pair{"/sessions.db", 0600}}) {
+    EXPECT_EQ(std::filesystem::status(root.Path() + "/var/lib/orva" + file).permissions(),
+              static_cast<std::filesystem::perms>(mode))
+        << file;
+  }
 }
 
 }  // namespace
+
+// Every method of every module with hostile parameter shapes, one member at a time on top of
+// a valid request: none may make a module throw (code 100).
+TEST(ModuleE2E, HostileParametersNeverMakeAModuleFail) {
+  e2e::StagedRoot root;
+  ASSERT_TRUE(root.Ok());
+  ASSERT_TRUE(root.StartServer()) << root.ServerLog();
+  const char* const hostile[] = {
+      "18446744073709551615", "9223372036854775808", "9223372036854775807", "-9223372036854775809", "1e300",
+      "-0.5", "\"\"", "\"5s\"", "\"a\\n\\n\\n\"", "\"--root=/elsewhere\"", "[1]", "[[]]",
+      R"([{"id": "x", "enable": 1, "real_owner": 5}])", R"([{"id": 18446744073709551615}])", R"({"script": 5})",
+      "null", "true"};
+  const char* const common[] = {"id", "limit", "offset", "sort_by", "sort_direction", "type", "task", "tasks",
+                                "status", "real_owner", "task_name", "owner", "enable", "event", "script",
+                                "account", "passwd", "token", "lang"};
+  const char* const schedule = R"({"repeat_date": "weekly", "week_day": "1,3", "hour": 3, "minute": 30})";
+  const struct {
+    const char* type;
+    const char* extra;
+    std::vector<std::string> paths;  // members of "extra" made hostile, '/' between levels
+  } kinds[] = {
+      {"script", R"({"script": "true"})", {"script"}},
+      {"beep", R"({"beep_duration": 3})", {"beep_duration"}},
+      {"recycle", R"({"clean_share_policy": {"clean_all": true, "shares": []},
+                      "clean_file_policy": {"policy": "time", "time": 3, "reserve_policy": {"extension_check": true,
+                      "extension": [{"file_ext": "pdf"}]}}, "enableRecycle": "all"})",
+       {"clean_share_policy", "clean_share_policy/shares", "clean_file_policy", "clean_file_policy/reserve_policy",
+        "clean_file_policy/reserve_policy/extension", "enableRecycle"}},
+      {"service", R"({"action": "start", "services": [{"id": "WinShare", "enable": true}]})",
+       {"action", "services", "services/0"}},
+  };
+  auto parse = [](const std::string& text) {
+    Json::Value v;
+    std::istringstream in(text);
+    std::string errs;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errs)) << text;
+    return v;
+  };
+  // A valid create of each kind, and the id it made (the base of "set").
+  std::vector<std::pair<Json::Value, Json::Int64>> bases;
+  for (const auto& k : kinds) {
+    Json::Value p = parse(R"({"name": "fuzz", "owner": "root", "enable": true})");
+    p["type"] = k.type;
+    p["schedule"] = parse(schedule);
+    p["extra"] = parse(k.extra);
+    const Json::Value r = root.Post("ORVA.Core.TaskScheduler", 2, "create", p);
+    ASSERT_TRUE(r["success"].asBool()) << r;
+    bases.emplace_back(p, r["data"]["id"].asInt64());
+  }
+  int calls = 0;
+  std::vector<std::string> failures;
+  auto send = [&](const std::string& api, int version, const std::string& method, const Json::Value& params) {
+    ++calls;
+    const Json::Value r = root.Post(api, version, method, params);
+    if (r.isNull() || r["error"]["code"] == 100) {
+      failures.push_back(api + " v" + std::to_string(version) + " " + method + " " + Json::FastWriter().write(params));
+    }
+  };
+  const Json::Value apis = root.Post("ORVA.API.Info", 1, "query", Json::Value())["data"]["apis"];
+  ASSERT_TRUE(apis.isObject());
+  for (const std::string& api : apis.getMemberNames()) {
+    for (const std::string& method : apis[api]["methods"].getMemberNames()) {
+      for (const Json::Value& version : apis[api]["methods"][method]) {
+        const bool edits = api == "ORVA.Core.TaskScheduler" && (method == "create" || method == "set");
+        for (const char* value : hostile) {
+          const Json::Value bad = parse(value);
+          for (const char* key : common) {
+            Json::Value params(Json::objectValue);
+            params[key] = bad;
+            send(api, version.asInt(), method, params);
+          }
+          if (!edits) continue;
+          // Each kind in one version (the versions differ little here), to keep the run short.
+          for (size_t i = 0; i < bases.size(); ++i) {
+            if (static_cast<int>(i % 3) + 1 != version.asInt()) continue;
+            Json::Value base = bases[i].first;
+            if (method == "set") {
+              base.removeMember("type");
+              base["id"] = bases[i].second;
+            }
+            std::vector<std::string> paths = {"id", "name", "owner", "enable", "schedule", "extra", "type",
+                                              "schedule/hour", "schedule/repeat_date", "schedule/week_day"};
+            for (const std::string& p : kinds[i].paths) paths.push_back("extra/" + p);
+            for (const std::string& path : paths) {
+              Json::Value params = base;
+              Json::Value* at = &params;
+              for (size_t from = 0, slash; from != std::string::npos; from = slash == std::string::npos ? slash : slash + 1) {
+                slash = path.find('/', from);
+                const std::string part = path.substr(from, slash == std::string::npos ? slash : slash - from);
+                at = isdigit(static_cast<unsigned char>(part[0])) ? &(*at)[std::stoi(part)] : &(*at)[part];
+              }
+              *at = bad;
+              send(api, version.asInt(), method, params);
+            }
+          }
+        }
+      }
+    }
+  }
+  EXPECT_GT(calls, 1000);
+  std::string shown;
+  for (size_t i = 0; i < failures.size() && i < 8; ++i) shown += failures[i];
+  EXPECT_TRUE(failures.empty()) << failures.size() << " of " << calls << " calls failed, e.g.:\n" << shown;
+}

@@ -140,6 +140,37 @@ Result StagedRoot::Api(const std::string& api, int version, const std::string& m
   return Run({Bin("orva-api"), "--root", path_, api, std::to_string(version), method, Json::writeString(w, params)});
 }
 
+Json::Value StagedRoot::Post(const std::string& api, int version, const std::string& method,
+                             const Json::Value& params) const {
+  Json::Value env;
+  env["api"] = api;
+  env["version"] = version;
+  env["method"] = method;
+  env["params"] = params;
+  Json::StreamWriterBuilder w;
+  w["indentation"] = "";
+  const std::string body = Json::writeString(w, env);
+  const std::string req = "POST /webapi/entry HTTP/1.0\r\nContent-Type: application/json\r\nContent-Length: " +
+                          std::to_string(body.size()) + "\r\n\r\n" + body;
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s/run/orva/webapi.sock", path_.c_str());
+  std::string reply;
+  if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0 &&
+      write(fd, req.data(), req.size()) == static_cast<ssize_t>(req.size())) {
+    char buf[65536];
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) reply.append(buf, static_cast<size_t>(n));
+  }
+  close(fd);
+  const size_t start = reply.find("\r\n\r\n");
+  Json::Value v;
+  std::istringstream in(start == std::string::npos ? "" : reply.substr(start + 4));
+  std::string errs;
+  if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errs)) v = Json::Value();
+  return v;
+}
+
 std::string StagedRoot::ServerLog() const { return Slurp(path_ + "/server.log") + Slurp(path_ + "/server.log.err"); }
 std::string StagedRoot::DaemonLog() const { return Slurp(path_ + "/daemon.log") + Slurp(path_ + "/daemon.log.err"); }
 

@@ -37,6 +37,9 @@ class StagedRoot {
   // orva-api API VERSION METHOD PARAMS, as this process's account.
   Result Api(const std::string& api, int version, const std::string& method,
              const Json::Value& params = Json::Value(Json::objectValue)) const;
+  // The same call over the Unix socket from this process (no orva-api started): the
+  // reply envelope, or null when no HTTP reply came.
+  Json::Value Post(const std::string& api, int version, const std::string& method, const Json::Value& params) const;
   std::string ServerLog() const;
   std::string DaemonLog() const;
 

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <future>
+
 #include "server_fixture.h"
 
 namespace {
@@ -77,6 +80,28 @@ TEST_F(ServerIdentity, PamLoginOfATestUserAndTheAdminGroupRule) {
   EXPECT_TRUE(orvatest::RunRetried("groupdel " + group));
 }
 
+// Failed logins make the next ones of that account and address wait on a timer: the
+// worker serves other requests meanwhile, the right password still gets in afterwards.
+TEST_F(ServerIdentity, FailedLoginsSlowTheNextWithoutBlockingTheWorker) {
+  ASSERT_TRUE(orvatest::EnsurePamService());
+  orvatest::TestUser user("S3cret-pass!");
+  ASSERT_TRUE(user.Ok());
+  Json::Value p;
+  p["account"] = user.Name();
+  p["passwd"] = "wrong";
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(401, orvatest::LoginWith(server, p).reply.json["error"]["code"].asInt());
+  p["passwd"] = "S3cret-pass!";
+  const auto start = std::chrono::steady_clock::now();
+  auto login = std::async(std::launch::async, [&] { return orvatest::LoginWith(server, p); });
+  EXPECT_EQ(200, server.Api(Envelope("ORVA.Test.Public", 1, "ping")).status);
+  EXPECT_NE(std::future_status::ready, login.wait_for(std::chrono::seconds(0)));  // still held
+  EXPECT_FALSE(login.get().sessionId.empty());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  const std::string log = server.Log();
+  EXPECT_NE(std::string::npos, log.find("failed login of \"" + user.Name() + "\" from 127.0.0.1 (4 in a row; the next "
+                                        "waits 1.0 s)")) << log;
+}
+
 TEST_F(ServerIdentity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
   const std::string whoami = Envelope("ORVA.API.Auth", 1, "whoami");
   auto asRoot = server.Local(whoami);
@@ -99,13 +124,15 @@ TEST_F(ServerIdentity, UnixSocketIdentifiesRootAndAnOrdinaryAccount) {
   uid_t ghostUid = 54321;
   while (getpwuid(ghostUid) != nullptr) ++ghostUid;
   EXPECT_EQ(401, server.LocalAs(ghostUid, ghostUid, whoami).status);
-  // The socket is open to every account; its folder is not writable by them; the token is private.
+  // The socket is open to every account; its folder is not writable by them; the token and
+  // the sessions are private.
   struct Case {
     std::string path;
     mode_t mode;
   };
   for (const Case& c : {Case{server.SocketPath(), 0666}, Case{root.path() + "/run/orva", 0755},
-                        Case{root.path() + "/run/orva/login.token", 0600}}) {
+                        Case{root.path() + "/run/orva/login.token", 0600}, Case{root.path() + "/var/lib/orva", 0700},
+                        Case{root.path() + "/var/lib/orva/sessions.db", 0600}}) {
     SCOPED_TRACE(c.path);
     struct stat st;
     ASSERT_EQ(0, stat(c.path.c_str(), &st));

@@ -8,6 +8,8 @@
 
 #include <chrono>
 #include <future>
+#include <map>
+#include <sstream>
 #include <thread>
 
 #include "server_fixture.h"
@@ -85,21 +87,31 @@ TEST(ServerProcess, SigtermFinishesTheRequestInProgressThenExits) {
   EXPECT_NE(0, access(server.SocketPath().c_str(), F_OK));
 }
 
-// True when the server closes, within 10 s, a TCP connection on which `sent` was written.
-bool ClosedByServer(int port, const std::string& sent) {
+// A TCP connection to the server on 127.0.0.1 with `sent` written on it; -1 on failure.
+int ConnectAndSend(int port, const std::string& sent) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      write(fd, sent.data(), sent.size()) != static_cast<ssize_t>(sent.size())) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// True when the server closes, within 10 s, a TCP connection on which `sent` was written.
+bool ClosedByServer(int port, const std::string& sent) {
+  int fd = ConnectAndSend(port, sent);
   bool closed = false;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      write(fd, sent.data(), sent.size()) == static_cast<ssize_t>(sent.size())) {
+  if (fd >= 0) {
     pollfd p{fd, POLLIN, 0};
     char buf[256];
     while (!closed && poll(&p, 1, 10000) > 0) closed = read(fd, buf, sizeof buf) <= 0;
   }
-  close(fd);
+  if (fd >= 0) close(fd);
   return closed;
 }
 
@@ -127,6 +139,95 @@ TEST(ServerProcess, HeaderIdleAndSessionTimeouts) {
   // The server still serves; the session, idle for longer than its second, is gone.
   EXPECT_EQ(200, server.Api(Envelope("ORVA.Test.Public", 1, "ping")).status);
   EXPECT_EQ(401, server.Api(whoami, login.Auth()).status);
+}
+
+// More connections than descriptors: idle ones make room, busy ones get a 503, the log
+// says so in a few lines instead of one per failed accept, and the server serves after.
+TEST(ServerProcess, ConnectionFloodAgainstTheDescriptorLimit) {
+  const struct {
+    int nofile;
+    const char* sent;      // by each flooding connection
+    const char* logged;    // what the log must report
+    bool firstPingServed;  // else it may be refused with 503
+  } cases[] = {
+      {40, "", "accept failed: Too many open files", true},
+      {128, "POST /webapi/entry HTTP/1.1\r\n", "connection limit reached: 96 connections", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.nofile);
+    orvatest::ServerRoot root;
+    orvatest::Server server(root);
+    server.SetDescriptorLimit(c.nofile);
+    ASSERT_TRUE(server.Start(1));
+    std::vector<int> flood;
+    for (int i = 0; i < 300; ++i) flood.push_back(ConnectAndSend(server.Port(), c.sent));
+    const std::string ping = Envelope("ORVA.Test.Public", 1, "ping");
+    auto first = server.Api(ping);
+    EXPECT_TRUE(first.status == 200 || (!c.firstPingServed && first.status == 503)) << first.status;
+    for (int fd : flood) {
+      if (fd >= 0) close(fd);
+    }
+    // Until the worker has seen those connections close, a ping may still be turned away.
+    int status = 0;
+    for (int i = 0; i < 100 && status != 200; ++i) status = server.Api(ping).status;
+    EXPECT_EQ(200, status) << server.Log();
+    EXPECT_EQ(0, server.Stop());
+    const std::string log = server.Log();
+    size_t lines = 0;
+    for (size_t at = 0; (at = log.find("accept failed", at)) != std::string::npos; ++at) ++lines;
+    for (size_t at = 0; (at = log.find("connection limit reached", at)) != std::string::npos; ++at) ++lines;
+    EXPECT_NE(std::string::npos, log.find(c.logged)) << log;
+    EXPECT_LE(lines, 4u) << log;
+  }
+}
+
+// Held keep-alive connections are spread over the workers, not left to the first to wake:
+// each worker has a listening socket of its own on the port, and the kernel spreads.
+TEST(ServerProcess, KeptAliveConnectionsSpreadOverTheWorkers) {
+  orvatest::ServerRoot root;
+  orvatest::Server server(root);
+  ASSERT_TRUE(server.Start(2));
+  char port[8];
+  snprintf(port, sizeof port, ":%04X", server.Port());
+  std::istringstream tcp(orvatest::Slurp("/proc/net/tcp"));
+  int listening = 0;
+  for (std::string sl, local, remote, state; tcp >> sl >> local >> remote >> state; tcp.ignore(1 << 12, '\n')) {
+    listening += local.size() > 5 && local.compare(local.size() - 5, 5, port) == 0 && state == "0A";
+  }
+  EXPECT_EQ(2, listening);
+  std::vector<int> fds;
+  const std::string body = Envelope("ORVA.Test.Public", 1, "echo");
+  const std::string request = "POST /webapi/entry HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+                              "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  std::map<int, int> perWorker;
+  // One after the other, each kept open: the worker that happens to wake first would get
+  // them all.
+  for (int i = 0; i < 200; ++i) {
+    const int fd = ConnectAndSend(server.Port(), request);
+    ASSERT_GE(fd, 0);
+    fds.push_back(fd);
+    std::string reply;
+    char buf[4096];
+    pollfd p{fd, POLLIN, 0};
+    // Read until the whole body (Content-Length) is there.
+    auto complete = [&] {
+      const size_t end = reply.find("\r\n\r\n");
+      const size_t len = reply.find("Content-Length: ");
+      return end != std::string::npos && len != std::string::npos &&
+             reply.size() - end - 4 >= static_cast<size_t>(atoi(reply.c_str() + len + 16));
+    };
+    while (!complete() && poll(&p, 1, 10000) > 0) {
+      ssize_t n = read(fd, buf, sizeof buf);
+      if (n <= 0) break;
+      reply.append(buf, static_cast<size_t>(n));
+    }
+    const size_t pid = reply.find("\"pid\":");
+    ASSERT_NE(std::string::npos, pid) << reply;
+    ++perWorker[atoi(reply.c_str() + pid + 6)];
+  }
+  for (int fd : fds) close(fd);
+  ASSERT_EQ(2u, perWorker.size());
+  for (const auto& [pid, count] : perWorker) EXPECT_GE(count, 50) << pid;
 }
 
 TEST(ServerProcess, OrvaApiPrintsTheReplyAndExitsByOutcome) {

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,7 +108,7 @@ ServerRoot::ServerRoot() : TempRoot("orvat-srv") {
   const std::string webman = path() + "/usr/orva/orvaman/webman";
   for (const std::string d : {"/usr/orva/lib/webapi", "/usr/orva/orvaman/webman/texts/en",
                               "/usr/orva/orvaman/webman/texts/de", "/usr/orva/orvaman/webman/js", "/etc/orva",
-                              "/var/lib/orva", "/run/orva"}) {
+                              "/run/orva"}) {
     std::filesystem::create_directories(path() + d);
   }
   const std::string lib = path() + "/usr/orva/lib/webapi/";
@@ -157,6 +158,8 @@ bool Server::Start(int workers, const std::vector<std::string>& extraArgs) {
     int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     dup2(fd, 1);
     dup2(fd, 2);
+    const rlimit rl{static_cast<rlim_t>(nofile_), static_cast<rlim_t>(nofile_)};
+    if (nofile_ > 0 && setrlimit(RLIMIT_NOFILE, &rl) != 0) _exit(126);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

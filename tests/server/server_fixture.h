@@ -45,6 +45,8 @@ class Server {
   ~Server();
   // --listen 127.0.0.1:0; waits until the Unix socket accepts and the TCP port is known.
   bool Start(int workers, const std::vector<std::string>& extraArgs = {});
+  // RLIMIT_NOFILE of the server started next (0: inherited).
+  void SetDescriptorLimit(int limit) { nofile_ = limit; }
   // SIGTERM, then waits for the exit status (-1 on a timeout).
   int Stop();
   int Port() const { return port_; }
@@ -64,6 +66,7 @@ class Server {
   const ServerRoot& root_;
   pid_t pid_ = -1;
   int port_ = 0;
+  int nofile_ = 0;
 };
 
 // One server with one worker on a fresh root; its log is shown when the test fails.

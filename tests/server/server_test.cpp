@@ -270,3 +270,19 @@ TEST_F(ServerEntry, StaticFilesComeOnlyFromTheWebmanFolder) {
 }
 
 }  // namespace
+
+namespace {
+
+// A module's log line with request text: control characters arrive escaped, so no line
+// can be forged.
+TEST_F(ServerEntry, LogLinesCarryControlCharactersEscaped) {
+  Json::Value p;
+  p["text"] = "a\nFORGED line\r\x1b[31m\t\x7f";
+  ASSERT_EQ(200, server.Api(Envelope("ORVA.Test.Public", 1, "log", p)).status);
+  ASSERT_EQ(0, server.Stop());
+  const std::string log = server.Log();
+  EXPECT_NE(std::string::npos, log.find("test module logs [a\\nFORGED line\\r\\x1b[31m\\t\\x7f]")) << log;
+  EXPECT_EQ(std::string::npos, log.find("\nFORGED")) << log;
+}
+
+}  // namespace

@@ -1,5 +1,6 @@
 // A web API module for the server tests: replies of every shape, failures, calls held
 // and the serving worker's pid. Three APIs with the same methods and different rights.
+#include <syslog.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -50,6 +51,12 @@ void Twice(ORVA::APIRequest*, ORVA::APIResponse* resp) {
 }
 void Ping(ORVA::APIRequest*, ORVA::APIResponse* resp) { resp->SetSuccess(Json::Value(Json::objectValue)); }
 
+// Logs the parameter "text" as it stands, as a module logging request data would.
+void Log(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
+  syslog(LOG_NOTICE, "test module logs [%s]", req->GetParam("text").asString().c_str());
+  resp->SetSuccess(Json::Value(Json::objectValue));
+}
+
 // In-process call of an admin-only API: trusted, so it works for any caller.
 void Exec(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   Json::Value result(Json::objectValue);
@@ -60,7 +67,7 @@ void Exec(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
 #define TEST_ROWS(api)                                                                               \
   {api, 1, "echo", Echo}, {api, 2, "echo", Echo}, {api, 1, "hold", Hold}, {api, 1, "error", Error},    \
       {api, 1, "throw", Throw}, {api, 1, "noreply", NoReply}, {api, 1, "twice", Twice}, {api, 1, "ping", Ping}, \
-      {api, 1, "exec", Exec}
+      {api, 1, "exec", Exec}, {api, 1, "log", Log}
 
 const ORVA::APITableRow gTable[] = {
     TEST_ROWS("ORVA.Test.Admin"),

@@ -27,13 +27,14 @@ using orvarecycle::Options;
 namespace {
 
 const char kUsage[] =
-    "usage: orvarecycle [--root DIR] --clean [SHARE...] [-t DAYS] [-s BYTES -o 2|1]\n"
-    "                   [-file_ext=EXT.EXT...] [-m BYTES] [-l BYTES]\n"
-    "       orvarecycle [--root DIR] --enable|--disable [SHARE...]\n"
+    "usage: orvarecycle [--root DIR] --clean [-t DAYS] [-s BYTES -o 2|1]\n"
+    "                   [-file_ext=EXT.EXT...] [-m BYTES] [-l BYTES] [--] [SHARE...]\n"
+    "       orvarecycle [--root DIR] --enable|--disable [--] [SHARE...]\n"
     "\n"
     "Empties the recycle bins (SHARE_PATH/.recycle) of the named shared folders, or of\n"
     "every shared folder when none is named, or switches their recycle bins on or off.\n"
-    "\"home\" names the users' home folders.\n"
+    "\"home\" names the users' home folders. Every word after \"--\" is a share name,\n"
+    "and at least one must follow it.\n"
     "\n"
     "  --clean          delete the files in the bins (all of them unless a policy is given)\n"
     "  --enable         switch the recycle bins on\n"

@@ -340,6 +340,12 @@ bool ParseArgs(int argc, char** argv, Options& opts, std::string& error) {
     error = "one of --clean, --enable or --disable is needed";
     return false;
   }
+  // "--" announces share names: none after it means a name was lost on the way, and
+  // acting on every share instead would do more than asked.
+  if (endOfOptions && opts.shares.empty()) {
+    error = "no share name after \"--\"";
+    return false;
+  }
   const bool policy = opts.maxAgeDays || opts.sizeLimit || opts.orderGiven || !opts.keepExt.empty() ||
                       opts.keepLarger || opts.keepSmaller;
   if (opts.op != Op::Clean && policy) {

@@ -301,6 +301,16 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   ASSERT_TRUE(created.success) << created.envelope;
   EXPECT_EQ(created.data, Parse(R"({"id": 77})"));
   EXPECT_STREQ(Record(77).command, "echo 77");
+  // An id out of range would use up the id sequence: refused, and later creates still work.
+  for (const char* id : {"9223372036854775807", "1000000000", "-2", "18446744073709551615", "1.5", "[1]", "\"x\""}) {
+    SCOPED_TRACE(id);
+    params["id"] = Parse(id);
+    EXPECT_EQ(Call(2, "create", params).code, 4800);
+  }
+  EXPECT_EQ(tstest::StoredCount(), 1);
+  params["id"] = 999999999;
+  EXPECT_TRUE(Call(2, "create", params).success);
+  EXPECT_EQ(tstest::LogsWith("Invalid task id, json id=").size(), 7u);
 
   const struct {
     const char* type;
@@ -376,6 +386,16 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   ASSERT_TRUE(Call(3, "set", set).success);
   EXPECT_STREQ(Record(id).name, "by owner");
   EXPECT_EQ(Record(id).real_owner, user.Uid());
+  // The system changing the task (version 2) leaves it the user's.
+  set.removeMember("real_owner");
+  set["name"] = "by the system";
+  ASSERT_TRUE(Call(2, "set", set).success);
+  r = Record(id);
+  EXPECT_STREQ(r.name, "by the system");
+  EXPECT_EQ(r.marker, ORVA_SCHED_MARKER_BY_USER);
+  EXPECT_EQ(r.real_owner, user.Uid());
+  set["real_owner"] = user.Name();
+  EXPECT_TRUE(Call(3, "get", set).success);
 }
 
 TEST(ModuleBeepScript, BeepDurationIsClampedInCommandAndActionButStoredAsSent) {
@@ -446,18 +466,21 @@ TEST(ModuleBeepScript, FixedValuesOfTheRecord) {
   }
 }
 
-// Values the JSON library cannot convert are not guarded: the server answers 100.
+// Values that are no duration or script, or an "extra" that is no object: 4800, nothing stored.
 TEST(ModuleBeepScript, UnconvertibleValuesFailTheRequestAndStoreNothing) {
   tstest::TempRoot root;
   const std::pair<const char*, const char*> cases[] = {
       {"beep", R"({"beep_duration": "x"})"}, {"script", R"({"script": 5})"},      {"script", R"({"script": null})"},
       {"script", R"({"script": ["ls"]})"},   {"script", R"({"script": {"a": 1}})"}, {"script", R"({"script": true})"},
+      {"beep", R"({"beep_duration": "5s"})"}, {"beep", R"({"beep_duration": 1e300})"},
+      {"beep", R"({"beep_duration": 18446744073709551615})"}, {"beep", R"({"beep_duration": [5]})"},
+      {"script", R"("x")"}, {"beep", "[1]"},
   };
   for (const auto& [type, extra] : cases) {
     SCOPED_TRACE(extra);
     Json::Value reply = tstest::ServerCall(2, "create", TaskObject(type, Parse(extra)));
     EXPECT_FALSE(reply["success"].asBool());
-    EXPECT_EQ(reply["error"]["code"], 100);
+    EXPECT_EQ(reply["error"]["code"], 4800);
   }
   EXPECT_EQ(tstest::StoredCount(), 0);
 }

@@ -32,6 +32,10 @@
 // escaped: half as much again as the command leaves room for quotes and newlines.
 #define ORVA_SCHED_APP_ARGS_MAX 6144
 #define ORVA_SCHED_REPEAT_CFG_MAX 16   // intervals in each repeat_*_store_config list
+// Highest id a caller may give a task. Ids are never reused, so a given id near the
+// top of the range would leave no room for the ids assigned after it; the web API
+// reads ids as int, so assigned ids must stay well below 2^31 too.
+#define ORVA_SCHED_TASK_ID_MAX 999999999L
 
 // Bits of `truncated`: which text field was cut by a setter.
 enum {
@@ -245,6 +249,11 @@ std::string ORVASchedStoreDbPath();
 // A counter raised by every write of a task or an event task (not by run records):
 // reading it is one indexed row. Negative on failure.
 int64_t ORVASchedStoreGeneration();
+// Every store call first checks that the file at the store's path is still the one this
+// process has open (device and inode) and reopens it, logged, when it was replaced or
+// removed. A long-lived process calls this at each wake to learn of it: 1 when the
+// connection was dropped to be reopened (read everything again), else 0.
+int ORVASchedStoreReopenIfReplaced();
 
 // The runner program: ORVASchedSetRunnerPath, else $ORVA_SCHEDRUN, else
 // ORVAPathMap("/usr/orva/bin/orva-schedrun"). An empty path restores the default.

@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <string>
+#include <vector>
 
 namespace ORVA {
 
@@ -31,6 +32,18 @@ class SessionStore {
   bool Remove(const std::string& id);
   // Idle expiry in seconds: configuration key session_idle_timeout, default 1800.
   int IdleTimeout();
+
+  // Failed logins, shared by the workers, under keys such as "account:NAME" and
+  // "address:ADDR". After `failures` failures in a row the next attempt waits
+  // LoginDelay(failures) seconds from the last one; failures are forgotten 15 minutes
+  // after the last.
+  static double LoginDelay(int failures);
+  // Seconds the next login under any of `keys` must still wait (0: none).
+  double LoginWait(const std::vector<std::string>& keys);
+  // Counts a failure under each key; the largest count in a row.
+  int LoginFailed(const std::vector<std::string>& keys);
+  // A successful login forgets the failures of its keys.
+  void LoginSucceeded(const std::vector<std::string>& keys);
 
   ~SessionStore();
 

@@ -194,7 +194,7 @@ int Serve() {
     syslog(LOG_ERR, "cannot open the task store %s", db.c_str());
     return 1;
   }
-  if (inotify_add_watch(ifd, dbDir.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
+  if (inotify_add_watch(ifd, dbDir.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE) < 0) {
     syslog(LOG_ERR, "cannot watch %s: %m", dbDir.c_str());
     return 1;
   }
@@ -218,6 +218,10 @@ int Serve() {
   int rechecks = 0;
   int recheckMs = 0;
   auto checkStore = [&]() {
+    // Another file now at the store's path: its generation says nothing; read it all.
+    if (ORVASchedStoreReopenIfReplaced() == 1) {
+      generation = -1;
+    }
     const int64_t g = ORVASchedStoreGeneration();
     if (g >= 0 && g != generation) {
       generation = g;
@@ -242,6 +246,9 @@ int Serve() {
       if (errno == EINTR) continue;
       syslog(LOG_ERR, "poll failed: %m");
       return 1;
+    }
+    if (ready > 0 && !(pfd[2].revents & POLLIN)) {
+      checkStore();  // every wake notices a replaced store
     }
     if (ready == 0) {
       checkStore();

@@ -1,6 +1,9 @@
 // The store: records, persistence at the field limits, ids, owners, listing, sorting.
+#include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <set>
@@ -582,6 +585,59 @@ TEST(SchedStore, DatabaseSettingsAndSchemaVersion) {
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_DATABASE);
   EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA user_version"), "99");
   ORVA::ORVARootSet(other.path());
+}
+
+// Commands and outputs are private to the store's owner from the first open on, whatever
+// the umask: an ordinary account can read neither the database nor its WAL.
+TEST(SchedStore, StoreFilesArePrivateFromTheFirstOpen) {
+  TempRoot root;
+  TestUser user("p");
+  ASSERT_EQ(chmod(root.path().c_str(), 0755), 0);
+  const mode_t oldMask = umask(022);
+  Task t;
+  ORVASchedCTaskSetCommand(t.t, "echo secret");
+  ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
+  umask(oldMask);
+  const std::string db = ORVASchedStoreDbPath();
+  for (const auto& [path, mode] : {std::pair{root.path() + "/var/lib/orva", 0700}, std::pair{db, 0600},
+                                   std::pair{db + "-wal", 0600}, std::pair{db + "-shm", 0600}}) {
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
+    EXPECT_EQ(st.st_mode & 0777, static_cast<mode_t>(mode)) << path;
+  }
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (setgid(user.gid()) != 0 || setuid(user.uid()) != 0) _exit(3);
+    for (const std::string& path : {db, db + "-wal"}) {
+      if (open(path.c_str(), O_RDONLY) >= 0 || errno != EACCES) _exit(1);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// A store file put back from a copy, or removed, while this process has it open: the
+// next call works on the file now at the path, not on the one it had open.
+TEST(SchedStore, ReplacedOrRemovedStoreIsReopened) {
+  TempRoot root;
+  const std::string db = ORVASchedStoreDbPath();
+  Task a, b, c;
+  ASSERT_EQ(ORVASchedTaskSave(a.t), 0);
+  orva_test::QueryOne(db, ("VACUUM INTO '" + db + ".copy'").c_str());  // a copy holding task a only
+  ASSERT_EQ(ORVASchedTaskSave(b.t), 0);
+  for (const char* suffix : {"-wal", "-shm"}) unlink((db + suffix).c_str());
+  ASSERT_EQ(rename((db + ".copy").c_str(), db.c_str()), 0);
+  EXPECT_EQ(ORVASchedStoreReopenIfReplaced(), 1);
+  EXPECT_EQ(ORVASchedStoreReopenIfReplaced(), 0);
+  Task loaded;
+  EXPECT_EQ(ORVASchedTaskLoad(a.t->id, loaded.t), 0);
+  EXPECT_LT(ORVASchedTaskLoad(b.t->id, loaded.t), 0);
+  // Removed: a save creates a new store at the path instead of writing into the deleted file.
+  for (const char* suffix : {"", "-wal", "-shm"}) unlink((db + suffix).c_str());
+  ASSERT_EQ(ORVASchedTaskSave(c.t), 0);
+  EXPECT_EQ(orva_test::QueryOne(db, "SELECT count(*) FROM tasks"), "1");
 }
 
 TEST(SchedStore, ConnectionIsNotCarriedAcrossFork) {

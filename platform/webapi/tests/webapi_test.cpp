@@ -37,6 +37,8 @@ TEST(WebapiTypedReaders, EachReaderAcceptsOnlyItsOwnType) {
       {"2147483647", true, false, false},
       {"2147483648", false, false, false},  // beyond int
       {"-2147483649", false, false, false},
+      {"9223372036854775808", false, false, false},  // stored unsigned by JsonCpp
+      {"18446744073709551615", false, false, false},
       {"3.0", false, false, false},  // a real, even if integral
       {"\"7\"", false, true, false},
       {"\"\"", false, true, false},

@@ -236,6 +236,8 @@ TEST_F(RecycleTest, RefusedCallsTouchNothing) {
       {{"--disable", "-file_ext=tmp"}, 2},
       {{"--clean", "-x"}, 2},
       {{"--clean", ""}, 2},
+      {{"--clean", "--"}, 2},
+      {{"--clean", "-t", "1", "--", "--root=/elsewhere"}, 1},
   };
   for (const auto& [args, status] : bad) {
     SCOPED_TRACE(orvatest::Shown(args));

@@ -6,7 +6,7 @@
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn, execFileSync } from 'node:child_process';
-import { mkdtempSync, readFileSync, rmSync, existsSync } from 'node:fs';
+import { mkdtempSync, readFileSync, rmSync, existsSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { ApiClient, ApiError } from '../../assets/js/api.js';
@@ -50,6 +50,9 @@ before(async () => {
   } catch (err) {
     assert.fail(`staging ${build} failed (is the whole tree built?): ${err.stderr?.toString().slice(-2000)}`);
   }
+  // The shares the recycle task names: a task may name only existing ones.
+  writeFileSync(join(root, 'etc/orva/shares.json'), JSON.stringify(['docs', 'my media'].map(
+    (name) => ({ name, path: join(root, 'srv', name), recycle_bin: false }))));
   server = spawn(join(root, 'usr/orva/bin/orva-webapid'), ['--root', root, '--listen', '127.0.0.1:0', '--workers', '1'],
     { stdio: 'ignore' });
   const listenFile = join(root, 'run/orva/webapi.listen');
