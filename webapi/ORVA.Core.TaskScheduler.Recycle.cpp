@@ -95,7 +95,6 @@ bool TaskSchedulerRecycleHandler::ConvertToJson_App(const _tag_orva_sched_task_&
 bool TaskSchedulerRecycleHandler::ConvertFromJson_App(const Json::Value& json, _tag_orva_sched_task_& task) {
   Json::Value copy = json;
   std::vector<std::string> args;
-  std::vector<std::string> shareArgs;
   std::string command = "/usr/orva/bin/orvarecycle";
   std::string action;
   Json::Value shares(Json::arrayValue);
@@ -145,18 +144,19 @@ bool TaskSchedulerRecycleHandler::ConvertFromJson_App(const Json::Value& json, _
       return false;
     }
     // A name that is not a share could vanish from the command line (leaving "all
-    // shares") or read as an option: only the listed names pass.
+    // shares"), and one that begins with "-" would read as an option: neither passes.
     const std::vector<std::string> known = KnownShares();
     for (Json::ArrayIndex i = 0; i < selected.size(); ++i) {
       const std::string name = selected[i].isString() ? selected[i].asString() : std::string();
-      if (std::find(known.begin(), known.end(), name) == known.end() || EscapeShellName(name).empty()) {
+      if (std::find(known.begin(), known.end(), name) == known.end() || EscapeShellName(name).empty() ||
+          name[0] == '-') {
         syslog(LOG_ERR, "%s:%d error selected_shares, not a shared folder, json app=%s", kSrc, __LINE__,
                appText.c_str());
         SetError(4800, "invalid (app) object");
         return false;
       }
       action += " \"" + name + "\"";
-      shareArgs.push_back(name);
+      args.push_back(name);
     }
     shares = selected;
   }
@@ -206,10 +206,6 @@ bool TaskSchedulerRecycleHandler::ConvertFromJson_App(const Json::Value& json, _
     }
   }
 
-  if (!shareArgs.empty()) {
-    args.push_back("--");
-    args.insert(args.end(), shareArgs.begin(), shareArgs.end());
-  }
   for (const std::string& arg : args) {
     command += " " + EscapeShellName(arg);
   }

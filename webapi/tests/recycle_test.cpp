@@ -29,14 +29,14 @@ const struct FlatCase {
                        "reserve_policy_extension": [{"file_ext": "doc"}, {"file_ext": "pdf"}],
                        "reserve_policy_size_greater_check": "off",
                        "reserve_policy_size_smaller_check": "on", "reserve_policy_size_smaller": "1"}})",
-     " --clean -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576 -- docs media",
+     " --clean docs media -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576",
      "#schedule:clean_recycle_bin#: \"docs\" \"media\""},
     {R"({"recycle_action": "1", "clean_all": "yes"})", " --enable", kAll},
     {R"({"recycle_action": "0"})", " --disable", kAll},
     {R"({"recycle_action": "2", "clean_all": "YES"})", " --clean", kAll},
-    {R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a b"]})", " --disable -- a\\ b",
+    {R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a b"]})", " --disable a\\ b",
      "#share:share_disable_recycle_bin#: \"a b\""},
-    {R"({"recycle_action": "1", "clean_all": "no", "selected_shares": ["x", "y$z"]})", " --enable -- x y\\$z",
+    {R"({"recycle_action": "1", "clean_all": "no", "selected_shares": ["x", "y$z"]})", " --enable x y\\$z",
      "#share:share_enable_recycle_bin#: \"x\" \"y$z\""},
     {R"({"recycle_action": "2", "clean_all": "yes", "clean_policy": "clean_policy_by_time",
          "clean_policy_by_time_day": "30"})", " --clean -t 30", kAll},
@@ -84,12 +84,13 @@ const struct FlatCase {
     {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": ["--root=/elsewhere"]})", nullptr,
      "not a shared folder"},
     {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": [5]})", nullptr, "not a shared folder"},
+    {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": ["-t"]})", nullptr, "not a shared folder"},
 };
 
 TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
   tstest::TempRoot root;
   root.WriteFile("etc/orva/shares.json", R"([{"name": "docs"}, {"name": "media"}, {"name": "a b"}, {"name": "x"},
-                                             {"name": "y$z"}])");
+                                             {"name": "y$z"}, {"name": "-t"}])");
   for (const FlatCase& c : kFlatCases) {
     SCOPED_TRACE(c.app);
     tstest::ClearLogs();
@@ -204,7 +205,7 @@ TEST(ModuleRecycle, CreateWithEnableRecycleSwitchesBinsAndDoesNotStoreIt) {
   EXPECT_EQ(BinsOn(root), "docs web");
   const _tag_orva_sched_task_ r = Record(id);
   EXPECT_EQ(std::string(r.app_args).find("enableRecycle"), std::string::npos) << r.app_args;
-  EXPECT_STREQ(r.command, "/usr/orva/bin/orvarecycle --clean -- docs web");
+  EXPECT_STREQ(r.command, "/usr/orva/bin/orvarecycle --clean docs web");
   EXPECT_STREQ(r.action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
 }
 
@@ -308,7 +309,7 @@ TEST(ModuleRecycle, FormRoundTripThroughSetAndGet) {
                            "extension_check": true, "extension": [{"file_ext": "doc"}, {"file_ext": "pdf"}]}}})");
   const long id = tstest::Create("recycle", form);
   EXPECT_STREQ(Record(id).command,
-               "/usr/orva/bin/orvarecycle --clean -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576 -- docs media");
+               "/usr/orva/bin/orvarecycle --clean docs media -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576");
   tstest::Reply got = Call(2, "get", IdParams(id));
   ASSERT_TRUE(got.success);
   EXPECT_EQ(got.data["extra"], form) << got.data["extra"].toStyledString();
@@ -317,7 +318,7 @@ TEST(ModuleRecycle, FormRoundTripThroughSetAndGet) {
   Json::Value params = tstest::TaskObject("recycle", Parse(R"({"clean_file_policy": {"policy": "time", "time": 9}})"));
   params["id"] = static_cast<Json::Int64>(id);
   ASSERT_TRUE(Call(2, "set", params).success);
-  const std::string kept = "/usr/orva/bin/orvarecycle --clean -t 9 -file_ext=doc.pdf -l 1048576 -- docs media";
+  const std::string kept = "/usr/orva/bin/orvarecycle --clean docs media -t 9 -file_ext=doc.pdf -l 1048576";
   EXPECT_EQ(Record(id).command, kept);
 
   tstest::ClearLogs();
