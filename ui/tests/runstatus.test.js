@@ -13,7 +13,7 @@ test('run status: never run, running, finished, killed', () => {
     last_run: { trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', exit_code: 3, signal: null, output: 'a\nb\n', result: 'failed' },
   });
   assert.deepEqual(done.last, {
-    trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', duration: '2 min 5 s',
+    runId: null, trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', duration: '2 min 5 s',
     exitCode: 3, signal: null, result: 'failed', output: 'a\nb\n',
   });
 
