@@ -50,6 +50,10 @@ const char* const kMigrations[] = {
     "CREATE INDEX runs_by_task ON runs(kind, task_id, id);"
     "CREATE TABLE meta (key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
     "INSERT INTO meta(key, value) VALUES('generation', 0);",
+    // 2: the runner's start time (with its pid, it names the runner beyond pid reuse)
+    // and whether the kept output lost its beginning.
+    "ALTER TABLE runs ADD COLUMN runner_start INTEGER;"
+    "ALTER TABLE runs ADD COLUMN truncated INTEGER NOT NULL DEFAULT 0;",
 };
 
 struct State {

@@ -87,4 +87,8 @@ bool ParseByteList(const std::string& text, uint8_t* v, uint8_t& n, unsigned max
 // descriptors) and waits only until it has been executed. False with the error set.
 bool SpawnDetached(const std::string& program, const std::vector<std::string>& args);
 
+// The start time of a process in clock ticks since boot (/proc/PID/stat): with the pid
+// it names one process for good. -1 when it cannot be read (errno set).
+int64_t ProcessStartTime(pid_t pid);
+
 }  // namespace orva_sched

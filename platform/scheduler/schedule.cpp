@@ -159,6 +159,20 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
   return -1;
 }
 
+int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& s, time_t after, int count, std::vector<time_t>& out) {
+  out.clear();
+  if (count < 0 || !ORVASchedScheduleValidate(s)) {
+    SCHED_ERR(ORVA_SCHED_ERR_INVALID);
+    return -1;
+  }
+  for (time_t t = after; static_cast<int>(out.size()) < count;) {
+    t = ORVASchedScheduleNextTrigger(s, t);
+    if (t < 0) break;
+    out.push_back(t);
+  }
+  return static_cast<int>(out.size());
+}
+
 time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after) {
   return task.enabled ? ORVASchedScheduleNextTrigger(task.schedule, after) : -1;
 }

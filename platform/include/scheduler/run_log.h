@@ -22,9 +22,13 @@ enum ORVA_SCHED_RUN_KIND {
 int64_t ORVASchedRunBegin(int kind, long taskId, const char* trigger, pid_t runnerPid);
 // The pid of the process that runs the command.
 int ORVASchedRunSetPid(int64_t runId, pid_t pid);
+// The output so far of a run in progress (the kept tail; `truncated`: bytes before it
+// were dropped). Does nothing once the run has ended.
+int ORVASchedRunSetOutput(int64_t runId, const std::string& output, bool truncated);
 // Ends a run: exitCode is -1 when the command was killed by `signal` (0: none);
-// result is "success" or "failed".
-int ORVASchedRunEnd(int64_t runId, int exitCode, int signal, const std::string& output, const char* result);
+// result is "success", "failed" or "stopped".
+int ORVASchedRunEnd(int64_t runId, int exitCode, int signal, const std::string& output, const char* result,
+                    bool truncated = false);
 // Records, in one step, a run that never started (result "skipped" or "failed" with
 // the reason in `output`).
 int ORVASchedRunRecord(int kind, long taskId, const char* trigger, const char* result, const std::string& output);

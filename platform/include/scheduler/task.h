@@ -114,7 +114,8 @@ enum {
   ORVA_SCHED_ERR_NO_USER = 0x2104,       // unknown user name or uid
   ORVA_SCHED_ERR_DATABASE = 0x2105,      // SQLite failed
   ORVA_SCHED_ERR_INVALID = 0x2106,       // bad argument or schedule
-  ORVA_SCHED_ERR_RUN = 0x2107,           // the runner could not be started
+  ORVA_SCHED_ERR_RUN = 0x2107,           // the runner could not be started (or signalled)
+  ORVA_SCHED_ERR_NOT_RUNNING = 0x2108,   // stop: no run of the task is in progress
 };
 
 // List filter: nonzero keeps the task. Called once per stored task.
@@ -191,9 +192,12 @@ unsigned int ORVASchedTaskGetRealOwner(const _tag_orva_sched_task_& task);
 std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task);
 
 // {"id", "running", "pid", "last_run": {...} or null}; negative for an unknown task.
+// last_run is the run in progress when there is one (pid: its command's; output: what
+// it wrote so far), else the newest run (a skipped run never hides one in progress).
 // last_run: {"trigger", "start", "end" ("YYYY-MM-DD HH:MM:SS" local, end null while
 // unknown), "exit_code" (or null), "signal" (or null), "output" (the last 64 KiB of
-// stdout and stderr, invalid UTF-8 replaced), "result" ("success"/"failed"/"skipped")}.
+// stdout and stderr, invalid UTF-8 replaced), "result" ("running"/"success"/"failed"/
+// "skipped"/"stopped")}.
 int ORVASchedTaskGetRunStatus(int id, Json::Value& status);
 
 // ---- Platform side: the daemon, the runner, tools and tests use these. ----
@@ -225,6 +229,11 @@ bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& schedule);
 time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& schedule, time_t after);
 // The same for a task; -1 also when the task is disabled. The daemon's clock.
 time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after);
+// The first `count` triggers strictly after `after`, each found by
+// ORVASchedScheduleNextTrigger from the one before (the same rules as next_trigger_time);
+// fewer when nothing is left. Returns how many, or -1 for an invalid schedule. Saves nothing.
+int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& schedule, time_t after, int count,
+                                  std::vector<time_t>& out);
 // ORVASchedTaskGetNextTriggerTime with a given "now" instead of the wall clock.
 std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now);
 // "YYYY-MM-DD HH:MM" local, or "N/A" for -1.
@@ -246,6 +255,27 @@ std::string ORVASchedRunnerPath();
 // "running" (bool) and "pid". At most 50 runs are kept per task. Negative for an
 // unknown task.
 int ORVASchedTaskGetRunHistory(long id, Json::Value& runs);
+
+// Run summaries: {"run_id", "trigger", "start", "end" (null while open), "exit_code",
+// "signal", "result" (as in last_run), "output_bytes" (bytes kept, before invalid UTF-8
+// is replaced), "truncated" (the output lost its beginning to the 64 KiB limit)}.
+// {"running", "pid" (of the newest run in progress, or null), "runs": [summaries, newest
+// first]}. Negative for an unknown task.
+int ORVASchedTaskGetRuns(long id, Json::Value& out);
+// One run of the task: its summary plus "output". ORVA_SCHED_ERR_NOT_FOUND for an unknown
+// task or a run id that is not one of its runs.
+int ORVASchedTaskGetRun(long id, int64_t runId, Json::Value& run);
+// For the stored tasks among `ids` (others are left out), by id ascending, in one query:
+// [{"id", "running", "last_run": summary or null}], last_run chosen as status chooses it.
+int ORVASchedTaskGetRunSummaries(const std::vector<long>& ids, Json::Value& tasks);
+// Asks the runner of every run of the task in progress to stop it, and returns at once:
+// the runner sends SIGTERM to the command's process group, SIGKILL after a grace
+// period, and records the run as "stopped". Only a process verified to be the runner
+// recorded in the open run (pid and start time) is signalled. *runId (may be NULL): the
+// newest run asked. Fails with ORVA_SCHED_ERR_NOT_FOUND (unknown task),
+// ORVA_SCHED_ERR_NOT_RUNNING (nothing in progress), KELC_ERR_PERMISSION (the runner
+// belongs to another account) or ORVA_SCHED_ERR_RUN.
+int ORVASchedTaskStop(long id, int64_t* runId);
 
 // ---- Event tasks: their own table in the same database. ORVASchedTaskListGet never
 // returns them; their ids are their own. ----

@@ -12,12 +12,15 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
+#include <poll.h>
 #include <sys/mount.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -174,7 +177,12 @@ void DropPrivileges(const struct passwd& pw) {
 }
 
 [[noreturn]] void RunChild(const Job& job, const struct passwd& pw, int outFd, const std::string& lang) {
+  // Its own session and process group, so that a stop reaches everything it started.
   setsid();
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  signal(SIGPIPE, SIG_DFL);
   int devnull = open("/dev/null", O_RDONLY);
   if (devnull < 0 || dup2(devnull, 0) < 0 || dup2(outFd, 1) < 0 || dup2(outFd, 2) < 0) _exit(126);
   bool privileged = geteuid() == 0;
@@ -198,19 +206,110 @@ void DropPrivileges(const struct passwd& pw) {
   _exit(127);
 }
 
-// Reads the command's output until it closes, keeping the last bytes.
-std::string ReadTail(int fd) {
-  std::string out;
+// The signals the runner takes through a signalfd: stop requests and the command's end.
+sigset_t RunnerSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&set, sig);
+  return set;
+}
+
+int64_t NowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Grace between SIGTERM and SIGKILL when a run is stopped.
+constexpr int64_t kStopGraceMs = 3000;
+// Output reaches the run's row at most this often while the command runs.
+constexpr int64_t kFlushMs = 1000;
+
+struct Outcome {
+  int status = 0;
+  bool stopped = false;
+  std::string output;  // the last ORVA_SCHED_RUN_OUTPUT_MAX bytes
+  bool truncated = false;
+};
+
+// Reads the command's output until it ends, keeping the last bytes and writing them
+// into the run's row when new output came (at most once a second). A stop request
+// (SIGTERM, SIGINT, SIGHUP to the runner) ends the command's process group: SIGTERM,
+// SIGKILL after the grace period.
+Outcome Supervise(int64_t runId, pid_t child, int outFd, int sigFd) {
+  Outcome o;
+  bool pipeOpen = true, childDone = false, dirty = false;
+  int64_t lastFlush = NowMs(), killAt = -1, giveUpAt = -1;
   char buf[16384];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof(buf));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    out.append(buf, static_cast<size_t>(n));
-    if (out.size() > 2 * ORVA_SCHED_RUN_OUTPUT_MAX) out.erase(0, out.size() - ORVA_SCHED_RUN_OUTPUT_MAX);
+  auto keep = [&](const char* data, size_t n) {
+    o.output.append(data, n);
+    if (o.output.size() > 2 * ORVA_SCHED_RUN_OUTPUT_MAX) {
+      o.output.erase(0, o.output.size() - ORVA_SCHED_RUN_OUTPUT_MAX);
+      o.truncated = true;
+    }
+  };
+  while (pipeOpen || !childDone) {
+    int64_t now = NowMs();
+    int64_t wake = -1;
+    auto soonest = [&](int64_t t) {
+      if (t >= 0 && (wake < 0 || t < wake)) wake = t;
+    };
+    if (dirty) soonest(lastFlush + kFlushMs);
+    if (killAt >= 0) soonest(killAt);
+    if (giveUpAt >= 0) soonest(giveUpAt);
+    struct pollfd fds[2] = {{sigFd, POLLIN, 0}, {pipeOpen ? outFd : -1, POLLIN, 0}};
+    int timeout = wake < 0 ? -1 : static_cast<int>(std::max<int64_t>(0, wake - now));
+    if (poll(fds, 2, timeout) < 0 && errno != EINTR) break;
+    if (fds[1].revents) {
+      ssize_t n = read(outFd, buf, sizeof(buf));
+      if (n > 0) {
+        keep(buf, static_cast<size_t>(n));
+        dirty = true;
+      } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+        pipeOpen = false;
+      }
+    }
+    if (fds[0].revents) {
+      struct signalfd_siginfo si;
+      while (read(sigFd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
+        if (si.ssi_signo != SIGCHLD && !o.stopped) {
+          o.stopped = true;
+          syslog(LOG_NOTICE, "%s:%d stop requested (signal %u from pid %u): ending process group %d", "main",
+                 __LINE__, si.ssi_signo, si.ssi_pid, static_cast<int>(child));
+          kill(-child, SIGTERM);
+          killAt = NowMs() + kStopGraceMs;
+        }
+      }
+    }
+    if (!childDone) {
+      int st = 0;
+      if (waitpid(child, &st, WNOHANG) == child) {
+        childDone = true;
+        o.status = st;
+      }
+    }
+    now = NowMs();
+    if (killAt >= 0 && now >= killAt) {
+      kill(-child, SIGKILL);
+      killAt = -1;
+      giveUpAt = now + kStopGraceMs;
+    }
+    // A process that left the group may hold the pipe open for good.
+    if (giveUpAt >= 0 && now >= giveUpAt && childDone) break;
+    if (dirty && pipeOpen && now - lastFlush >= kFlushMs) {
+      std::string tail = o.output.size() > ORVA_SCHED_RUN_OUTPUT_MAX
+                             ? o.output.substr(o.output.size() - ORVA_SCHED_RUN_OUTPUT_MAX)
+                             : o.output;
+      ORVASchedRunSetOutput(runId, tail, o.truncated || tail.size() < o.output.size());
+      lastFlush = now;
+      dirty = false;
+    }
   }
-  if (out.size() > ORVA_SCHED_RUN_OUTPUT_MAX) out.erase(0, out.size() - ORVA_SCHED_RUN_OUTPUT_MAX);
-  return out;
+  if (o.output.size() > ORVA_SCHED_RUN_OUTPUT_MAX) {
+    o.output.erase(0, o.output.size() - ORVA_SCHED_RUN_OUTPUT_MAX);
+    o.truncated = true;
+  }
+  return o;
 }
 
 int Run(Job& job, const char* trigger) {
@@ -259,8 +358,10 @@ int Run(Job& job, const char* trigger) {
   }
   const char* langEnv = getenv("LANG");
   std::string lang = langEnv && *langEnv ? langEnv : "C.UTF-8";
-  int pfd[2];
-  if (pipe2(pfd, O_CLOEXEC) != 0) {
+  int pfd[2], ready[2];
+  sigset_t signals = RunnerSignals();
+  int sigFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (sigFd < 0 || pipe2(pfd, O_CLOEXEC) != 0 || pipe2(ready, O_CLOEXEC) != 0) {
     ORVASchedRunEnd(runId, -1, 0, std::string("cannot create a pipe: ") + strerror(errno), "failed");
     return 1;
   }
@@ -273,16 +374,22 @@ int Run(Job& job, const char* trigger) {
     RunChild(job, pw, pfd[1], lang);
   }
   close(pfd[1]);
-  ORVASchedRunSetPid(runId, child);
-  std::string output = ReadTail(pfd[0]);
-  close(pfd[0]);
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  close(ready[1]);
+  // The child closes its end after setsid(): from then on its process group exists,
+  // so a stop request can reach the whole group.
+  char none;
+  while (read(ready[0], &none, 1) < 0 && errno == EINTR) {
   }
+  close(ready[0]);
+  ORVASchedRunSetPid(runId, child);
+  Outcome o = Supervise(runId, child, pfd[0], sigFd);
+  close(pfd[0]);
+  close(sigFd);
+  int status = o.status;
   int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   int sig = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-  const char* result = exitCode == 0 ? "success" : "failed";
-  if (ORVASchedRunEnd(runId, exitCode, sig, output, result) != 0) {
+  const char* result = o.stopped ? "stopped" : exitCode == 0 ? "success" : "failed";
+  if (ORVASchedRunEnd(runId, exitCode, sig, o.output, result, o.truncated) != 0) {
     syslog(LOG_ERR, "%s:%d cannot record the end of %s %ld [0x%04X %s:%d]", "main", __LINE__, what, job.id,
            KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
     return 1;
@@ -302,6 +409,10 @@ int main(int argc, char** argv) {
   }
   openlog("orva-schedrun", LOG_PID | LOG_PERROR, LOG_USER);
   signal(SIGPIPE, SIG_IGN);
+  // Held from the start: a stop request that comes before the command has started
+  // waits for it instead of killing the runner.
+  sigset_t signals = RunnerSignals();
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
 
   static const struct option kOptions[] = {
       {"root", required_argument, nullptr, 'r'},

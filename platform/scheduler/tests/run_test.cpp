@@ -123,15 +123,27 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
 
 TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
   TestUser u("s");
-  long once = Save("sleep 2; echo done", u.uid(), false);
+  long once = Save("echo begun; sleep 3; echo done", u.uid(), false);
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);  // returns at once: the run goes on detached
   EXPECT_TRUE(WaitRunning(once)["pid"].isInt());
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);
-  Json::Value runs = WaitRuns(once, 2);
+  // The skipped run never hides the run in progress, whose output shows while it runs.
+  Json::Value status, runs;
+  EXPECT_TRUE(orva_test::WaitFor([&] {
+    EXPECT_EQ(ORVASchedTaskGetRunHistory(once, runs), 0);
+    EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(once), status), 0);
+    return runs.size() == 2 && status["last_run"]["output"] == "begun\n";
+  }, 25)) << status;
+  EXPECT_EQ(runs[0]["result"], "skipped");
+  EXPECT_TRUE(status["running"].asBool());
+  EXPECT_EQ(status["pid"], runs[1]["pid"]);
+  EXPECT_EQ(status["last_run"]["result"], "running");
+  EXPECT_TRUE(status["last_run"]["end"].isNull());
+  runs = WaitRuns(once, 2);
   ASSERT_EQ(runs.size(), 2u);
   EXPECT_EQ(runs[0]["result"], "skipped");  // newest first
   EXPECT_EQ(runs[1]["result"], "success");
-  EXPECT_EQ(runs[1]["output"], "done\n");
+  EXPECT_EQ(runs[1]["output"], "begun\ndone\n");
 
   // A task that may run twice at once does.
   long twice = Save("sleep 1", u.uid(), true);

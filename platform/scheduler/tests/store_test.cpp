@@ -572,7 +572,7 @@ TEST(SchedStore, DatabaseSettingsAndSchemaVersion) {
   const std::string db = ORVASchedStoreDbPath();
   EXPECT_EQ(db, root.path() + "/var/lib/orva/scheduler.db");
   EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA journal_mode"), "wal");
-  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA user_version"), "1");
+  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA user_version"), "2");
   // A database from a newer release is refused, not rewritten.
   orva_test::QueryOne(db, "PRAGMA user_version=99");
   TempRoot other;  // switching roots reopens
