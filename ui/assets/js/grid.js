@@ -149,11 +149,11 @@ export function rowReasons(item) {
   const locked = 'row.reason_locked';
   return {
     toggle: caps.toggle ? null : locked,
-    edit: caps.edit ? null : event ? 'row.reason_event_edit' : item.can_edit !== true ? locked : 'row.not_editable',
+    edit: caps.edit ? null : event ? 'row.reason_event_edit' : !isEditableKind(item.type) ? 'row.not_editable' : locked,
     run: caps.run ? null : event ? 'row.reason_event_run' : 'row.reason_norun',
     result: caps.result ? null : 'row.reason_event_run',
     delete: caps.delete ? null : locked,
-    clone: caps.edit ? null : event ? 'row.reason_event_edit' : item.can_edit !== true ? locked : 'row.not_editable',
+    clone: caps.edit ? null : event ? 'row.reason_event_edit' : !isEditableKind(item.type) ? 'row.not_editable' : locked,
   };
 }
 

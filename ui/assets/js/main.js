@@ -376,10 +376,12 @@ async function fetchPage() {
     }
     return { tasks: Array.isArray(data.tasks) ? data.tasks : [], total: Number.isInteger(data.total) ? data.total : 0 };
   }
-  const all = (await allTasks()).filter((x) => matchesFilter(x, app.grid.filter));
+  const every = await allTasks();
+  const all = every.filter((x) => matchesFilter(x, app.grid.filter));
   app.grid = clampPage(app.grid, all.length);
   const first = app.grid.page * app.grid.pageSize;
-  return { tasks: all.slice(first, first + app.grid.pageSize), total: all.length, all };
+  // A selection outlives a change of filter; only tasks that are gone leave it.
+  return { tasks: all.slice(first, first + app.grid.pageSize), total: all.length, all: every };
 }
 
 async function loadList({ quiet = false } = {}) {
