@@ -9,6 +9,15 @@ using orvatest::ParseJson;
 
 class ServerEntry : public orvatest::ServerTest {};
 
+// On every reply: the admin page may not be framed, sniffed or leak its address.
+void ExpectSecurityHeaders(const orvatest::HttpReply& r) {
+  EXPECT_EQ("default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'self'",
+            r.Header("content-security-policy"));
+  EXPECT_EQ("nosniff", r.Header("x-content-type-options"));
+  EXPECT_EQ("DENY", r.Header("x-frame-options"));
+  EXPECT_EQ("no-referrer", r.Header("referrer-policy"));
+}
+
 TEST_F(ServerEntry, ModuleRepliesKeepTheirShapeAndHttp200) {
   struct Case {
     const char* method;
@@ -25,6 +34,7 @@ TEST_F(ServerEntry, ModuleRepliesKeepTheirShapeAndHttp200) {
     EXPECT_EQ(200, r.status);
     EXPECT_EQ(ParseJson(c.expected), r.json);
     EXPECT_EQ("application/json; charset=utf-8", r.Header("content-type"));
+    ExpectSecurityHeaders(r);
   }
   auto echo = server.Api(Envelope("ORVA.Test.Public", 2, "echo", ParseJson(R"({"a": [1, {"b": null}]})")));
   EXPECT_EQ(200, echo.status);
@@ -215,6 +225,7 @@ TEST_F(ServerEntry, StaticFilesComeOnlyFromTheWebmanFolder) {
     SCOPED_TRACE(c.target);
     auto r = server.Http("GET", c.target);
     EXPECT_EQ(c.status, r.status);
+    ExpectSecurityHeaders(r);
     if (c.body != nullptr) {
       EXPECT_EQ(c.body, r.body);
       EXPECT_EQ(c.type, r.Header("content-type"));

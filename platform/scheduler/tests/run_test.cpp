@@ -1,5 +1,6 @@
 // Real runs through orva-schedrun: as the owner, with the owner's groups, in the
 // appliance's mount namespace, recorded with output and exit status.
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <set>
@@ -224,6 +225,68 @@ TEST_F(SchedRunTest, SignalAndLongOutput) {
   EXPECT_EQ(output.size(), static_cast<size_t>(ORVA_SCHED_RUN_OUTPUT_MAX) + 2);
   EXPECT_EQ(output.substr(output.size() - 8), "a\xef\xbf\xbd" "END\n");
   EXPECT_EQ(runs[0]["result"], "success");
+}
+
+// Gone, or a zombie nobody reaped yet: either way it no longer runs.
+bool Ended(pid_t pid) {
+  std::string stat = Slurp("/proc/" + std::to_string(pid) + "/stat");
+  return stat.empty() || stat.find(") Z ") != std::string::npos;
+}
+
+TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
+  TestUser u("p");
+  struct Case {
+    const char* command;
+    int signal;  // what the command's shell ended with
+  } cases[] = {
+      {"sleep 60 & echo $! > /usr/orva/out/bg; echo begun; wait", SIGTERM},
+      {"trap '' TERM; echo begun; sleep 60", SIGKILL},  // SIGTERM ignored: killed after the grace period
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    long id = Save(c.command, u.uid());
+    ASSERT_EQ(ORVASchedTaskRun(id, 0, 0), 0);
+    Json::Value status;
+    ASSERT_TRUE(orva_test::WaitFor([&] {
+      return ORVASchedTaskGetRunStatus(static_cast<int>(id), status) == 0 &&
+             status["last_run"]["output"] == "begun\n";
+    }, 50)) << status;
+    int64_t runId = 0;
+    ASSERT_EQ(ORVASchedTaskStop(id, &runId), 0);
+    Json::Value runs = WaitRuns(id, 1);
+    EXPECT_EQ(runs[0]["run_id"], static_cast<Json::Int64>(runId));
+    EXPECT_EQ(runs[0]["result"], "stopped");
+    EXPECT_EQ(runs[0]["signal"], c.signal);
+    EXPECT_EQ(runs[0]["output"], "begun\n");
+    EXPECT_EQ(ORVASchedTaskStop(id, nullptr), -1);
+    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_RUNNING);
+  }
+  // The background process of the group went too.
+  pid_t bg = static_cast<pid_t>(std::stol(Slurp(out_ + "/bg")));
+  EXPECT_TRUE(orva_test::WaitFor([&] { return Ended(bg); }));
+
+  // An open run whose recorded runner is not the process that has the pid now: nothing
+  // is signalled, and it is not shown as running.
+  long id = Save("true", u.uid());
+  pid_t other = fork();
+  if (other == 0) {
+    execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int64_t run = ORVASchedRunBegin(ORVA_SCHED_RUN_TASK, id, "manual", other);
+  ASSERT_GT(run, 0);
+  Json::Value status;
+  ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
+  EXPECT_TRUE(status["running"].asBool());
+  orva_test::QueryOne(ORVASchedStoreDbPath(),
+                      ("UPDATE runs SET runner_start = runner_start + 1 WHERE id = " + std::to_string(run)).c_str());
+  EXPECT_EQ(ORVASchedTaskStop(id, nullptr), -1);
+  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_RUNNING);
+  ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
+  EXPECT_FALSE(status["running"].asBool());
+  EXPECT_EQ(waitpid(other, nullptr, WNOHANG), 0);  // still alive
+  kill(other, SIGKILL);
+  waitpid(other, nullptr, 0);
 }
 
 TEST_F(SchedRunTest, HistoryKeepsTheLastFifty) {

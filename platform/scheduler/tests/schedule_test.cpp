@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "scheduler/task.h"
 
@@ -131,6 +132,43 @@ TEST(SchedSchedule, NextTriggerTable) {
       EXPECT_EQ(next, Utc(c.wantUtc));
     }
   }
+  unsetenv("TZ");
+  tzset();
+}
+
+// Several start times in a row, as a preview lists them: clock changes inside the list,
+// and fewer than asked when the schedule ends.
+TEST(SchedSchedule, NextTriggersList) {
+  struct ListCase {
+    const char* what;
+    Case schedule;
+    int count;
+    std::vector<std::string> want;
+  } cases[] = {
+      {"gap inside", {"", BER, D, "2024-03-01", 0, 2, 30, 0, 0, 23, "2024-03-29 12:00", "", nullptr}, 3,
+       {"2024-03-30 02:30", "2024-03-31 03:00", "2024-04-01 02:30"}},
+      {"overlap runs once", {"", BER, D, "2024-10-01", 0, 0, 0, 0, 30, 3, "2024-10-26 23:30", "", nullptr}, 4,
+       {"2024-10-27 02:00", "2024-10-27 02:30", "2024-10-27 03:00", "2024-10-27 03:30"}},
+      {"once: fewer", {"", BER, O, "2024-02-29", 0, 12, 0, 0, 0, 23, "2024-02-01 00:00", "", nullptr}, 5,
+       {"2024-02-29 12:00"}},
+      {"once, past: none", {"", BER, O, "2024-02-29", 0, 12, 0, 0, 0, 23, "2024-03-01 00:00", "", nullptr}, 5, {}},
+  };
+  setenv("TZ", BER, 1);
+  tzset();
+  for (const ListCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<time_t> next;
+    EXPECT_EQ(ORVASchedScheduleNextTriggers(Make(c.schedule), Utc(c.schedule.nowUtc), c.count, next),
+              static_cast<int>(c.want.size()));
+    std::vector<std::string> got;
+    for (time_t t : next) got.push_back(ORVASchedFormatTriggerTime(t));
+    EXPECT_EQ(got, c.want);
+  }
+  ORVA_SCHED_SCHEDULE noDays = Make(kCases[0]);
+  noDays.repeat = W;
+  noDays.week_mask = 0;
+  std::vector<time_t> next;
+  EXPECT_EQ(ORVASchedScheduleNextTriggers(noDays, 0, 3, next), -1);
   unsetenv("TZ");
   tzset();
 }
