@@ -55,6 +55,7 @@ test('polling goes on while running and shortly after a start until the new run 
     ['started, new run shown', fresh, t0, t0 + 1500, undefined, false],
     ['started, old run shown, grace over', old, t0, t0 + 6000, undefined, false],
     ['baseline: same start is the old run', old, t0, t0 + 1000, old.last.start, true],
+    ['baseline: the old run, though the appliance clock is ahead', fresh, t0, t0 + 1000, fresh.last.start, true],
     ['baseline: a different start is the new run', { running: false, last: { start: 'odd clock' } }, t0, t0 + 1000, old.last.start, false],
     ['running beats everything', { running: true, last: fresh.last }, t0, t0 + 99999, fresh.last.start, true],
   ];

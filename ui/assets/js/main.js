@@ -10,7 +10,7 @@ import {
 } from './grid.js';
 import { EVENT_API, matchEventEntry, eventEnableParams, entryOwnerName } from './events.js';
 import { serviceLabel, SERVICE_TEXT_KEYS } from './kinds.js';
-import { formatTimestamp } from './runstatus.js';
+import { formatTimestamp, describeRun } from './runstatus.js';
 import { Editor } from './editor.js';
 import { ResultView } from './result.js';
 
@@ -72,6 +72,7 @@ const editor = new Editor({
 const results = new ResultView({
   dialog: $('#result-dialog'), client, getT, toaster,
   onRun: () => loadList({ quiet: true }),
+  onClose: () => loadList({ quiet: true }),
 });
 
 // ---- language ---------------------------------------------------------------------
@@ -482,12 +483,12 @@ function lastRunCell(item) {
   const s = app.lastRuns.get(item.id);
   if (!s) return h('td', { class: 'col-last muted' }, app.noRuns ? '' : '–');
   const parts = [];
-  if (s.running) parts.push(h('span', { class: 'badge running', text: t('result.running_nopid') }));
   const lr = s.last_run;
+  if (s.running || lr?.result === 'running') parts.push(h('span', { class: 'badge running', text: t('result.running_badge') }));
   if (lr && lr.result !== 'running') {
-    parts.push(h('span', { class: `badge ${lr.result}`, text: t.has(`result.${lr.result}`) ? t(`result.${lr.result}`) : lr.result }),
-      h('span', { class: 'when', text: formatTimestamp(lr.start).slice(0, 16) }));
+    parts.push(h('span', { class: `badge ${lr.result}`, text: t.has(`result.${lr.result}`) ? t(`result.${lr.result}`) : lr.result }));
   }
+  if (lr?.start) parts.push(h('span', { class: 'when', text: formatTimestamp(lr.start).slice(0, 16) }));
   if (parts.length === 0) parts.push(h('span', { class: 'muted', text: t('grid.never') }));
   return h('td', { class: 'col-last' }, h('span', { class: 'last-run' }, parts));
 }
@@ -680,7 +681,10 @@ async function runBulk(action, items, { revert = null, openResult = false } = {}
     // Those left out are named, so nobody thinks they were done.
     if (plan.skipped.length) toaster.error(t('toast.skipped', { n: plan.skipped.length, names: names(plan.skipped) }));
     if (action === 'delete') for (const it of targets) app.selected.delete(rowKey(it));
-    if (openResult && targets.length === 1 && !isEventTask(targets[0])) results.open(targets[0], { startedAt: Date.now() });
+    if (openResult && targets.length === 1 && !isEventTask(targets[0])) {
+      const known = app.lastRuns.get(targets[0].id);
+      results.open(targets[0], { startedAt: Date.now(), baseline: known ? describeRun(known.last_run).start : undefined });
+    }
   } catch (err) {
     if (revert) revert.checked = !revert.checked;
     if (!(err instanceof ApiError && [ERR_NOT_LOGGED_IN].includes(err.code))) toaster.error(errorText(err, t));
@@ -777,13 +781,18 @@ function initGridControls() {
 }
 
 // Next run times move on: refresh the grid now and then while the page is in view and
-// nothing else is going on.
+// nothing else is going on; more often while a task on the page runs, so its end shows.
 const AUTO_REFRESH_MS = 30000;
+const RUNNING_REFRESH_MS = 5000;
+let lastRefresh = Date.now();
 setInterval(() => {
   if (!app.user || app.busy || document.visibilityState !== 'visible') return;
   if (document.querySelector('dialog[open]')) return;
+  const running = [...app.lastRuns.values()].some((x) => x.running);
+  if (Date.now() - lastRefresh < (running ? RUNNING_REFRESH_MS : AUTO_REFRESH_MS)) return;
+  lastRefresh = Date.now();
   loadList({ quiet: true });
-}, AUTO_REFRESH_MS);
+}, RUNNING_REFRESH_MS);
 
 $('#login-form').addEventListener('submit', onLoginSubmit);
 $('#logout').addEventListener('click', onLogout);

@@ -13,12 +13,13 @@ const POLL_MS = 2000;
 const KNOWN_RESULTS = ['success', 'failed', 'skipped', 'stopped', 'running'];
 
 export class ResultView {
-  constructor({ dialog, client, getT, toaster, onRun }) {
+  constructor({ dialog, client, getT, toaster, onRun, onClose }) {
     this.dialog = dialog;
     this.client = client;
     this.getT = getT;
     this.toaster = toaster;
     this.onRun = onRun;
+    this.onClose = onClose;
     this.body = dialog.querySelector('#result-body');
     this.title = dialog.querySelector('#result-title');
     this.live = dialog.querySelector('#result-live');
@@ -36,12 +37,17 @@ export class ResultView {
     return this.getT();
   }
 
-  open(item, { startedAt = null } = {}) {
+  // `baseline`: the start of the task's newest run before `startedAt`, when known.
+  open(item, { startedAt = null, baseline = undefined } = {}) {
     const t = this.t;
-    openModal(this.dialog, () => this.stop());
+    openModal(this.dialog, () => {
+      this.stop();
+      // A run may have started, ended or been stopped meanwhile: the grid shows it.
+      if (this.onClose) this.onClose();
+    });
     this.item = item;
     this.startedAt = startedAt;
-    this.baseline = undefined;
+    this.baseline = baseline;
     this.lastStart = undefined;
     this.chosen = null;
     this.session++;
@@ -117,7 +123,7 @@ export class ResultView {
   resultBadge(result) {
     const t = this.t;
     const known = KNOWN_RESULTS.includes(result);
-    return h('span', { class: `badge ${known ? result : ''}`, text: known ? t(`result.${result}`) : result || '–' });
+    return h('span', { class: `badge ${known ? result : ''}`, text: known ? t(result === 'running' ? 'result.running_badge' : `result.${result}`) : result || '–' });
   }
 
   render(state) {

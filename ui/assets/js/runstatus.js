@@ -69,13 +69,14 @@ export function describeRunStatus(status) {
 // Whether the dialog should ask again: while the task runs, and shortly after a start
 // until the status shows that run (the run is detached and may lag a moment). A run
 // counts as shown when its start differs from the one seen before the start
-// (`baselineStart`, undefined when not known) or lies after the start (clocks of
-// browser and server may differ a little).
+// (`baselineStart`, undefined when not known); without a baseline, when it lies after
+// the start. Starts are the appliance's wall-clock time, which may be hours off the
+// browser's: a known baseline is never second-guessed by the browser's clock.
 export function shouldPoll(desc, startedAt, now, baselineStart = undefined, graceMs = 5000) {
   if (desc.running) return true;
   if (startedAt === null || now - startedAt >= graceMs) return false;
   const start = desc.last ? desc.last.start : '';
-  if (baselineStart !== undefined && start !== baselineStart) return false;
+  if (baselineStart !== undefined) return start === baselineStart;
   const epoch = desc.last ? timeToEpoch(desc.last.start) : null;
   if (epoch !== null && epoch * 1000 >= startedAt - 2000) return false;
   return true;
