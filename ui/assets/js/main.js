@@ -72,7 +72,11 @@ const editor = new Editor({
 const results = new ResultView({
   dialog: $('#result-dialog'), client, getT, toaster,
   onRun: () => loadList({ quiet: true }),
-  onClose: () => loadList({ quiet: true }),
+  // The grid behind the dialog follows a start, end or stop the dialog sees first.
+  onStatus: (item, { running, runId }) => {
+    const known = app.lastRuns.get(item.id);
+    if (known && (known.running !== running || (known.last_run?.run_id ?? null) !== runId)) loadList({ quiet: true });
+  },
 });
 
 // ---- language ---------------------------------------------------------------------
@@ -781,18 +785,13 @@ function initGridControls() {
 }
 
 // Next run times move on: refresh the grid now and then while the page is in view and
-// nothing else is going on; more often while a task on the page runs, so its end shows.
+// nothing else is going on.
 const AUTO_REFRESH_MS = 30000;
-const RUNNING_REFRESH_MS = 5000;
-let lastRefresh = Date.now();
 setInterval(() => {
   if (!app.user || app.busy || document.visibilityState !== 'visible') return;
   if (document.querySelector('dialog[open]')) return;
-  const running = [...app.lastRuns.values()].some((x) => x.running);
-  if (Date.now() - lastRefresh < (running ? RUNNING_REFRESH_MS : AUTO_REFRESH_MS)) return;
-  lastRefresh = Date.now();
   loadList({ quiet: true });
-}, RUNNING_REFRESH_MS);
+}, AUTO_REFRESH_MS);
 
 $('#login-form').addEventListener('submit', onLoginSubmit);
 $('#logout').addEventListener('click', onLogout);

@@ -13,13 +13,13 @@ const POLL_MS = 2000;
 const KNOWN_RESULTS = ['success', 'failed', 'skipped', 'stopped', 'running'];
 
 export class ResultView {
-  constructor({ dialog, client, getT, toaster, onRun, onClose }) {
+  constructor({ dialog, client, getT, toaster, onRun, onStatus }) {
     this.dialog = dialog;
     this.client = client;
     this.getT = getT;
     this.toaster = toaster;
     this.onRun = onRun;
-    this.onClose = onClose;
+    this.onStatus = onStatus;
     this.body = dialog.querySelector('#result-body');
     this.title = dialog.querySelector('#result-title');
     this.live = dialog.querySelector('#result-live');
@@ -40,11 +40,7 @@ export class ResultView {
   // `baseline`: the start of the task's newest run before `startedAt`, when known.
   open(item, { startedAt = null, baseline = undefined } = {}) {
     const t = this.t;
-    openModal(this.dialog, () => {
-      this.stop();
-      // A run may have started, ended or been stopped meanwhile: the grid shows it.
-      if (this.onClose) this.onClose();
-    });
+    openModal(this.dialog, () => this.stop());
     this.item = item;
     this.startedAt = startedAt;
     this.baseline = baseline;
@@ -88,6 +84,7 @@ export class ResultView {
     }
     if (session !== this.session) return;
     this.render(state);
+    if (this.onStatus) this.onStatus(this.item, { running: state.running, runId: state.runs[0]?.runId ?? null });
     const newest = state.runs[0] ?? null;
     const start = newest ? newest.start : '';
     const poll = shouldPoll({ running: state.running, last: newest }, this.startedAt, Date.now(), this.baseline);

@@ -44,6 +44,11 @@ function ensurePam() {
   }
 }
 
+// The appliance runs in a zone far from the browser's (BROWSER_TZ), so a page that
+// took the browser's clock for the appliance's shows wrong times and warnings.
+export const APPLIANCE_TZ = 'Asia/Kathmandu';
+const BROWSER_TZ = 'America/Los_Angeles';
+
 // A running appliance: {base, root, token, admin, plain, client, stop()}.
 export async function startSystem() {
   assert.ok(build, 'ORVA_BUILD_DIR must be set (CTest sets it)');
@@ -64,9 +69,9 @@ export async function startSystem() {
 
   const bin = join(root, 'usr/orva/bin');
   const procs = [];
-  const server = spawn(join(bin, 'orva-webapid'), ['--root', root, '--listen', '127.0.0.1:0', '--workers', '2'], { stdio: 'ignore' });
-  procs.push(server);
-  procs.push(spawn(join(bin, 'orva-schedulerd'), ['--root', root], { stdio: 'ignore' }));
+  const opts = { stdio: 'ignore', env: { ...process.env, TZ: APPLIANCE_TZ } };
+  procs.push(spawn(join(bin, 'orva-webapid'), ['--root', root, '--listen', '127.0.0.1:0', '--workers', '2'], opts));
+  procs.push(spawn(join(bin, 'orva-schedulerd'), ['--root', root], opts));
   const listenFile = join(root, 'run/orva/webapi.listen');
   for (let i = 0; i < 400 && !existsSync(listenFile); i++) await new Promise((r) => setTimeout(r, 50));
   assert.ok(existsSync(listenFile), 'the server did not start');
@@ -112,7 +117,9 @@ export function launch() {
 // A fresh browser context and page; any script error or CSP violation of the page fails
 // the test (collected in page.problems, checked by the scenario's end).
 export async function openPage(browser, { lang = 'en-US', dark = false, width = 1366, height = 900 } = {}) {
-  const context = await browser.newContext({ locale: lang, colorScheme: dark ? 'dark' : 'light', viewport: { width, height }, reducedMotion: 'reduce' });
+  const context = await browser.newContext({
+    locale: lang, timezoneId: BROWSER_TZ, colorScheme: dark ? 'dark' : 'light', viewport: { width, height }, reducedMotion: 'reduce',
+  });
   const page = await context.newPage();
   page.problems = [];
   page.on('pageerror', (err) => page.problems.push(`page error: ${err.message}`));
@@ -143,6 +150,11 @@ export async function signInWithPassword(page, sys, account) {
 }
 
 export const row = (page, name) => page.locator('#grid-body tr', { has: page.locator('td.col-name', { hasText: new RegExp(`^${name.replace(/[.*+?^${}()|[\]\\]/g, '\\$&')}$`) }) });
+
+export async function openResult(page, name) {
+  await row(page, name).getByRole('button', { name: `Show the last result of task ${name}` }).click();
+  await page.locator('#result-body .facts').waitFor();
+}
 
 // The editor is open and filled.
 export async function editorReady(page) {
