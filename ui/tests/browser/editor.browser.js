@@ -2,7 +2,7 @@
 // in the editor; what the editor says about bad values; a session that ends mid-edit.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { startSystem, launch, openPage, signInWithToken, gridReady, row, editorReady, saveEditor, noProblems, shot, PASSWORD } from './harness.js';
+import { startSystem, launch, openPage, signInWithToken, gridReady, row, editorReady, saveEditor, noProblems, shot, PASSWORD, APPLIANCE_TZ } from './harness.js';
 
 let sys;
 let browser;
@@ -59,9 +59,17 @@ test('every kind with every schedule kind is created and reads back', async () =
   // A new task starts with every day: leave Monday and Friday.
   for (const d of ['Tue', 'Wed', 'Thu', 'Sat', 'Sun']) await dialog().locator('.days label', { hasText: d }).click();
   await field('Beep for').fill('12');
+  // The appliance's next five starts for the form as it stands, before saving.
+  await page.waitForFunction(() => {
+    const next = [...document.querySelectorAll('#edit-dialog .preview-list li')].map((li) => li.textContent);
+    return next.length === 5 && next.every((x) => x.endsWith(' 07:05') && [1, 5].includes(new Date(`${x.slice(0, 10)}T12:00`).getDay()));
+  });
+  await shot(page, 'editor-preview');
+  const first = await dialog().locator('.preview-list li').first().innerText();
   await saveEditor(page);
   ({ task } = await stored('Buzzer'));
   assert.deepEqual([task.schedule.repeat_date, task.schedule.week_day, task.extra.beep_duration], ['weekly', '1,5', 12]);
+  assert.equal(await row(page, 'Buzzer').locator('.col-next').innerText(), first, 'the grid starts it when the preview said');
 
   // The age policy's field once replaced the schedule's time: "Enter a valid time."
   await create('recycle');
@@ -113,6 +121,17 @@ test('errors: before saving, next to their field, gone once fixed; refusals name
   await nameErr.waitFor();
   await field('Task name').fill('Fixed');
   await nameErr.waitFor({ state: 'hidden' });
+
+  // The appliance's zone and clock, hours off the browser's: an hour ago has passed there.
+  const clock = await sys.client.call('ORVA.Core.TaskRuns', 1, 'clock', {});
+  assert.match(await dialog().locator('.zone-note').innerText(), new RegExp(`${APPLIANCE_TZ} \\(UTC\\${clock.utc_offset}\\)`));
+  const past = dialog().locator('.note', { hasText: 'has passed' });
+  for (const [minutes, passed] of [[-60, true], [60, false]]) {
+    const [date, time] = new Date(Date.parse(`${clock.now.replace(' ', 'T')}Z`) + minutes * 60e3).toISOString().split(/T|:\d\d\./);
+    await schedule('Once', { date, time });
+    await past.waitFor({ state: passed ? 'visible' : 'hidden' });
+    await dialog().locator('.preview-list li', { hasText: passed ? 'will not start again' : `${date} ${time}` }).waitFor();
+  }
 
   // Limits are stated and met in the form: 4096 bytes of script are refused before saving.
   await field('Script').fill('x'.repeat(4096));
