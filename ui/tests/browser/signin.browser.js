@@ -1,5 +1,5 @@
 // Signing in and out: token, an administrator's password, a plain account refused, a
-// second tab, the German page's own texts.
+// second tab, the German page's own texts; the server's framing and script policy.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { startSystem, launch, openPage, signInWithToken, signInWithPassword, gridReady, row, noProblems, PASSWORD } from './harness.js';
@@ -72,4 +72,22 @@ test('a sign-in in a second tab does not break the first', async () => {
   await second.locator('#logout').click();
   await first.locator('#login-view').waitFor();
   noProblems(first);
+});
+
+test('the server\'s policy: the page may not be framed, and a CSP violation fails a scenario', async () => {
+  const page = await openPage(browser);
+  const headers = (await page.goto(`${sys.base}/`)).headers();
+  assert.match(headers['content-security-policy'], /default-src 'self'.*frame-ancestors 'none'/);
+  assert.equal(headers['x-frame-options'], 'DENY');
+  // An inline script is refused, and the refusal lands where every scenario checks.
+  const refused = page.waitForEvent('console', (msg) => /Content Security Policy/.test(msg.text()));
+  await page.evaluate(() => document.body.append(Object.assign(document.createElement('script'), { textContent: 'window.injected = 1' })));
+  await refused;
+  assert.equal(await page.evaluate(() => window.injected), undefined);
+  assert.throws(() => noProblems(page), /Content Security Policy/);
+  // Framed by another page: the frame stays empty.
+  const framer = await page.context().newPage();
+  await framer.setContent(`<iframe src="${sys.base}/"></iframe>`);
+  assert.equal(await framer.frames()[1].locator('#login-view, #app-view').count(), 0);
+  await page.context().close();
 });
