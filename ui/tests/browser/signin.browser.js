@@ -38,6 +38,9 @@ test('token and password sign-in of administrators; sign-out forgets the view', 
 });
 
 test('a plain account is refused at sign-in, in the page language', async () => {
+  // Every language offered has its texts installed.
+  const langs = await (await fetch(`${sys.base}/assets/languages.json`)).json();
+  for (const { code } of langs) assert.equal((await fetch(`${sys.base}/texts/${code}/strings.json`)).status, 200, code);
   const page = await openPage(browser, { lang: 'de-DE' });
   await signInWithPassword(page, sys, sys.plain);
   await page.locator('#login-error:not([hidden])').waitFor();
