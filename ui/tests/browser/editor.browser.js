@@ -47,7 +47,6 @@ test('every kind with every schedule kind is created and reads back', async () =
   await field('Task name').fill('Nightly report');
   await schedule('Once', { date: '2031-05-06', time: '23:15' });
   await field('Script').fill('echo report');
-  await shot(page, 'editor');
   await saveEditor(page);
   let { task } = await stored('Nightly report');
   assert.deepEqual([task.schedule.repeat_date, task.schedule.date, task.schedule.hour, task.schedule.minute, task.extra.script],

@@ -116,6 +116,7 @@ test('axe-core: grid, each editor with its preview, result view with history, co
       await editorReady(page);
       await page.locator('#edit-dialog .preview-list li').first().waitFor();
       await axeCheck(page, `${kind} editor (${scheme})`);
+      if (kind === 'script') await shot(page, `editor-${scheme}`);
       await page.locator('#edit-dialog .dialog-foot [data-close]').click();
       await page.locator('#edit-dialog').waitFor({ state: 'hidden' });
     }
@@ -123,6 +124,7 @@ test('axe-core: grid, each editor with its preview, result view with history, co
       await openResult(page, name);
       await page.locator('#result-body table.runs').waitFor();
       await axeCheck(page, `result view of ${name} (${scheme})`);
+      await shot(page, `result-${name}-${scheme}`);
       await page.locator('#result-dialog .dialog-foot [data-close]').click();
     }
     await row(page, 'Slow').getByRole('button', { name: 'Delete task Slow' }).click();
