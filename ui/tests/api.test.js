@@ -5,8 +5,9 @@ import {
   ERR_NETWORK, ERR_HTTP, CSRF_HEADER,
 } from '../assets/js/api.js';
 import { translator } from '../assets/js/i18n.js';
+import { texts } from './texts.js';
 
-const t = translator('en');
+const t = translator('en', texts.en);
 
 test('parseReply reads both envelopes and refuses anything else', () => {
   const cases = [
@@ -43,9 +44,9 @@ test('parseReply reads both envelopes and refuses anything else', () => {
   }
 });
 
-test('errorText prefers the server message, then the code', () => {
+test('errorText: the page text for the code, never the English message of the server', () => {
   const cases = [
-    [new ApiError({ code: 4801, msg: 'Failed to get task' }), 'Failed to get task'],
+    [new ApiError({ code: 4801, msg: 'Failed to get task' }), t('err.4801')],
     [new ApiError({ code: 4801 }), t('err.4801')],
     [new ApiError({ code: 105 }), t('err.105')],
     [new ApiError({ code: 9999 }), 'The operation failed (error 9999).'],
@@ -55,7 +56,8 @@ test('errorText prefers the server message, then the code', () => {
     [new Error('boom'), 'The operation failed (error ?).'],
   ];
   for (const [err, want] of cases) assert.equal(errorText(err, t), want);
-  assert.equal(errorText(new ApiError({ code: 4803 }), translator('de')), 'Die Aufgabe konnte nicht gestartet werden.');
+  const de = translator('de', texts.de, texts.en);
+  assert.equal(errorText(new ApiError({ code: 4804, msg: 'Failed to save task' }), de), 'Die Aufgabe konnte nicht gespeichert werden.');
 });
 
 // A fetch that records each request and answers from a queue.

@@ -5,6 +5,7 @@ import {
   serviceLabel, isEditableKind, KINDS,
 } from '../assets/js/kinds.js';
 import { translator } from '../assets/js/i18n.js';
+import { texts } from './texts.js';
 
 const TODAY = '2025-03-10';
 const schedule = {
@@ -207,7 +208,7 @@ test('service form: selection, action and labels', () => {
   const stored = { ...fresh.service, extra: { action: 'start', services: [{ type: 'package', id: 'p', name: 'P', enable: true }, { id: 7 }, null] } };
   assert.deepEqual(taskToForm(stored, 'service', TODAY).app, { action: 'start', services: [{ type: 'package', id: 'p', name: 'P', enable: true }] });
 
-  const t = translator('en');
+  const t = translator('en', texts.en);
   assert.equal(serviceLabel({ type: 'service', id: 'WinShare', name: 'WinShare' }, t), 'SMB/CIFS file service');
   assert.equal(serviceLabel({ type: 'service', id: 'NewThing', name: 'NewThing' }, t), 'NewThing');
   assert.equal(serviceLabel({ type: 'package', id: 'mediad', name: 'Media Server' }, t), 'Media Server');

@@ -13,7 +13,7 @@ test('run status: never run, running, finished, killed', () => {
     last_run: { trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', exit_code: 3, signal: null, output: 'a\nb\n', result: 'failed' },
   });
   assert.deepEqual(done.last, {
-    trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', duration: '2 min 5 s',
+    runId: null, trigger: 'manual', start: '2025-03-10 12:00:00', end: '2025-03-10 12:02:05', duration: '2 min 5 s',
     exitCode: 3, signal: null, result: 'failed', output: 'a\nb\n',
   });
 
@@ -55,6 +55,7 @@ test('polling goes on while running and shortly after a start until the new run 
     ['started, new run shown', fresh, t0, t0 + 1500, undefined, false],
     ['started, old run shown, grace over', old, t0, t0 + 6000, undefined, false],
     ['baseline: same start is the old run', old, t0, t0 + 1000, old.last.start, true],
+    ['baseline: the old run, though the appliance clock is ahead', fresh, t0, t0 + 1000, fresh.last.start, true],
     ['baseline: a different start is the new run', { running: false, last: { start: 'odd clock' } }, t0, t0 + 1000, old.last.start, false],
     ['running beats everything', { running: true, last: fresh.last }, t0, t0 + 99999, fresh.last.start, true],
   ];

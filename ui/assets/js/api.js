@@ -8,7 +8,10 @@ export const CSRF_HEADER = 'X-ORVA-CSRF';
 // or it answered something that is not a reply envelope.
 export const ERR_NETWORK = -1;
 export const ERR_HTTP = -2;
+export const ERR_PERMISSION = 105;
 export const ERR_NOT_LOGGED_IN = 106;
+// Not on this server (an older one): the page does without what needs it.
+export const isMissingApi = (err) => err instanceof ApiError && [102, 103, 104].includes(err.code);
 
 export class ApiError extends Error {
   constructor({ code, msg = '', status = 0, data = null }) {
@@ -51,11 +54,10 @@ export function parseReply(status, text) {
   return { ok: false, error: new ApiError({ code, msg: text2, status, data }) };
 }
 
-// The message to show for a failure: the server's own "msg" when it sent one,
-// otherwise a text for the code.
+// The message to show for a failure: the page's own text for the code, in the page's
+// language (the server's "msg" is English and for the log; it is never shown).
 export function errorText(err, t) {
   if (!(err instanceof ApiError)) return t('err.unknown', { code: '?' });
-  if (err.msg) return err.msg;
   if (err.code === ERR_NETWORK) return t('err.network');
   if (err.code === ERR_HTTP) return t('err.http', { status: err.status });
   const key = `err.${err.code}`;
@@ -64,15 +66,34 @@ export function errorText(err, t) {
 }
 
 export class ApiClient {
-  constructor({ fetchImpl, path = ENTRY_PATH, lang = '', csrf = '', onSessionLost = null } = {}) {
+  // sharedCsrf(): the CSRF token another tab of the same browser signed in with, if
+  // any; a 105 under an older token is retried once under it.
+  constructor({ fetchImpl, path = ENTRY_PATH, lang = '', csrf = '', onSessionLost = null, onDenied = null, sharedCsrf = null } = {}) {
     this.fetchImpl = fetchImpl ?? ((...a) => globalThis.fetch(...a));
     this.path = path;
     this.lang = lang;
     this.csrf = csrf;
     this.onSessionLost = onSessionLost;
+    this.onDenied = onDenied;
+    this.sharedCsrf = sharedCsrf;
   }
 
   async call(api, version, method, params) {
+    try {
+      return await this.call1(api, version, method, params);
+    } catch (err) {
+      if (!(err instanceof ApiError) || err.code !== ERR_PERMISSION || api === 'ORVA.API.Auth') throw err;
+      const shared = this.sharedCsrf ? this.sharedCsrf() : '';
+      if (shared && shared !== this.csrf) {
+        this.csrf = shared;
+        return this.call1(api, version, method, params);
+      }
+      if (this.onDenied) this.onDenied(err);
+      throw err;
+    }
+  }
+
+  async call1(api, version, method, params) {
     const headers = { 'Content-Type': 'application/json' };
     if (this.csrf) headers[CSRF_HEADER] = this.csrf;
     let res;

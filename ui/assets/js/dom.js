@@ -80,8 +80,12 @@ export function applyTexts(root, t) {
   for (const el of root.querySelectorAll('[data-t]')) el.textContent = t(el.dataset.t);
   for (const el of root.querySelectorAll('[data-t-aria]')) el.setAttribute('aria-label', t(el.dataset.tAria));
   for (const el of root.querySelectorAll('[data-t-title]')) el.title = t(el.dataset.tTitle);
+  for (const el of root.querySelectorAll('[data-t-placeholder]')) el.placeholder = t(el.dataset.tPlaceholder);
 }
 
+// Toasts close by themselves (errors stay longer) and never pile up: the oldest goes
+// when a fifth comes. A pointer or focus on a toast holds it open.
+export const TOAST_MAX = 4;
 export class Toaster {
   constructor(container, t) {
     this.container = container;
@@ -92,11 +96,24 @@ export class Toaster {
     const close = h('button', { type: 'button', class: 'btn ghost icon', 'aria-label': this.t('toast.dismiss') }, icon('x'));
     const toast = h('div', { class: error ? 'toast error' : 'toast', role: error ? 'alert' : 'status' },
       h('span', { class: 'msg', text: message }), close);
-    const remove = () => toast.remove();
+    let timer = null;
+    const remove = () => {
+      clearTimeout(timer);
+      toast.remove();
+    };
+    const ms = timeout ?? (error ? 10000 : 4000);
+    const arm = () => {
+      clearTimeout(timer);
+      if (ms > 0) timer = setTimeout(remove, ms);
+    };
     close.addEventListener('click', remove);
+    toast.addEventListener('pointerenter', () => clearTimeout(timer));
+    toast.addEventListener('pointerleave', arm);
+    toast.addEventListener('focusin', () => clearTimeout(timer));
+    toast.addEventListener('focusout', arm);
     this.container.append(toast);
-    const ms = timeout ?? (error ? 0 : 4000);
-    if (ms > 0) setTimeout(remove, ms);
+    while (this.container.children.length > TOAST_MAX) this.container.firstElementChild.remove();
+    arm();
     return toast;
   }
 

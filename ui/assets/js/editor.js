@@ -1,16 +1,37 @@
-// The create/edit dialog: "get" fills the form, "set" or "create" saves it.
+// The create/edit dialog: "get" fills the form, "set" or "create" saves it. The next
+// start times come from the appliance (ORVA.Core.TaskRuns "preview") as the user types.
 
-import { errorText } from './api.js';
-import { h, icon, nextId, openModal, wireCloseButtons } from './dom.js';
-import { taskToForm, formToParams, isEditableKind, parseExtensions, cleanShareName, serviceLabel, BEEP_MIN, BEEP_MAX } from './kinds.js';
-import { REPEATS, WEEK_ORDER, formatDate, repeatChoices, repeatValue, parseRepeatValue, isOncePast, monthlyShortMonthDay } from './schedule.js';
+import { ApiError, errorText, isMissingApi, ERR_NOT_LOGGED_IN } from './api.js';
+import { h, icon, nextId, openModal } from './dom.js';
+import {
+  taskToForm, formToParams, isEditableKind, parseExtensions, cleanShareName, serviceLabel,
+  BEEP_MIN, BEEP_MAX, NAME_MAX_BYTES, SCRIPT_MAX_BYTES, utf8Length,
+} from './kinds.js';
+import { REPEATS, WEEK_ORDER, repeatChoices, repeatValue, parseRepeatValue, isOncePast, monthlyShortMonthDay, applianceClock } from './schedule.js';
+import { weekdayName } from './i18n.js';
 
 const TS_API = 'ORVA.Core.TaskScheduler';
+const RUNS_API = 'ORVA.Core.TaskRuns';
 const TS_EDIT_VERSION = 3;
+const PREVIEW_DELAY_MS = 300;
+
+// Which field a refusal of the store belongs to (its "msg" names the part it refused).
+export function saveErrorField(err, task) {
+  if (!(err instanceof ApiError)) return null;
+  const msg = (err.msg || '').toLowerCase();
+  if (msg.includes('(basic)')) {
+    return task.can_edit_owner === true ? { field: 'owner', key: 'val.owner_unknown' } : { field: 'name', key: 'val.basic_refused' };
+  }
+  if (msg.includes('(schedule)')) return { field: 'schedule.date', key: 'val.schedule_refused' };
+  if (msg.includes('(app)')) return { field: null, key: 'val.app_refused' };
+  return null;
+}
 
 export class Editor {
-  constructor({ dialog, client, getT, getTexts, toaster, onSaved }) {
+  constructor({ dialog, client, getT, getTexts, getNames, confirm, toaster, onSaved }) {
     this.getTexts = getTexts ?? (() => null);
+    this.getNames = getNames ?? (async () => []);
+    this.confirm = confirm;
     this.dialog = dialog;
     this.client = client;
     this.getT = getT;
@@ -23,8 +44,23 @@ export class Editor {
     this.saveBtn = dialog.querySelector('#edit-save');
     this.session = 0;
     this.task = null;
-    wireCloseButtons(dialog);
-    const resync = () => { if (this.task && this.ctl) this.sync(); };
+    this.suspended = false;
+    this.clock = null;
+    this.clockInfo = null;
+    // Closing asks first when something was changed (Escape, Cancel, the X).
+    dialog.addEventListener('click', (ev) => {
+      if (ev.target.closest('[data-close]')) this.requestClose();
+    });
+    dialog.addEventListener('cancel', (ev) => {
+      ev.preventDefault();
+      this.requestClose();
+    });
+    const resync = (ev) => {
+      if (!this.task || !this.ctl) return;
+      this.sync();
+      this.revalidate(ev.target);
+      this.schedulePreview();
+    };
     this.body.addEventListener('input', resync);
     this.body.addEventListener('change', resync);
     this.form.addEventListener('submit', (ev) => {
@@ -45,13 +81,63 @@ export class Editor {
     return this.open({ kind: item.type, item });
   }
 
-  async open({ kind, item }) {
+  openClone(item) {
+    return this.open({ kind: item.type, item, clone: true });
+  }
+
+  isDirty() {
+    return this.task !== null && this.ctl !== null && this.snapshot !== JSON.stringify(this.readForm());
+  }
+
+  async requestClose() {
+    if (this.saving) return;
+    if (this.isDirty() && this.confirm) {
+      const t = this.t;
+      const ok = await this.confirm({ title: t('confirm.discard_title'), body: t('confirm.discard'), ok: t('confirm.discard_ok') });
+      if (!ok) return;
+    }
+    this.dialog.close('cancel');
+  }
+
+  // The session ended while editing: the dialog goes away with the edit kept, and comes
+  // back once the user signed in again.
+  suspend() {
+    if (!this.dialog.open || !this.task) return false;
+    this.suspended = true;
+    this.dialog.close('session');
+    return true;
+  }
+
+  resume() {
+    if (!this.suspended) return false;
+    this.suspended = false;
+    openModal(this.dialog, () => this.closed());
+    this.setError(this.t('edit.kept'), true);
+    this.saveBtn.focus();
+    return true;
+  }
+
+  discardSuspended() {
+    this.suspended = false;
+    this.task = null;
+    this.ctl = null;
+  }
+
+  closed() {
+    if (this.suspended) return;
+    this.session++;
+    clearTimeout(this.previewTimer);
+  }
+
+  async open({ kind, item, clone = false }) {
     const t = this.t;
-    openModal(this.dialog, () => { this.session++; });
+    this.suspended = false;
+    openModal(this.dialog, () => this.closed());
     const session = ++this.session;
-    this.isNew = item === null;
+    this.isNew = item === null || clone;
     this.kind = kind;
-    this.title.textContent = this.isNew ? t('edit.title_new', { kind: t(`create.${kind}`) }) : t('edit.title', { name: item.name });
+    this.title.textContent = clone ? t('edit.title_clone', { name: item.name })
+      : this.isNew ? t('edit.title_new', { kind: t(`create.${kind}`) }) : t('edit.title', { name: item.name });
     this.body.replaceChildren(h('div', { class: 'grid-state', text: t('edit.loading') }));
     this.setError('');
     this.saveBtn.textContent = this.isNew ? t('dialog.create') : t('dialog.save');
@@ -59,11 +145,23 @@ export class Editor {
     this.task = null;
     this.ctl = null;
 
-    const params = this.isNew ? { id: -1, type: kind } : { id: item.id };
-    if (!this.isNew && typeof item.real_owner === 'string' && item.real_owner !== '') params.real_owner = item.real_owner;
+    const ref = item ? { id: item.id } : null;
+    if (ref && typeof item.real_owner === 'string' && item.real_owner !== '') ref.real_owner = item.real_owner;
     let task;
     try {
-      task = await this.client.call(TS_API, TS_EDIT_VERSION, 'get', params);
+      const clock = this.loadClock();
+      if (clone) {
+        const [fresh, stored] = await Promise.all([
+          this.client.call(TS_API, TS_EDIT_VERSION, 'get', { id: -1, type: kind }),
+          this.client.call(TS_API, TS_EDIT_VERSION, 'get', ref),
+        ]);
+        // A copy: the stored task's settings under the new task's rules.
+        task = { ...fresh, name: t('edit.copy_name', { name: stored.name }), enable: stored.enable, schedule: stored.schedule, extra: stored.extra };
+        if (fresh.can_edit_owner === true) task.owner = stored.owner;
+      } else {
+        task = await this.client.call(TS_API, TS_EDIT_VERSION, 'get', this.isNew ? { id: -1, type: kind } : ref);
+      }
+      await clock;
     } catch (err) {
       if (session !== this.session) return;
       this.body.replaceChildren();
@@ -78,15 +176,52 @@ export class Editor {
     }
     if (!this.isNew) this.kind = task.type ?? kind;
     this.task = task;
-    this.render(formatDate(new Date()));
+    this.originalName = this.isNew ? null : task.name;
+    this.render(this.today());
+    this.snapshot = JSON.stringify(this.readForm());
     this.saveBtn.disabled = false;
     const first = this.body.querySelector('input:not(:disabled), textarea, select');
     if (first) first.focus();
+    this.schedulePreview(0);
+    this.getNames().then((names) => {
+      if (session === this.session) {
+        this.names = names;
+        this.checkDuplicate();
+      }
+    });
   }
 
-  setError(msg) {
+  // The appliance's clock and time zone (ORVA.Core.TaskRuns "clock"); the browser's when
+  // the server has no such call.
+  async loadClock() {
+    try {
+      const askedAt = Date.now();
+      const c = await this.client.call(RUNS_API, 1, 'clock', {});
+      this.clock = applianceClock(c?.now, askedAt);
+      this.clockInfo = this.clock ? { zone: c.time_zone || '', offset: c.utc_offset || '' } : null;
+    } catch (err) {
+      if (!isMissingApi(err)) throw err;
+      this.clock = null;
+      this.clockInfo = null;
+    }
+  }
+
+  now() {
+    if (this.clock) return this.clock(Date.now());
+    const d = new Date();
+    const p = (n) => String(n).padStart(2, '0');
+    return `${d.getFullYear()}-${p(d.getMonth() + 1)}-${p(d.getDate())} ${p(d.getHours())}:${p(d.getMinutes())}:${p(d.getSeconds())}`;
+  }
+
+  today() {
+    return this.now().slice(0, 10);
+  }
+
+  setError(msg, info = false) {
     this.errorBox.textContent = msg;
     this.errorBox.hidden = msg === '';
+    this.errorBox.classList.toggle('info', info);
+    this.errorBox.setAttribute('role', info ? 'status' : 'alert');
   }
 
   // ---- building the form ---------------------------------------------------------
@@ -99,12 +234,14 @@ export class Editor {
     this.ctl = {};
 
     const general = h('fieldset', { class: 'section' }, h('legend', { text: t('edit.general') }));
-    const name = h('input', { type: 'text', value: form.name, maxlength: '255', autocomplete: 'off', disabled: !this.isNew && task.can_edit_name === false });
+    const name = h('input', { type: 'text', value: form.name, autocomplete: 'off', disabled: !this.isNew && task.can_edit_name === false });
     this.ctl.name = name;
     const owner = h('input', { type: 'text', value: form.owner, autocomplete: 'off', spellcheck: 'false', disabled: task.can_edit_owner !== true });
     this.ctl.owner = owner;
-    general.append(h('div', { class: 'row' },
-      this.field('name', t('edit.name'), name),
+    const nameField = this.field('name', t('edit.name'), name, t('edit.name_hint', { max: NAME_MAX_BYTES }));
+    this.ctl.dupNote = h('div', { class: 'warn-line', role: 'status', hidden: true });
+    nameField.append(this.ctl.dupNote);
+    general.append(h('div', { class: 'row' }, nameField,
       this.field('owner', t('edit.owner'), owner, task.can_edit_owner === true ? t('edit.owner_hint') : '')));
     const enable = h('input', { type: 'checkbox', checked: form.enable });
     this.ctl.enable = enable;
@@ -152,19 +289,22 @@ export class Editor {
     });
     box.append(h('div', { class: 'field' }, h('span', { class: 'label', text: t('sched.repeat') }), seg));
 
-    const date = h('input', { type: 'date', value: s.date, required: true });
-    const time = h('input', { type: 'time', value: s.time, required: true, step: '60' });
+    // Text fields, not the browser's date and time pickers: those follow the browser's
+    // locale (12-hour clocks) instead of the page's language and the appliance's clock.
+    const date = h('input', { type: 'text', value: s.date, required: true, inputmode: 'numeric', autocomplete: 'off', placeholder: t('sched.date_format'), class: 'date-input' });
+    const time = h('input', { type: 'text', value: s.time, required: true, inputmode: 'numeric', autocomplete: 'off', placeholder: t('sched.time_format'), class: 'time-input' });
     this.ctl.date = date;
     this.ctl.time = time;
     const dateField = this.field('schedule.date', t('sched.date_start'), date);
     this.ctl.dateLabel = dateField.querySelector('label');
-    box.append(h('div', { class: 'row' }, dateField, this.field('schedule.time', t('sched.time'), time)));
+    box.append(h('div', { class: 'row' }, dateField, this.field('schedule.time', t('sched.time'), time, t('sched.time_hint'))));
 
     const days = h('div', { class: 'days' });
     this.ctl.days = WEEK_ORDER.map((d) => {
       const input = h('input', { type: 'checkbox', value: String(d), checked: s.weekDays.includes(d) });
-      days.append(h('label', { title: t(`day.${d}`) }, input, h('span', { 'aria-hidden': 'true', text: t(`dayshort.${d}`) }),
-        h('span', { class: 'visually-hidden', text: t(`day.${d}`) })));
+      const long = weekdayName(t.lang, d, 'long');
+      days.append(h('label', { title: long }, input, h('span', { 'aria-hidden': 'true', text: weekdayName(t.lang, d, 'short') }),
+        h('span', { class: 'visually-hidden', text: long })));
       return input;
     });
     const daysErr = this.groupError('schedule.weekDays', this.ctl.days[0]);
@@ -197,7 +337,14 @@ export class Editor {
 
     this.ctl.pastNote = h('p', { class: 'note', role: 'status', text: t('sched.past'), hidden: true });
     this.ctl.monthNote = h('p', { class: 'note', role: 'status', hidden: true });
-    box.append(this.ctl.pastNote, this.ctl.monthNote);
+    const zone = this.clockInfo
+      ? t('sched.zone', { zone: this.clockInfo.zone || this.clockInfo.offset, offset: this.clockInfo.offset, now: this.now().slice(0, 16) })
+      : t('sched.zone_browser');
+    this.ctl.preview = h('ol', { class: 'preview-list' });
+    this.ctl.previewBox = h('div', { class: 'preview', hidden: true },
+      h('div', { class: 'label', id: nextId('pv'), text: t('sched.preview') }), this.ctl.preview);
+    this.ctl.previewBox.querySelector('ol').setAttribute('aria-labelledby', this.ctl.previewBox.firstChild.id);
+    box.append(this.ctl.pastNote, this.ctl.monthNote, h('p', { class: 'hint zone-note', text: zone }), this.ctl.previewBox);
     this.scheduleSteps = { minuteSteps: s.minuteSteps, hourSteps: s.hourSteps };
     return box;
   }
@@ -207,7 +354,10 @@ export class Editor {
     const area = h('textarea', { rows: '8', spellcheck: 'false', autocapitalize: 'none', wrap: 'off' });
     area.value = app.script;
     this.ctl.script = area;
-    return [this.field('app.script', t('script.label'), area, t('script.hint'))];
+    const f = this.field('app.script', t('script.label'), area, t('script.hint', { max: SCRIPT_MAX_BYTES }));
+    this.ctl.scriptCount = h('div', { class: 'counter', 'aria-live': 'polite' });
+    f.append(this.ctl.scriptCount);
+    return [f];
   }
 
   renderBeep(app) {
@@ -277,20 +427,21 @@ export class Editor {
     const polName = nextId('policy');
     const pol = (v) => h('input', { type: 'radio', name: polName, value: v, checked: app.policy === v });
     this.ctl.policy = [pol('clean_all'), pol('time'), pol('size')];
-    const time = h('input', { type: 'number', min: '1', step: '1', value: app.time, 'aria-label': t('recycle.policy_time') });
-    const size = h('input', { type: 'number', min: '1', step: '1', value: app.size, 'aria-label': t('recycle.policy_size') });
+    const ageDays = h('input', { type: 'number', min: '1', step: '1', value: app.time, 'aria-label': t('recycle.policy_time') });
+    const sizeMb = h('input', { type: 'number', min: '1', step: '1', value: app.size, 'aria-label': t('recycle.policy_size') });
     const sort = h('select', { 'aria-label': t('recycle.sort') },
       h('option', { value: '0', text: t('recycle.sort_large') }), h('option', { value: '1', text: t('recycle.sort_old') }));
     sort.value = String(app.sortType);
-    Object.assign(this.ctl, { time, size, sort });
+    // Named apart from the schedule's "time" control, which shares this map.
+    Object.assign(this.ctl, { ageDays, sizeMb, sort });
     out.push(h('fieldset', { class: 'section' }, h('legend', { class: 'label', text: t('recycle.policy') }),
       h('div', { class: 'options' },
         h('label', { class: 'option check' }, this.ctl.policy[0], t('recycle.policy_all')),
-        h('div', { class: 'option' }, h('label', { class: 'check' }, this.ctl.policy[1], t('recycle.policy_time')), time,
-          h('span', { text: t('recycle.days') }), this.inlineError('app.time', time)),
-        h('div', { class: 'option' }, h('label', { class: 'check' }, this.ctl.policy[2], t('recycle.policy_size')), size,
+        h('div', { class: 'option' }, h('label', { class: 'check' }, this.ctl.policy[1], t('recycle.policy_time')), ageDays,
+          h('span', { text: t('recycle.days') }), this.inlineError('app.time', ageDays)),
+        h('div', { class: 'option' }, h('label', { class: 'check' }, this.ctl.policy[2], t('recycle.policy_size')), sizeMb,
           h('span', { text: t('recycle.mb') }),
-          h('div', { class: 'sub-options' }, h('span', { text: t('recycle.sort') }), sort), this.inlineError('app.size', size)))));
+          h('div', { class: 'sub-options' }, h('span', { text: t('recycle.sort') }), sort), this.inlineError('app.size', sizeMb)))));
 
     // What to keep.
     const kg = h('input', { type: 'checkbox', checked: app.keepGreater });
@@ -298,8 +449,7 @@ export class Editor {
     const ke = h('input', { type: 'checkbox', checked: app.keepExt });
     const greater = h('input', { type: 'number', min: '1', step: '1', value: app.greater, 'aria-label': t('recycle.keep_greater') });
     const smaller = h('input', { type: 'number', min: '1', step: '1', value: app.smaller, 'aria-label': t('recycle.keep_smaller') });
-    const exts = h('input', { type: 'text', value: app.extensions, spellcheck: 'false', autocomplete: 'off', 'aria-label': t('recycle.keep_ext'), placeholder: t('recycle.ext_hint') });
-    exts.style.flex = '1';
+    const exts = h('input', { type: 'text', class: 'grow', value: app.extensions, spellcheck: 'false', autocomplete: 'off', 'aria-label': t('recycle.keep_ext'), placeholder: t('recycle.ext_hint') });
     Object.assign(this.ctl, { kg, ks, ke, greater, smaller, exts });
     out.push(h('fieldset', { class: 'section' }, h('legend', { class: 'label', text: t('recycle.keep') }),
       h('div', { class: 'options' },
@@ -414,8 +564,8 @@ export class Editor {
           cleanAll: c.cleanAll.checked,
           shares: [...this.shares, ...pending.filter((n) => !this.shares.includes(n))],
           policy: c.policy.find((p) => p.checked)?.value ?? 'clean_all',
-          time: c.time.value,
-          size: c.size.value,
+          time: c.ageDays.value,
+          size: c.sizeMb.value,
           sortType: Number(c.sort.value),
           keepGreater: c.kg.checked,
           greater: c.greater.value,
@@ -444,7 +594,12 @@ export class Editor {
     c.daysBox.hidden = s.repeat !== 'weekly';
     c.dateLabel.textContent = t(s.repeat === 'once' ? 'sched.date_once' : s.repeat === 'monthly' ? 'sched.date_monthly' : 'sched.date_start');
     c.last.disabled = s.repeatMode === 'none';
-    c.pastNote.hidden = !isOncePast(s, new Date());
+    c.pastNote.hidden = !isOncePast(s, this.now());
+    if (c.scriptCount) {
+      const n = utf8Length(c.script.value);
+      c.scriptCount.textContent = t('script.count', { n, max: SCRIPT_MAX_BYTES });
+      c.scriptCount.classList.toggle('over', n > SCRIPT_MAX_BYTES);
+    }
     const day = monthlyShortMonthDay(s);
     c.monthNote.hidden = day === 0;
     if (day) c.monthNote.textContent = t('sched.short_month', { d: day });
@@ -452,8 +607,8 @@ export class Editor {
       const a = f.app;
       c.sharePicker.hidden = a.cleanAll;
       c.homeLabel.hidden = !a.cleanAll || !a.enableBins;
-      c.time.disabled = a.policy !== 'time';
-      c.size.disabled = a.policy !== 'size';
+      c.ageDays.disabled = a.policy !== 'time';
+      c.sizeMb.disabled = a.policy !== 'size';
       c.sort.disabled = a.policy !== 'size';
       c.greater.disabled = !a.keepGreater;
       c.smaller.disabled = !a.keepSmaller;
@@ -483,6 +638,60 @@ export class Editor {
     return true;
   }
 
+  // A field that shows an error is checked again as it changes, so the error goes as
+  // soon as the value is right.
+  revalidate(target) {
+    if (!target) return;
+    const shown = [...this.fields].filter(([, f]) => !f.err.hidden);
+    if (shown.length === 0) return;
+    const { errors } = formToParams(this.readForm(), this.task, this.kind, this.isNew);
+    for (const [key] of shown) if (!errors[key]) this.showFieldError(key, null);
+    if ([...this.fields.values()].every((f) => f.err.hidden) && !this.errorBox.classList.contains('info')) this.setError('');
+  }
+
+  checkDuplicate() {
+    const c = this.ctl;
+    if (!c || !Array.isArray(this.names)) return;
+    const name = c.name.value.trim();
+    const dup = name !== '' && name !== this.originalName && this.names.includes(name);
+    c.dupNote.hidden = !dup;
+    c.dupNote.textContent = dup ? this.t('edit.duplicate') : '';
+  }
+
+  schedulePreview(delay = PREVIEW_DELAY_MS) {
+    clearTimeout(this.previewTimer);
+    this.checkDuplicate();
+    if (this.noPreview) return;
+    this.previewTimer = setTimeout(() => this.preview(), delay);
+  }
+
+  // The next start times as the appliance's store computes them for the schedule as it
+  // stands in the form.
+  async preview() {
+    const c = this.ctl;
+    if (!c) return;
+    const session = this.session;
+    const { params, errors } = formToParams(this.readForm(), this.task, this.kind, this.isNew);
+    const t = this.t;
+    if (Object.keys(errors).some((k) => k.startsWith('schedule.'))) {
+      c.previewBox.hidden = true;
+      return;
+    }
+    const seq = (this.previewSeq = (this.previewSeq ?? 0) + 1);
+    let data;
+    try {
+      data = await this.client.call(RUNS_API, 1, 'preview', { schedule: params.schedule, count: 5 });
+    } catch (err) {
+      if (isMissingApi(err)) this.noPreview = true;
+      if (session === this.session && seq === this.previewSeq) c.previewBox.hidden = true;
+      return;
+    }
+    if (session !== this.session || seq !== this.previewSeq || this.ctl !== c) return;
+    const next = Array.isArray(data?.next) ? data.next.filter((x) => typeof x === 'string') : [];
+    c.preview.replaceChildren(...(next.length ? next.map((x) => h('li', { text: x })) : [h('li', { class: 'muted', text: t('sched.preview_none') })]));
+    c.previewBox.hidden = false;
+  }
+
   // ---- saving --------------------------------------------------------------------
 
   async save() {
@@ -503,18 +712,31 @@ export class Editor {
     }
     const session = this.session;
     this.saveBtn.disabled = true;
+    this.saving = true;
     const label = this.saveBtn.textContent;
     this.saveBtn.textContent = t('dialog.saving');
     try {
       const data = await this.client.call(TS_API, TS_EDIT_VERSION, this.isNew ? 'create' : 'set', params);
       if (session !== this.session) return;
+      this.saving = false;
       this.dialog.close('saved');
       this.toaster.show(t(this.isNew ? 'toast.created' : 'toast.saved', { name: params.name }));
       if (this.onSaved) this.onSaved(data?.id);
     } catch (err) {
-      if (session !== this.session) return;
-      this.setError(errorText(err, t));
+      if (session !== this.session || this.suspended) return;
+      if (err instanceof ApiError && err.code === ERR_NOT_LOGGED_IN) return;
+      const where = saveErrorField(err, this.task);
+      if (where && where.field && this.fields.has(where.field)) {
+        this.showFieldError(where.field, { key: where.key, vars: { owner: params.owner ?? '' } });
+        this.fields.get(where.field).control.focus();
+        this.setError(t('val.fix'));
+      } else if (where) {
+        this.setError(t(where.key));
+      } else {
+        this.setError(errorText(err, t));
+      }
     } finally {
+      this.saving = false;
       this.saveBtn.textContent = label;
       this.saveBtn.disabled = false;
     }

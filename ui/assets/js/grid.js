@@ -18,8 +18,57 @@ export const SORT_COLUMNS = {
 
 export const EVENT_TYPE = 'event_script';
 
+export const EMPTY_FILTER = { q: '', type: '', owner: '', state: '' };
+export const STATES = ['enabled', 'disabled'];
+
 export function initialState() {
-  return { sortBy: 'next_trigger_time', sortDir: 'asc', page: 0, pageSize: DEFAULT_PAGE_SIZE };
+  return { sortBy: 'next_trigger_time', sortDir: 'asc', page: 0, pageSize: DEFAULT_PAGE_SIZE, filter: { ...EMPTY_FILTER } };
+}
+
+// The grid's state in the page address (?sort=name&dir=desc&size=50&page=3&q=...), so
+// a reload or a shared link shows the same rows. Unknown or bad values are left out.
+const SORT_VALUES = Object.values(SORT_COLUMNS);
+export function stateToQuery(state) {
+  const q = new URLSearchParams();
+  const init = initialState();
+  if (state.sortBy !== init.sortBy || state.sortDir !== init.sortDir) {
+    q.set('sort', state.sortBy);
+    q.set('dir', state.sortDir);
+  }
+  if (state.pageSize !== init.pageSize) q.set('size', String(state.pageSize));
+  if (state.page > 0) q.set('page', String(state.page + 1));
+  for (const k of Object.keys(EMPTY_FILTER)) if (state.filter[k]) q.set(k, state.filter[k]);
+  return q.toString();
+}
+
+export function stateFromQuery(search) {
+  const q = new URLSearchParams(search);
+  const s = initialState();
+  if (SORT_VALUES.includes(q.get('sort'))) s.sortBy = q.get('sort');
+  if (q.get('dir') === 'desc') s.sortDir = 'desc';
+  const size = Number(q.get('size'));
+  if (PAGE_SIZES.includes(size)) s.pageSize = size;
+  const page = Number(q.get('page'));
+  if (Number.isSafeInteger(page) && page > 1) s.page = page - 1;
+  for (const k of Object.keys(EMPTY_FILTER)) s.filter[k] = (q.get(k) ?? '').slice(0, 255);
+  if (s.filter.state && !STATES.includes(s.filter.state)) s.filter.state = '';
+  return s;
+}
+
+export function hasFilter(state) {
+  return Object.values(state.filter).some((v) => v !== '');
+}
+
+// The list has no filter of its own: with a filter the page asks for every task and
+// filters here. Search words match the name or the action text; owner and type exactly.
+export function matchesFilter(item, filter) {
+  if (filter.type && item.type !== filter.type) return false;
+  if (filter.owner && (item.owner ?? '').toLowerCase() !== filter.owner.toLowerCase()) return false;
+  if (filter.state === 'enabled' && item.enable !== true) return false;
+  if (filter.state === 'disabled' && item.enable === true) return false;
+  const words = filter.q.toLowerCase().split(/\s+/).filter(Boolean);
+  const hay = `${item.name ?? ''} ${item.action ?? ''}`.toLowerCase();
+  return words.every((w) => hay.includes(w));
 }
 
 // Clicking a header: the same column flips the direction, another starts ascending.
@@ -29,6 +78,10 @@ export function toggleSort(state, sortBy) {
   return { ...state, sortBy, sortDir: 'asc', page: 0 };
 }
 
+export function setFilter(state, filter) {
+  return { ...state, filter: { ...state.filter, ...filter }, page: 0 };
+}
+
 export function setPageSize(state, size) {
   if (!PAGE_SIZES.includes(size)) return state;
   // Keep the first visible row on the new page.
@@ -36,7 +89,8 @@ export function setPageSize(state, size) {
   return { ...state, pageSize: size, page: Math.floor(first / size) };
 }
 
-export function listParams(state) {
+export function listParams(state, all = false) {
+  if (all) return { sort_by: state.sortBy, sort_direction: state.sortDir, offset: 0, limit: -1 };
   return {
     sort_by: state.sortBy,
     sort_direction: state.sortDir,
@@ -86,6 +140,31 @@ export function taskRef(item) {
   const ref = { id: item.id };
   if (typeof item.real_owner === 'string' && item.real_owner !== '') ref.real_owner = item.real_owner;
   return ref;
+}
+
+// Why a row's control is off: a text key, or null when it is on.
+export function rowReasons(item) {
+  const event = isEventTask(item);
+  const caps = rowCapabilities(item);
+  const locked = 'row.reason_locked';
+  return {
+    toggle: caps.toggle ? null : locked,
+    edit: caps.edit ? null : event ? 'row.reason_event_edit' : !isEditableKind(item.type) ? 'row.not_editable' : locked,
+    run: caps.run ? null : event ? 'row.reason_event_run' : 'row.reason_norun',
+    result: caps.result ? null : 'row.reason_event_run',
+    delete: caps.delete ? null : locked,
+    clone: caps.edit ? null : event ? 'row.reason_event_edit' : !isEditableKind(item.type) ? 'row.not_editable' : locked,
+  };
+}
+
+// A service task's action names services by their ids where the module knows no text
+// for them ("FileXfer"): the page puts its own label in their place.
+export function serviceActionText(action, labelOf) {
+  if (typeof action !== 'string') return '';
+  return action.replace(/"([^"]*)"/g, (m, id) => {
+    const label = labelOf(id);
+    return label && label !== id ? `"${label}"` : m;
+  });
 }
 
 const capabilityOf = { enable: 'toggle', disable: 'toggle', run: 'run', delete: 'delete' };

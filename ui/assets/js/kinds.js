@@ -16,6 +16,13 @@ export function parseIntIn(text, min, max) {
   return Number.isSafeInteger(n) && n >= min && n <= max ? n : null;
 }
 
+// Limits of the store's record, in bytes of UTF-8, stated in the form and checked
+// before saving.
+export const NAME_MAX_BYTES = 255;
+export const SCRIPT_MAX_BYTES = 4095;
+const encoder = new TextEncoder();
+export const utf8Length = (text) => encoder.encode(String(text ?? '')).length;
+
 const numText = (v) => (Number.isInteger(v) ? String(v) : '');
 const INT32_MAX = 2147483647;
 
@@ -28,6 +35,7 @@ const script = {
   fromForm(form, original) {
     const errors = {};
     if (form.script.trim() === '') errors.script = 'val.script';
+    else if (utf8Length(form.script) > SCRIPT_MAX_BYTES) errors.script = { key: 'val.script_long', vars: { max: SCRIPT_MAX_BYTES, n: utf8Length(form.script) } };
     return { extra: { ...(original ?? {}), script: form.script }, errors };
   },
 };
@@ -245,6 +253,7 @@ export function formToParams(form, task, kind, isNew) {
   const name = form.name.trim();
   if (task.can_edit_name === false && !isNew) params.name = task.name;
   else if (name === '') errors.name = 'val.name';
+  else if (utf8Length(name) > NAME_MAX_BYTES) errors.name = { key: 'val.name_long', vars: { max: NAME_MAX_BYTES } };
   else params.name = name;
 
   if (task.can_edit_owner === true) {

@@ -36,39 +36,47 @@ export function formatTimestamp(value) {
   return `${d.getFullYear()}-${pad2(d.getMonth() + 1)}-${pad2(d.getDate())} ${pad2(d.getHours())}:${pad2(d.getMinutes())}:${pad2(d.getSeconds())}`;
 }
 
-// {running, pid, last} where last is null when the task never ran, else
-// {trigger, start, end, duration, exitCode, signal, result, output}.
+// One run as the page shows it, from a run of ORVA.Core.TaskRuns or the "last_run" of
+// "view": {runId, trigger, start, end, duration, exitCode, signal, result, output}.
+export function describeRun(lr) {
+  const r = lr && typeof lr === 'object' ? lr : {};
+  const start = timeToEpoch(r.start);
+  const end = timeToEpoch(r.end);
+  return {
+    runId: Number.isInteger(r.run_id) ? r.run_id : null,
+    trigger: typeof r.trigger === 'string' ? r.trigger : '',
+    start: r.start ? formatTimestamp(r.start) : '',
+    end: r.end ? formatTimestamp(r.end) : '',
+    duration: start !== null && end !== null && end >= start ? formatDuration(end - start) : '',
+    exitCode: Number.isInteger(r.exit_code) ? r.exit_code : null,
+    signal: Number.isInteger(r.signal) && r.signal > 0 ? r.signal : null,
+    result: typeof r.result === 'string' ? r.result : '',
+    output: typeof r.output === 'string' ? r.output : '',
+  };
+}
+
+// {running, pid, last}: last is null when the task never ran, else describeRun of it.
 export function describeRunStatus(status) {
   const s = status && typeof status === 'object' ? status : {};
-  const out = { running: s.running === true, pid: Number.isInteger(s.pid) ? s.pid : null, last: null };
   const lr = s.last_run;
-  if (lr && typeof lr === 'object') {
-    const start = timeToEpoch(lr.start);
-    const end = timeToEpoch(lr.end);
-    out.last = {
-      trigger: typeof lr.trigger === 'string' ? lr.trigger : '',
-      start: lr.start ? formatTimestamp(lr.start) : '',
-      end: lr.end ? formatTimestamp(lr.end) : '',
-      duration: start !== null && end !== null && end >= start ? formatDuration(end - start) : '',
-      exitCode: Number.isInteger(lr.exit_code) ? lr.exit_code : null,
-      signal: Number.isInteger(lr.signal) && lr.signal > 0 ? lr.signal : null,
-      result: typeof lr.result === 'string' ? lr.result : '',
-      output: typeof lr.output === 'string' ? lr.output : '',
-    };
-  }
-  return out;
+  return {
+    running: s.running === true,
+    pid: Number.isInteger(s.pid) ? s.pid : null,
+    last: lr && typeof lr === 'object' ? describeRun(lr) : null,
+  };
 }
 
 // Whether the dialog should ask again: while the task runs, and shortly after a start
 // until the status shows that run (the run is detached and may lag a moment). A run
 // counts as shown when its start differs from the one seen before the start
-// (`baselineStart`, undefined when not known) or lies after the start (clocks of
-// browser and server may differ a little).
+// (`baselineStart`, undefined when not known); without a baseline, when it lies after
+// the start. Starts are the appliance's wall-clock time, which may be hours off the
+// browser's: a known baseline is never second-guessed by the browser's clock.
 export function shouldPoll(desc, startedAt, now, baselineStart = undefined, graceMs = 5000) {
   if (desc.running) return true;
   if (startedAt === null || now - startedAt >= graceMs) return false;
   const start = desc.last ? desc.last.start : '';
-  if (baselineStart !== undefined && start !== baselineStart) return false;
+  if (baselineStart !== undefined) return start === baselineStart;
   const epoch = desc.last ? timeToEpoch(desc.last.start) : null;
   if (epoch !== null && epoch * 1000 >= startedAt - 2000) return false;
   return true;

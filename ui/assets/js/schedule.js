@@ -154,13 +154,25 @@ export function formToSchedule(form, original) {
   return { schedule: s, errors };
 }
 
-// True when a "once" schedule lies before `now` (a Date), i.e. it will never run.
+// True when a "once" schedule lies before `now`, the appliance's wall-clock time
+// "YYYY-MM-DD HH:MM[:SS]" (the task runs by the appliance's clock, not the browser's).
 export function isOncePast(form, now) {
-  if (form.repeat !== 'once' || !isValidDate(form.date)) return false;
+  if (form.repeat !== 'once' || !isValidDate(form.date) || typeof now !== 'string') return false;
   const time = parseTime(form.time);
   if (!time) return false;
-  const [y, m, d] = form.date.split('-').map(Number);
-  return new Date(y, m - 1, d, time.hour, time.minute, 59, 999) < now;
+  return `${form.date} ${formatTime(time.hour, time.minute)}` < now.slice(0, 16);
+}
+
+// The appliance's clock as the page keeps it: its wall-clock time when asked, moved on
+// by the time passed since. `now` "YYYY-MM-DD HH:MM:SS" from the server.
+export function applianceClock(now, askedAt) {
+  const m = /^(\d{4})-(\d{2})-(\d{2}) (\d{2}):(\d{2})(?::(\d{2}))?/.exec(now ?? '');
+  if (!m) return null;
+  const base = Date.UTC(+m[1], +m[2] - 1, +m[3], +m[4], +m[5], +(m[6] ?? 0));
+  return (at) => {
+    const d = new Date(base + (at - askedAt));
+    return `${d.getUTCFullYear()}-${pad2(d.getUTCMonth() + 1)}-${pad2(d.getUTCDate())} ${pad2(d.getUTCHours())}:${pad2(d.getUTCMinutes())}:${pad2(d.getUTCSeconds())}`;
+  };
 }
 
 // Day of month of a monthly schedule when some months lack it (29 to 31), else 0.

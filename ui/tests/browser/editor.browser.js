@@ -1,0 +1,193 @@
+// Creating, editing and copying every kind with every schedule kind, as a person does it
+// in the editor; what the editor says about bad values; a session that ends mid-edit.
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { startSystem, launch, openPage, signInWithToken, gridReady, row, editorReady, saveEditor, noProblems, shot, PASSWORD, APPLIANCE_TZ } from './harness.js';
+
+let sys;
+let browser;
+let page;
+before(async () => {
+  sys = await startSystem();
+  browser = await launch();
+  page = await openPage(browser);
+  await signInWithToken(page, sys);
+});
+after(async () => {
+  if (page) noProblems(page);
+  await browser?.close();
+  sys?.stop();
+});
+
+const TS = 'ORVA.Core.TaskScheduler';
+const dialog = () => page.locator('#edit-dialog');
+const field = (label) => dialog().getByLabel(label, { exact: true });
+
+async function create(kind) {
+  await page.locator('#create-btn').click();
+  await page.locator(`#create-menu [data-kind="${kind}"]`).click();
+  await editorReady(page);
+}
+
+async function stored(name) {
+  const { tasks } = await sys.client.call(TS, 2, 'list', {});
+  const item = tasks.find((x) => x.name === name);
+  assert.ok(item, `${name} is listed`);
+  return { item, task: await sys.client.call(TS, 3, 'get', { id: item.id }) };
+}
+
+async function schedule(repeat, { date, time }) {
+  await dialog().locator('.segmented label', { hasText: repeat }).click();
+  await field(repeat === 'Once' ? 'Date' : repeat === 'Monthly' ? 'First run (repeats on this day of each month)' : 'First day').fill(date);
+  await field('First run time').fill(time);
+}
+
+test('every kind with every schedule kind is created and reads back', async () => {
+  await create('script');
+  await field('Task name').fill('Nightly report');
+  await schedule('Once', { date: '2031-05-06', time: '23:15' });
+  await field('Script').fill('echo report');
+  await saveEditor(page);
+  let { task } = await stored('Nightly report');
+  assert.deepEqual([task.schedule.repeat_date, task.schedule.date, task.schedule.hour, task.schedule.minute, task.extra.script],
+    ['once', '2031-05-06', 23, 15, 'echo report']);
+
+  await create('beep');
+  await field('Task name').fill('Buzzer');
+  await schedule('Weekly', { date: '2030-01-01', time: '07:05' });
+  // A new task starts with every day: leave Monday and Friday.
+  for (const d of ['Tue', 'Wed', 'Thu', 'Sat', 'Sun']) await dialog().locator('.days label', { hasText: d }).click();
+  await field('Beep for').fill('12');
+  // The appliance's next five starts for the form as it stands, before saving.
+  await page.waitForFunction(() => {
+    const next = [...document.querySelectorAll('#edit-dialog .preview-list li')].map((li) => li.textContent);
+    return next.length === 5 && next.every((x) => x.endsWith(' 07:05') && [1, 5].includes(new Date(`${x.slice(0, 10)}T12:00`).getDay()));
+  });
+  await shot(page, 'editor-preview');
+  const first = await dialog().locator('.preview-list li').first().innerText();
+  await saveEditor(page);
+  ({ task } = await stored('Buzzer'));
+  assert.deepEqual([task.schedule.repeat_date, task.schedule.week_day, task.extra.beep_duration], ['weekly', '1,5', 12]);
+  assert.equal(await row(page, 'Buzzer').locator('.col-next').innerText(), first, 'the grid starts it when the preview said');
+
+  // The age policy's field once replaced the schedule's time: "Enter a valid time."
+  await create('recycle');
+  await field('Task name').fill('Old files');
+  await schedule('Monthly', { date: '2030-01-15', time: '03:00' });
+  await dialog().getByLabel('Delete files older than').first().check();
+  await dialog().locator('input[type="number"][aria-label="Delete files older than"]').fill('30');
+  await saveEditor(page);
+  ({ task } = await stored('Old files'));
+  assert.deepEqual([task.schedule.repeat_date, task.schedule.hour, task.extra.clean_file_policy.policy, task.extra.clean_file_policy.time],
+    ['monthly', 3, 'time', 30]);
+
+  await create('service');
+  await field('Task name').fill('File transfer');
+  await dialog().locator('.segmented label', { hasText: 'Start' }).click();
+  for (const s of ['FTP', 'SFTP']) await dialog().getByLabel(s, { exact: true }).check();
+  await dialog().getByLabel('Repeat within the day').selectOption({ label: 'Every 2 hours' });
+  await dialog().getByLabel('Last start').selectOption('20');
+  await saveEditor(page);
+  ({ task } = await stored('File transfer'));
+  assert.deepEqual([task.schedule.repeat_date, task.schedule.repeat_hour, task.schedule.last_work_hour], ['daily', 2, 20]);
+  // The grid names the services as the editor does, not by their ids.
+  assert.match(await row(page, 'File transfer').locator('.col-action').innerText(), /"FTP" "SFTP"/);
+
+  // Editing: change and save, the grid follows.
+  await row(page, 'Buzzer').getByRole('button', { name: 'Edit task Buzzer' }).click();
+  await editorReady(page);
+  await field('Beep for').fill('30');
+  await saveEditor(page);
+  ({ task } = await stored('Buzzer'));
+  assert.equal(task.extra.beep_duration, 30);
+
+  // A copy keeps the settings under a new name, and warns about a name in use.
+  await row(page, 'Old files').getByRole('button', { name: 'Copy task Old files' }).click();
+  await editorReady(page);
+  assert.equal(await field('Task name').inputValue(), 'Copy of Old files');
+  await field('Task name').fill('Buzzer');
+  await dialog().locator('.warn-line:not([hidden])').waitFor();
+  await field('Task name').fill('Old files 2');
+  await saveEditor(page);
+  ({ task } = await stored('Old files 2'));
+  assert.equal(task.extra.clean_file_policy.time, 30);
+});
+
+test('errors: before saving, next to their field, gone once fixed; refusals named in the page language', async () => {
+  await create('script');
+  await page.locator('#edit-save').click();
+  const nameErr = dialog().locator('.field', { has: page.getByLabel('Task name', { exact: true }) }).locator('.error');
+  await nameErr.waitFor();
+  await field('Task name').fill('Fixed');
+  await nameErr.waitFor({ state: 'hidden' });
+
+  // The appliance's zone and clock, hours off the browser's: an hour ago has passed there.
+  const clock = await sys.client.call('ORVA.Core.TaskRuns', 1, 'clock', {});
+  assert.match(await dialog().locator('.zone-note').innerText(), new RegExp(`${APPLIANCE_TZ} \\(UTC\\${clock.utc_offset}\\)`));
+  const past = dialog().locator('.note', { hasText: 'has passed' });
+  for (const [minutes, passed] of [[-60, true], [60, false]]) {
+    const [date, time] = new Date(Date.parse(`${clock.now.replace(' ', 'T')}Z`) + minutes * 60e3).toISOString().split(/T|:\d\d\./);
+    await schedule('Once', { date, time });
+    await past.waitFor({ state: passed ? 'visible' : 'hidden' });
+    await dialog().locator('.preview-list li', { hasText: passed ? 'will not start again' : `${date} ${time}` }).waitFor();
+  }
+
+  // Limits are stated and met in the form: 4096 bytes of script are refused before saving.
+  await field('Script').fill('x'.repeat(4096));
+  assert.match(await dialog().locator('.counter').innerText(), /4096 of 4095 bytes/);
+  await page.locator('#edit-save').click();
+  assert.match(await dialog().locator('.field', { has: page.getByLabel('Script', { exact: true }) }).locator('.error').innerText(), /too long/);
+  await field('Script').fill('true');
+
+  // An unknown "Run as user" is named at its field, not "Invalid (basic) object".
+  await field('Run as user').fill('orvat-nosuchuser');
+  await page.locator('#edit-save').click();
+  const ownerErr = dialog().locator('.field', { has: page.getByLabel('Run as user', { exact: true }) }).locator('.error:not([hidden])');
+  await ownerErr.waitFor();
+  assert.match(await ownerErr.innerText(), /no account named “orvat-nosuchuser”/);
+  assert.doesNotMatch(await dialog().innerText(), /Invalid \(basic\) object/);
+
+  // Escape asks before dropping the edit; keeping it leaves everything as typed.
+  await page.keyboard.press('Escape');
+  await page.locator('#confirm-dialog[open]').waitFor();
+  await page.locator('#confirm-cancel').click();
+  assert.equal(await field('Task name').inputValue(), 'Fixed');
+  await page.keyboard.press('Escape');
+  await page.locator('#confirm-ok').click();
+  await dialog().waitFor({ state: 'hidden' });
+});
+
+test('the session ends while editing: the edit is kept and saved after signing in again', async () => {
+  await create('beep');
+  await field('Task name').fill('Kept across sign-in');
+  await page.context().clearCookies();
+  await page.locator('#edit-save').click();
+  await page.locator('#login-view').waitFor();
+  assert.match(await page.locator('#login-error').innerText(), /save the task you were editing/);
+  assert.equal(await page.locator('#login-account').inputValue(), 'root', 'the account is filled in');
+  await page.locator('#login-account').fill(sys.admin);
+  await page.locator('#login-password').fill(PASSWORD);
+  await page.locator('#login-submit').click();
+  await page.locator('#edit-dialog[open]').waitFor();
+  assert.equal(await field('Task name').inputValue(), 'Kept across sign-in');
+  await saveEditor(page);
+  await stored('Kept across sign-in');
+});
+
+test('German: 24-hour text fields, week days and texts of the page language', async () => {
+  const de = await openPage(browser, { lang: 'de-DE' });
+  await signInWithToken(de, sys);
+  await de.locator('#create-btn').click();
+  await de.locator('#create-menu [data-kind="script"]').click();
+  await editorReady(de);
+  const time = de.locator('#edit-dialog').getByLabel('Uhrzeit der ersten Ausführung', { exact: true });
+  // The browser's own time field follows its locale (12:00 AM): the page uses text.
+  assert.equal(await time.getAttribute('type'), 'text');
+  assert.match(await time.inputValue(), /^\d\d:\d\d$/);
+  await de.locator('#edit-dialog .segmented label', { hasText: 'Wöchentlich' }).click();
+  assert.deepEqual(await de.locator('#edit-dialog .days label span[aria-hidden]').allInnerTexts(), ['Mo', 'Di', 'Mi', 'Do', 'Fr', 'Sa', 'So']);
+  await de.locator('#edit-save').click();
+  assert.match(await de.locator('#edit-error').innerText(), /Bitte korrigieren/);
+  noProblems(de);
+  await de.context().close();
+});

@@ -1,0 +1,142 @@
+// The grid with 130 tasks: filters, selection across pages, bulk actions that name what
+// they left out, the row switch and its focus, state in the address, toasts, event rows,
+// and the layout at 390, 1024 and 1366 px in German.
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { startSystem, launch, openPage, signInWithToken, gridReady, row, noProblems, contrastOf, shot } from './harness.js';
+
+const TS = 'ORVA.Core.TaskScheduler';
+let sys;
+let browser;
+before(async () => {
+  sys = await startSystem();
+  browser = await launch();
+  const sched = { repeat_date: 'daily', date: '2030-01-01', hour: 3, minute: 0, repeat_min: 0, repeat_hour: 0, last_work_hour: 23, week_day: '0,1,2,3,4,5,6' };
+  for (let i = 0; i < 126; i++) {
+    const n = String(i).padStart(3, '0');
+    await sys.client.call(TS, 3, 'create', i % 2
+      ? { name: `Beep ${n}`, owner: 'root', enable: true, type: 'beep', extra: { beep_duration: 1 }, schedule: { ...sched, minute: i % 60 } }
+      : { name: `Script ${n}`, owner: 'root', enable: i % 4 === 0, type: 'script', extra: { script: 'true' }, schedule: { ...sched, minute: i % 60 } });
+  }
+  await sys.client.call(TS, 3, 'create', {
+    name: 'FTP up', owner: 'root', enable: true, type: 'service', schedule: sched,
+    extra: { action: 'start', services: [{ type: 'service', id: 'FileXfer', name: 'FileXfer', enable: true }, { type: 'service', id: 'FileXferSsh', name: 'FileXferSsh', enable: true }] },
+  });
+  await sys.client.call('ORVA.Core.EventScheduler', 1, 'create', { task_name: 'At boot', owner: 'root', enable: true, event: 'bootup', script: 'true' });
+  // A task of another app: the page may switch it but not edit it.
+  const { execFileSync } = await import('node:child_process');
+  execFileSync(`${sys.root}/usr/orva/bin/orva-taskctl`, ['--root', sys.root, 'add', JSON.stringify({
+    name: 'Storage report', app: 'ORVA.VEK.DataAnalysis', action: 'report', command: 'true', owner: 'root', can_edit_from_ui: false,
+    schedule: sched,
+  })]);
+});
+after(async () => {
+  await browser?.close();
+  sys?.stop();
+});
+
+test('filters, select all across pages, bulk actions, event rows and service names', async () => {
+  const page = await openPage(browser, { width: 1366 });
+  await signInWithToken(page, sys);
+  assert.equal(await page.locator('#pager-total').innerText(), '129 tasks');
+  await shot(page, 'grid');
+  // Primary buttons keep their colours on hover.
+  await page.locator('#create-btn').hover();
+  assert.ok(await contrastOf(page.locator('#create-btn')) >= 4.5, 'Create readable on hover');
+
+  await page.locator('#filter-type').selectOption('script');
+  await page.locator('#filter-state').selectOption('disabled');
+  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '31 tasks');
+  await page.locator('#select-all').check();
+  await page.locator('#select-every').click();
+  await page.waitForFunction(() => /31/.test(document.querySelector('#selection-count').textContent));
+  await page.locator('[data-bulk="enable"]').click();
+  await page.waitForFunction(() => document.querySelector('#grid-state').hidden === false);
+  const { tasks } = await sys.client.call(TS, 2, 'list', {});
+  assert.equal(tasks.filter((x) => x.type === 'script' && !x.enable).length, 0, 'every disabled script enabled, also off the page');
+
+  // Event rows show their event; other apps' tasks say why they cannot be edited.
+  await page.locator('#filter-clear').click();
+  await page.locator('#filter-q').fill('boot');
+  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  assert.match(await row(page, 'At boot').locator('.col-next').innerText(), /Runs at boot-up/);
+  assert.match(await row(page, 'At boot').getByRole('button', { name: 'Edit task At boot' }).getAttribute('title'), /event scheduler/);
+  await page.locator('#filter-q').fill('');
+  await page.locator('#filter-owner').fill('root');
+  await page.locator('#filter-q').fill('report');
+  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  assert.match(await row(page, 'Storage report').getByRole('button', { name: 'Edit task Storage report' }).getAttribute('title'), /own app/);
+
+  // Bulk run of a selection that has an event task: it is named as left out.
+  await page.locator('#filter-clear').click();
+  await page.locator('#filter-q').fill('FTP');
+  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  assert.match(await row(page, 'FTP up').locator('.col-action').innerText(), /"FTP" "SFTP"/);
+  await page.locator('#filter-q').fill('');
+  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '129 tasks');
+  await page.locator('#filter-q').fill('at boot');
+  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await page.locator('#select-all').check();
+  await page.locator('#filter-q').fill('FTP');
+  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await row(page, 'FTP up').getByRole('checkbox', { name: 'Select task FTP up' }).check();
+  await page.locator('[data-bulk="run"]').click();
+  await page.locator('.toast.error', { hasText: 'Left out' }).waitFor();
+  assert.match(await page.locator('.toast.error').last().innerText(), /“At boot”/);
+  noProblems(page);
+  await page.context().close();
+});
+
+test('the row switch keeps the focus; sort, size and page survive a reload; toasts go', async () => {
+  const page = await openPage(browser, { width: 1366 });
+  await signInWithToken(page, sys);
+  await page.locator('th[data-sort="name"] button').click();
+  await page.locator('#page-size').selectOption('10');
+  await page.locator('#page-next').click();
+  await page.waitForFunction(() => /11–20/.test(document.querySelector('#pager-range').textContent));
+  await page.reload();
+  await gridReady(page);
+  assert.match(await page.locator('#pager-range').innerText(), /11–20 of 129/);
+  assert.equal(await page.locator('th[data-sort="name"]').getAttribute('aria-sort'), 'ascending');
+
+  const sw = page.locator('#grid-body tr').first().getByRole('switch');
+  const key = await sw.getAttribute('data-focus');
+  await sw.focus();
+  for (let i = 0; i < 5; i++) {
+    await page.keyboard.press('Space');
+    await page.locator('.toast').first().waitFor();
+    await gridReady(page);
+    await page.waitForFunction(() => !document.querySelector('[aria-busy="true"]'));
+  }
+  assert.equal(await page.evaluate(() => document.activeElement?.dataset.focus), key, 'focus stays on the switch');
+  assert.ok(await page.locator('.toast').count() <= 4, 'toasts do not pile up');
+  await page.locator('.toast').first().waitFor({ state: 'detached', timeout: 12000 });
+  noProblems(page);
+  await page.context().close();
+});
+
+test('layout in German: 390, 1024 and 1366 px', async () => {
+  for (const width of [390, 1024, 1366]) {
+    const page = await openPage(browser, { lang: 'de-DE', width, height: 800 });
+    await signInWithToken(page, sys);
+    await shot(page, `grid-de-${width}`);
+    const m = await page.evaluate(() => {
+      const sel = document.querySelector('#lang-select');
+      const ctx = document.createElement('canvas').getContext('2d');
+      ctx.font = getComputedStyle(sel).font;
+      const text = ctx.measureText(sel.selectedOptions[0].text).width;
+      const tools = [...document.querySelectorAll('#grid-body tr:first-child .col-tools button')].map((b) => b.getBoundingClientRect().right);
+      const action = document.querySelector('#grid-body td.col-action');
+      return {
+        langFits: text + 20 <= sel.clientWidth && sel.getBoundingClientRect().right <= innerWidth,
+        toolsVisible: Math.max(...tools) <= document.querySelector('#grid-wrap').getBoundingClientRect().right + 1,
+        actionWidth: action && getComputedStyle(action).display !== 'none' ? action.getBoundingClientRect().width : null,
+      };
+    });
+    assert.ok(m.langFits, `${width}: the language select shows its text`);
+    if (width >= 1024) assert.ok(m.toolsVisible, `${width}: row buttons in view without scrolling`);
+    if (width === 1366) assert.ok(m.actionWidth >= 170, `${width}: the action column is not squeezed (${m.actionWidth})`);
+    noProblems(page);
+    await page.context().close();
+  }
+});
