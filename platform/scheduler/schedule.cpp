@@ -1,13 +1,36 @@
 // Schedules: validation and the next trigger time in the system time zone.
 #include <stdio.h>
+#include <stdlib.h>
 #include <time.h>
 
 #include <algorithm>
+#include <mutex>
 #include <string>
 
+#include "core/lookup_epoch.h"
 #include "internal.h"
 
 namespace {
+
+// tzset() reads the zone file again (a stat at least) on every call: do it once per
+// lookup epoch (each request), on every call in a process without epochs, and
+// whenever TZ changes. localtime_r() itself never reads the zone again.
+void ZoneCheck() {
+  static std::mutex mutex;
+  static uint64_t checked = 0;
+  static bool hadTz = false;
+  static std::string lastTz;
+  const uint64_t epoch = ORVALookupEpoch();
+  const char* tz = getenv("TZ");
+  std::lock_guard<std::mutex> lock(mutex);
+  if (epoch != 0 && epoch == checked && (tz != nullptr) == hadTz && (!tz || lastTz == tz)) {
+    return;
+  }
+  tzset();
+  checked = epoch;
+  hadTz = tz != nullptr;
+  lastTz = tz ? tz : "";
+}
 
 // Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's algorithm).
 int64_t DaysFromCivil(int64_t y, unsigned m, unsigned d) {
@@ -124,7 +147,7 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
       s.hour > 23 || s.min > 59) {
     return -1;  // no (usable) schedule
   }
-  tzset();
+  ZoneCheck();
   struct tm lt;
   localtime_r(&after, &lt);
   const int64_t today = DaysFromCivil(lt.tm_year + 1900, static_cast<unsigned>(lt.tm_mon + 1),
