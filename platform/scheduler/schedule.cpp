@@ -159,6 +159,21 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
     first = last = start;
   }
   const unsigned step = s.repeat_min ? s.repeat_min : s.repeat_hour * 60u;
+  const unsigned firstMin = s.hour * 60u + s.min;
+  // Today's repeats that end before `after` cannot be next: start at the first one
+  // within the widest offset change around now (a minute repeat is otherwise walked
+  // from its first minute of the day, four zone lookups each).
+  unsigned todayMin = firstMin;
+  if (step && first == today) {
+    const long offsets[] = {OffsetAt(after - 86400), lt.tm_gmtoff, OffsetAt(after + 86400)};
+    const long spread = *std::max_element(std::begin(offsets), std::end(offsets)) -
+                        *std::min_element(std::begin(offsets), std::end(offsets));
+    const int64_t sinceFirst = (static_cast<int64_t>(after) + lt.tm_gmtoff - spread - 60 - today * 86400) / 60 -
+                               static_cast<int64_t>(firstMin);
+    if (sinceFirst > 0) {
+      todayMin = firstMin + static_cast<unsigned>(std::min<int64_t>(sinceFirst / step, 24 * 60) * step);
+    }
+  }
   for (int64_t d = first; d <= last; ++d) {
     if (s.repeat == ORVA_SCHED_REPEAT_WEEKLY && !(s.week_mask & (1u << Weekday(d)))) {
       continue;
@@ -166,8 +181,8 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
     if (s.repeat == ORVA_SCHED_REPEAT_MONTHLY && DayOfMonth(d) != s.day) {
       continue;
     }
-    for (unsigned m = s.hour * 60u + s.min; m < 24 * 60; m += step) {
-      if (m / 60 > s.last_work_hour && m != s.hour * 60u + s.min) {
+    for (unsigned m = d == today ? todayMin : firstMin; m < 24 * 60; m += step) {
+      if (m / 60 > s.last_work_hour && m != firstMin) {
         break;
       }
       time_t t = WallToInstant(d * 86400 + m * 60);
