@@ -38,7 +38,8 @@ class Conn {
   bool inTxn_ = false;
 };
 
-// A prepared statement, finalized on destruction.
+// A prepared statement. On the process's connection it is prepared once and reset on
+// destruction (held under the connection's lock); otherwise finalized.
 class Stmt {
  public:
   Stmt(sqlite3* db, const char* sql);
@@ -65,6 +66,7 @@ class Stmt {
  private:
   sqlite3* db_;
   sqlite3_stmt* stmt_ = nullptr;
+  bool* cached_ = nullptr;  // the cache's "lent" flag when borrowed from it
 };
 
 // Logs an SQLite failure once and sets ORVA_SCHED_ERR_DATABASE.
