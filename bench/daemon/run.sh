@@ -10,7 +10,7 @@ tasks=${TASKS:-10000}
 for f in bin/orva-schedulerd bin/bench_daemon_runner bin/bench_daemon_spawn bin/bench_store_fill; do
   [ -x "$build/$f" ] || { echo "missing $build/$f: build orva-schedulerd bench_daemon_runner bench_daemon_spawn bench_store_fill"; exit 1; }
 done
-# Result rows ("ROW|work|before|measured|goal|ok") go to fd 3 when bench/run.sh opened it.
+# Result rows ("ROW|ORDER|work|before|measured|goal|ok") go to fd 3 when bench/run.sh opened it.
 emit() {
   local l
   while IFS= read -r l; do
@@ -78,7 +78,7 @@ awk -v want="$tasks" -v n="$n" -v floor="$floor" -v p50="$(pick 50)" -v p99="$(p
   printf "tasks due: %d; started: %d; lateness p50 %.3f s, p99 %.3f s, max %.3f s\n", want, n, p50, p99, max
   printf "daemon CPU while idle: %.3f s over %.1f s = %.3f s per minute\n", (c1 - c0) / hz, e - f, idle
   ok = (n == want && p99 >= 0 && p99 <= 1.0) ? "ok" : "MISSED"
-  printf "ROW|daemon: %d tasks due every minute, started within 1 s (fake runner)|3,910 started in 10 s|%d started, lateness p50 %.0f ms, p99 %.0f ms, max %.0f ms (bare spawn floor %.2f s)|all within 1 s|%s\n", want, n, p50 * 1000, p99 * 1000, max * 1000, floor, ok
+  printf "ROW|7|daemon: %d tasks due every minute, started within 1 s (fake runner)|3,910 started in 10 s|%d started, lateness p50 %.0f ms, p99 %.0f ms, max %.0f ms (bare spawn floor %.2f s)|all within 1 s|%s\n", want, n, p50 * 1000, p99 * 1000, max * 1000, floor, ok
   ok = idle <= 0.1 ? "ok" : "MISSED"
-  printf "ROW|daemon CPU per idle minute, %d tasks|-|%.3f s|~0 (<= 0.1 s)|%s\n", want, idle, ok
+  printf "ROW|8|daemon CPU per idle minute, %d tasks|-|%.3f s|~0 (<= 0.1 s)|%s\n", want, idle, ok
 }' | emit
