@@ -9,10 +9,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <map>
+#include <mutex>
+#include <string>
 #include <vector>
 
 #include "core/conf.h"
 #include "core/kelc.h"
+#include "core/lookup_epoch.h"
 
 namespace {
 
@@ -79,6 +83,82 @@ int FillUser(const struct passwd& pw, PORVAUSER* ppUser) {
   return 0;
 }
 
+// Answers of the current lookup epoch (core/lookup_epoch.h), by uid and by name; a
+// listing asks for the same few owners thousands of times.
+struct CachedUser {
+  bool found = false;
+  std::string name, home, shell;
+  uid_t uid = 0;
+  gid_t gid = 0;
+};
+
+struct UserCache {
+  std::mutex mutex;
+  uint64_t epoch = 0;
+  std::map<uid_t, CachedUser> byUid;
+  std::map<std::string, CachedUser> byName;
+};
+
+UserCache& Cache() {
+  static UserCache* cache = new UserCache;  // never destroyed: usable from atexit code
+  return *cache;
+}
+
+// Looks the user up through the cache when the process uses lookup epochs.
+template <typename Key, typename Lookup>
+int CachedLookup(std::map<Key, CachedUser> UserCache::*table, const Key& key, Lookup lookup, PORVAUSER* ppUser) {
+  const uint64_t epoch = ORVALookupEpoch();
+  UserCache& cache = Cache();
+  CachedUser entry;
+  bool hit = false;
+  if (epoch != 0) {
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    if (cache.epoch != epoch) {
+      cache.byUid.clear();
+      cache.byName.clear();
+      cache.epoch = epoch;
+    }
+    auto it = (cache.*table).find(key);
+    if (it != (cache.*table).end()) {
+      entry = it->second;
+      hit = true;
+    }
+  }
+  if (!hit) {
+    struct passwd pw;
+    std::vector<char> buf;
+    int found = LookupUser(lookup, &pw, buf);
+    if (found < 0) {
+      return -1;  // a failure is not remembered
+    }
+    entry.found = found > 0;
+    if (entry.found) {
+      entry.name = pw.pw_name ? pw.pw_name : "";
+      entry.home = pw.pw_dir ? pw.pw_dir : "";
+      entry.shell = pw.pw_shell ? pw.pw_shell : "";
+      entry.uid = pw.pw_uid;
+      entry.gid = pw.pw_gid;
+    }
+    if (epoch != 0) {
+      std::lock_guard<std::mutex> lock(cache.mutex);
+      if (cache.epoch == epoch) {
+        (cache.*table)[key] = entry;
+      }
+    }
+  }
+  if (!entry.found) {
+    KELC_ERR_SET(KELC_ERR_NO_USER);
+    return -1;
+  }
+  struct passwd pw {};
+  pw.pw_name = entry.name.data();
+  pw.pw_dir = entry.home.data();
+  pw.pw_shell = entry.shell.data();
+  pw.pw_uid = entry.uid;
+  pw.pw_gid = entry.gid;
+  return FillUser(pw, ppUser);
+}
+
 }  // namespace
 
 extern "C" {
@@ -88,15 +168,9 @@ int ORVAUserGetByUID(uid_t uid, PORVAUSER* ppUser) {
     KELC_ERR_SET(KELC_ERR_INVALID_ARGUMENT);
     return -1;
   }
-  struct passwd pw;
-  std::vector<char> buf;
-  int found = LookupUser(
-      [uid](struct passwd* p, char* b, size_t n, struct passwd** r) { return getpwuid_r(uid, p, b, n, r); }, &pw,
-      buf);
-  if (found <= 0) {
-    return -1;
-  }
-  return FillUser(pw, ppUser);
+  return CachedLookup(
+      &UserCache::byUid, uid,
+      [uid](struct passwd* p, char* b, size_t n, struct passwd** r) { return getpwuid_r(uid, p, b, n, r); }, ppUser);
 }
 
 int ORVAUserGetByName(const char* name, PORVAUSER* ppUser) {
@@ -104,15 +178,10 @@ int ORVAUserGetByName(const char* name, PORVAUSER* ppUser) {
     KELC_ERR_SET(KELC_ERR_INVALID_ARGUMENT);
     return -1;
   }
-  struct passwd pw;
-  std::vector<char> buf;
-  int found = LookupUser(
-      [name](struct passwd* p, char* b, size_t n, struct passwd** r) { return getpwnam_r(name, p, b, n, r); }, &pw,
-      buf);
-  if (found <= 0) {
-    return -1;
-  }
-  return FillUser(pw, ppUser);
+  return CachedLookup(
+      &UserCache::byName, std::string(name),
+      [name](struct passwd* p, char* b, size_t n, struct passwd** r) { return getpwnam_r(name, p, b, n, r); },
+      ppUser);
 }
 
 void ORVAUserFree(PORVAUSER pUser) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <unordered_map>
 
 #include "core/root.h"
 #include "internal.h"
@@ -57,6 +58,12 @@ const char* const kMigrations[] = {
     "ALTER TABLE runs ADD COLUMN truncated INTEGER NOT NULL DEFAULT 0;",
 };
 
+// A statement prepared once per connection, lent to one Stmt at a time.
+struct Cached {
+  sqlite3_stmt* stmt = nullptr;
+  bool lent = false;
+};
+
 struct State {
   std::mutex mutex;
   sqlite3* db = nullptr;
@@ -64,6 +71,8 @@ struct State {
   std::string path;
   dev_t dev = 0;  // the file the connection was opened on
   ino_t ino = 0;
+  // Statements of `db` by their SQL: a request parses each statement once per process.
+  std::unordered_map<std::string, Cached> stmts;
 };
 
 State& GetState() {
@@ -184,9 +193,13 @@ sqlite3* OpenDb(const std::string& path) {
   return db;
 }
 
-}  // namespace
-
-namespace {
+// Closes the process's connection; its cached statements go first, or the close fails.
+void CloseDb(State& s) {
+  for (auto& [sql, c] : s.stmts) sqlite3_finalize(c.stmt);
+  s.stmts.clear();
+  sqlite3_close(s.db);
+  s.db = nullptr;
+}
 
 // True when the file at `s.path` is still the one the connection has open. A store
 // replaced (a backup put back) or removed while open would otherwise keep this process
@@ -203,8 +216,7 @@ bool ReopenIfReplaced(State& s) {
   }
   syslog(LOG_WARNING, "%s:%d %s was %s while open; reopening it", __FILE_NAME__, __LINE__, s.path.c_str(),
          access(s.path.c_str(), F_OK) == 0 ? "replaced" : "removed (a new, empty store is made)");
-  sqlite3_close(s.db);
-  s.db = nullptr;
+  CloseDb(s);
   return true;
 }
 
@@ -215,12 +227,13 @@ Conn::Conn() : lock_(GetState().mutex) {
   std::string path = ORVASchedStoreDbPath();
   pid_t pid = getpid();
   if (s.db && s.pid != pid) {
-    // Inherited across fork(): the parent still owns it. Forget it, never close it here.
+    // Inherited across fork(): the parent still owns it (and its statements). Forget
+    // them, never finalize or close them here.
+    s.stmts.clear();
     s.db = nullptr;
   }
   if (s.db && s.path != path) {
-    sqlite3_close(s.db);
-    s.db = nullptr;
+    CloseDb(s);
   }
   ReopenIfReplaced(s);
   if (!s.db) {
@@ -246,7 +259,7 @@ bool Conn::Begin(bool write) {
   if (!db_) {
     return false;
   }
-  if (!Exec(db_, write ? "BEGIN IMMEDIATE" : "BEGIN")) {
+  if (Stmt(db_, write ? "BEGIN IMMEDIATE" : "BEGIN").Step() != SQLITE_DONE) {
     return false;
   }
   inTxn_ = true;
@@ -255,8 +268,8 @@ bool Conn::Begin(bool write) {
 
 bool Conn::Commit() {
   inTxn_ = false;
-  if (!Exec(db_, "COMMIT")) {
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  if (Stmt(db_, "COMMIT").Step() != SQLITE_DONE) {
+    Rollback();
     return false;
   }
   return true;
@@ -264,12 +277,30 @@ bool Conn::Commit() {
 
 void Conn::Rollback() {
   inTxn_ = false;
-  if (db_) {
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  if (db_ && !sqlite3_get_autocommit(db_)) {
+    Stmt st(db_, "ROLLBACK");
+    if (st.ok()) sqlite3_step(st.get());
   }
 }
 
 Stmt::Stmt(sqlite3* db, const char* sql) : db_(db) {
+  State& s = GetState();
+  if (db && db == s.db) {
+    Cached& c = s.stmts[sql];
+    if (!c.stmt && sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &c.stmt, nullptr) != SQLITE_OK) {
+      DbFail(db, "prepare", __LINE__);
+      sqlite3_finalize(c.stmt);
+      s.stmts.erase(sql);
+      return;
+    }
+    if (!c.lent) {
+      c.lent = true;
+      stmt_ = c.stmt;
+      cached_ = &c.lent;
+      return;
+    }
+    // Already lent (the same statement nested): a statement of its own.
+  }
   if (!db || sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
     if (db) {
       DbFail(db, "prepare", __LINE__);
@@ -281,7 +312,16 @@ Stmt::Stmt(sqlite3* db, const char* sql) : db_(db) {
   }
 }
 
-Stmt::~Stmt() { sqlite3_finalize(stmt_); }
+Stmt::~Stmt() {
+  if (cached_) {
+    // Back to the cache: no snapshot or lock kept, no value bound.
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+    *cached_ = false;
+  } else {
+    sqlite3_finalize(stmt_);
+  }
+}
 
 int Stmt::Step() {
   if (!stmt_) {
@@ -320,7 +360,7 @@ bool Exec(sqlite3* db, const char* sql) {
 }
 
 bool BumpGeneration(sqlite3* db) {
-  return Exec(db, "UPDATE meta SET value = value + 1 WHERE key = 'generation'");
+  return Stmt(db, "UPDATE meta SET value = value + 1 WHERE key = 'generation'").Step() == SQLITE_DONE;
 }
 
 }  // namespace orva_sched

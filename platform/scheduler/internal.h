@@ -38,7 +38,8 @@ class Conn {
   bool inTxn_ = false;
 };
 
-// A prepared statement, finalized on destruction.
+// A prepared statement. On the process's connection it is prepared once and reset on
+// destruction (held under the connection's lock); otherwise finalized.
 class Stmt {
  public:
   Stmt(sqlite3* db, const char* sql);
@@ -65,6 +66,7 @@ class Stmt {
  private:
   sqlite3* db_;
   sqlite3_stmt* stmt_ = nullptr;
+  bool* cached_ = nullptr;  // the cache's "lent" flag when borrowed from it
 };
 
 // Logs an SQLite failure once and sets ORVA_SCHED_ERR_DATABASE.
@@ -90,5 +92,45 @@ bool SpawnDetached(const std::string& program, const std::vector<std::string>& a
 // The start time of a process in clock ticks since boot (/proc/PID/stat): with the pid
 // it names one process for good. -1 when it cannot be read (errno set).
 int64_t ProcessStartTime(pid_t pid);
+
+// ---- Listings (listing.cpp) ----
+// Bits of ORVA_SCHED_TASK::lazy: a text of a listed record kept aside until first use.
+constexpr uint8_t kLazyAction = 1;
+constexpr uint8_t kLazyCommand = 2;
+constexpr uint8_t kLazyAppArgs = 4;
+
+struct Listing;
+// A listing with room for `capacity` records (registered, so its records free right).
+Listing* ListingNew(size_t capacity);
+// The next zero-filled record for row `id`; null when the listing is full.
+ORVA_SCHED_TASK* ListingTake(Listing* l, int64_t id);
+// The longest text of field `bit` written into the record itself while listing.
+size_t ListingInPlaceMax(uint8_t bit);
+// Keeps a text aside for the record's field `bit` and marks the field lazy.
+void ListingSetAside(Listing* l, ORVA_SCHED_TASK* t, uint8_t bit, const char* text, size_t len);
+// The filter refused the last record taken (its slot is reused) / kept it.
+void ListingRefuse(Listing* l);
+void ListingKeep(Listing* l);
+// Loading ended: a listing that kept nothing is gone.
+void ListingDone(Listing* l);
+// Frees one record of a listing; false when `t` is not a listed record.
+bool ListingRelease(ORVA_SCHED_TASK* t);
+// Frees every record of a chain: listed records and records from calloc alike.
+void ListingFreeChain(ORVA_SCHED_TASK* t);
+// The full text of field `bit`, copied into the record first if it is still aside.
+const char* LazyText(const ORVA_SCHED_TASK& t, uint8_t bit);
+// The same without copying it in when it is aside (valid while the listing lives).
+const char* PeekText(const ORVA_SCHED_TASK& t, uint8_t bit);
+// While it lives, getters of this thread read the store through `db` (the connection
+// a listing holds) instead of taking the connection themselves.
+class ListingConnection {
+ public:
+  explicit ListingConnection(sqlite3* db);
+  ~ListingConnection();
+  ListingConnection(const ListingConnection&) = delete;
+  ListingConnection& operator=(const ListingConnection&) = delete;
+};
+// Copies every text still aside into the record (before it is saved).
+void FillAll(ORVA_SCHED_TASK& t);
 
 }  // namespace orva_sched

@@ -115,17 +115,13 @@ ORVA_SCHED_TASK* ORVASchedTaskAllocFast(void) {
   return task;
 }
 
-void ORVASchedTaskFree(ORVA_SCHED_TASK* pTask) { free(pTask); }
+void ORVASchedTaskFree(ORVA_SCHED_TASK* pTask) {
+  if (pTask && !orva_sched::ListingRelease(pTask)) free(pTask);
+}
 
 ORVA_SCHED_TASK* ORVASchedTaskNext(const ORVA_SCHED_TASK* pTask) { return pTask ? pTask->next : nullptr; }
 
-void ORVASchedTaskListFree(ORVA_SCHED_TASK* pList) {
-  while (pList) {
-    ORVA_SCHED_TASK* next = pList->next;
-    free(pList);
-    pList = next;
-  }
-}
+void ORVASchedTaskListFree(ORVA_SCHED_TASK* pList) { orva_sched::ListingFreeChain(pList); }
 
 void ORVASchedCTaskSetID(ORVA_SCHED_TASK* t, long id) {
   if (t) t->id = id;
@@ -146,13 +142,19 @@ void ORVASchedCTaskSetAppName(ORVA_SCHED_TASK* t, const char* v) {
   if (t) SetText(t, t->app_name, sizeof(t->app_name), ORVA_SCHED_TRUNC_APP_NAME, v);
 }
 void ORVASchedCTaskSetAppArgs(ORVA_SCHED_TASK* t, const char* v) {
-  if (t) SetText(t, t->app_args, sizeof(t->app_args), ORVA_SCHED_TRUNC_APP_ARGS, v);
+  if (!t) return;
+  t->lazy &= static_cast<uint8_t>(~orva_sched::kLazyAppArgs);
+  SetText(t, t->app_args, sizeof(t->app_args), ORVA_SCHED_TRUNC_APP_ARGS, v);
 }
 void ORVASchedCTaskSetAction(ORVA_SCHED_TASK* t, const char* v) {
-  if (t) SetText(t, t->action, sizeof(t->action), ORVA_SCHED_TRUNC_ACTION, v);
+  if (!t) return;
+  t->lazy &= static_cast<uint8_t>(~orva_sched::kLazyAction);
+  SetText(t, t->action, sizeof(t->action), ORVA_SCHED_TRUNC_ACTION, v);
 }
 void ORVASchedCTaskSetCommand(ORVA_SCHED_TASK* t, const char* v) {
-  if (t) SetText(t, t->command, sizeof(t->command), ORVA_SCHED_TRUNC_COMMAND, v);
+  if (!t) return;
+  t->lazy &= static_cast<uint8_t>(~orva_sched::kLazyCommand);
+  SetText(t, t->command, sizeof(t->command), ORVA_SCHED_TRUNC_COMMAND, v);
 }
 void ORVASchedCTaskSetEditForm(ORVA_SCHED_TASK* t, const char* v) {
   if (t) SetText(t, t->edit_form, sizeof(t->edit_form), ORVA_SCHED_TRUNC_EDIT_FORM, v);
@@ -211,9 +213,16 @@ bool ORVASchedTaskIsCanRunTaskSameTime(const _tag_orva_sched_task_& t) { return 
 const char* ORVASchedTaskGetName(const _tag_orva_sched_task_& t) { return t.name; }
 const char* ORVASchedTaskGetApp(const _tag_orva_sched_task_& t) { return t.app; }
 const char* ORVASchedTaskGetAppName(const _tag_orva_sched_task_& t) { return t.app_name; }
-const char* ORVASchedTaskGetAppArgs(const _tag_orva_sched_task_& t) { return t.app_args; }
-const char* ORVASchedTaskGetAction(const _tag_orva_sched_task_& t) { return t.action; }
-const char* ORVASchedTaskGetCommand(const _tag_orva_sched_task_& t) { return t.command; }
+// A listed record's large texts may still be aside: these copy them in on first use.
+const char* ORVASchedTaskGetAppArgs(const _tag_orva_sched_task_& t) {
+  return orva_sched::LazyText(t, orva_sched::kLazyAppArgs);
+}
+const char* ORVASchedTaskGetAction(const _tag_orva_sched_task_& t) {
+  return orva_sched::LazyText(t, orva_sched::kLazyAction);
+}
+const char* ORVASchedTaskGetCommand(const _tag_orva_sched_task_& t) {
+  return orva_sched::LazyText(t, orva_sched::kLazyCommand);
+}
 const char* ORVASchedTaskGetEditForm(const _tag_orva_sched_task_& t) { return t.edit_form; }
 const char* ORVASchedTaskGetEvent(const _tag_orva_sched_task_& t) { return t.event; }
 int64_t ORVASchedTaskGetMarker(const _tag_orva_sched_task_& t) { return t.marker; }
@@ -231,8 +240,9 @@ int CompareText(const char* a, const char* b) {
 
 struct SortItem {
   ORVA_SCHED_TASK* task;
-  int64_t key = 0;        // numeric keys
-  std::string* text = nullptr;  // owner names (shared per uid)
+  int64_t key = 0;              // numeric keys
+  const char* text = nullptr;   // text keys, read once per record
+  int64_t id = 0;               // the tie-breaker, beside the keys
 };
 
 }  // namespace
@@ -259,7 +269,7 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
 
   std::vector<SortItem> items;
   for (ORVA_SCHED_TASK* t = *ppList; t; t = t->next) {
-    items.push_back(SortItem{t});
+    items.push_back(SortItem{t, 0, nullptr, t->id});
   }
   std::map<unsigned, std::string> names;  // one user lookup per owner uid
   PORVAUSER user = nullptr;
@@ -282,29 +292,27 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
         if (ins.second && ORVAUserGetByUID(it.task->owner, &user) == 0) {
           ins.first->second = user->szName;
         }
-        it.text = &ins.first->second;
+        it.text = ins.first->second.c_str();
         break;
       }
-      default:
+      case kName:
+        it.text = it.task->name;
+        break;
+      case kAppName:
+        it.text = it.task->app_name;
+        break;
+      case kAction:
+        // Compared where it is: a text still aside is not copied into the record.
+        it.text = orva_sched::PeekText(*it.task, orva_sched::kLazyAction);
         break;
     }
   }
   ORVAUserFree(user);
 
   const bool asc = ascending != 0;
-  auto keyCompare = [which](const SortItem& a, const SortItem& b) -> int {
-    switch (which) {
-      case kName:
-        return CompareText(a.task->name, b.task->name);
-      case kAppName:
-        return CompareText(a.task->app_name, b.task->app_name);
-      case kAction:
-        return CompareText(a.task->action, b.task->action);
-      case kOwner:
-        return CompareText(a.text->c_str(), b.text->c_str());
-      default:
-        return a.key < b.key ? -1 : (a.key > b.key ? 1 : 0);
-    }
+  auto keyCompare = [](const SortItem& a, const SortItem& b) -> int {
+    if (a.text) return CompareText(a.text, b.text);
+    return a.key < b.key ? -1 : (a.key > b.key ? 1 : 0);
   };
   std::sort(items.begin(), items.end(), [&](const SortItem& a, const SortItem& b) {
     if (which == kNext) {
@@ -314,7 +322,7 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
     }
     int c = keyCompare(a, b);
     if (c != 0) return asc ? c < 0 : c > 0;
-    return a.task->id < b.task->id;  // ties: id ascending in both directions
+    return a.id < b.id;  // ties: id ascending in both directions
   });
   ORVA_SCHED_TASK* head = nullptr;
   for (size_t i = items.size(); i-- > 0;) {

@@ -1,13 +1,36 @@
 // Schedules: validation and the next trigger time in the system time zone.
 #include <stdio.h>
+#include <stdlib.h>
 #include <time.h>
 
 #include <algorithm>
+#include <mutex>
 #include <string>
 
+#include "core/lookup_epoch.h"
 #include "internal.h"
 
 namespace {
+
+// tzset() reads the zone file again (a stat at least) on every call: do it once per
+// lookup epoch (each request), on every call in a process without epochs, and
+// whenever TZ changes. localtime_r() itself never reads the zone again.
+void ZoneCheck() {
+  static std::mutex mutex;
+  static uint64_t checked = 0;
+  static bool hadTz = false;
+  static std::string lastTz;
+  const uint64_t epoch = ORVALookupEpoch();
+  const char* tz = getenv("TZ");
+  std::lock_guard<std::mutex> lock(mutex);
+  if (epoch != 0 && epoch == checked && (tz != nullptr) == hadTz && (!tz || lastTz == tz)) {
+    return;
+  }
+  tzset();
+  checked = epoch;
+  hadTz = tz != nullptr;
+  lastTz = tz ? tz : "";
+}
 
 // Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's algorithm).
 int64_t DaysFromCivil(int64_t y, unsigned m, unsigned d) {
@@ -124,7 +147,7 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
       s.hour > 23 || s.min > 59) {
     return -1;  // no (usable) schedule
   }
-  tzset();
+  ZoneCheck();
   struct tm lt;
   localtime_r(&after, &lt);
   const int64_t today = DaysFromCivil(lt.tm_year + 1900, static_cast<unsigned>(lt.tm_mon + 1),
@@ -136,6 +159,21 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
     first = last = start;
   }
   const unsigned step = s.repeat_min ? s.repeat_min : s.repeat_hour * 60u;
+  const unsigned firstMin = s.hour * 60u + s.min;
+  // Today's repeats that end before `after` cannot be next: start at the first one
+  // within the widest offset change around now (a minute repeat is otherwise walked
+  // from its first minute of the day, four zone lookups each).
+  unsigned todayMin = firstMin;
+  if (step && first == today) {
+    const long offsets[] = {OffsetAt(after - 86400), lt.tm_gmtoff, OffsetAt(after + 86400)};
+    const long spread = *std::max_element(std::begin(offsets), std::end(offsets)) -
+                        *std::min_element(std::begin(offsets), std::end(offsets));
+    const int64_t sinceFirst = (static_cast<int64_t>(after) + lt.tm_gmtoff - spread - 60 - today * 86400) / 60 -
+                               static_cast<int64_t>(firstMin);
+    if (sinceFirst > 0) {
+      todayMin = firstMin + static_cast<unsigned>(std::min<int64_t>(sinceFirst / step, 24 * 60) * step);
+    }
+  }
   for (int64_t d = first; d <= last; ++d) {
     if (s.repeat == ORVA_SCHED_REPEAT_WEEKLY && !(s.week_mask & (1u << Weekday(d)))) {
       continue;
@@ -143,8 +181,8 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
     if (s.repeat == ORVA_SCHED_REPEAT_MONTHLY && DayOfMonth(d) != s.day) {
       continue;
     }
-    for (unsigned m = s.hour * 60u + s.min; m < 24 * 60; m += step) {
-      if (m / 60 > s.last_work_hour && m != s.hour * 60u + s.min) {
+    for (unsigned m = d == today ? todayMin : firstMin; m < 24 * 60; m += step) {
+      if (m / 60 > s.last_work_hour && m != firstMin) {
         break;
       }
       time_t t = WallToInstant(d * 86400 + m * 60);

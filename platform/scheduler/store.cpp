@@ -83,6 +83,73 @@ void RowToTask(const Stmt& st, ORVA_SCHED_TASK* t) {
   t->saved = 1;
 }
 
+// A row into a zero-filled record of a listing: fields that stay zero are not written,
+// and a large text goes aside (filled in on first use) unless it ends in the record's
+// first page.
+void RowToListed(const Stmt& st, orva_sched::Listing* l, ORVA_SCHED_TASK* t) {
+  int c = 0;
+  t->id = st.Int(c++);
+  ColumnText(st, c++, t->name, sizeof(t->name), ORVA_SCHED_TRUNC_NAME, t);
+  t->owner = static_cast<uint32_t>(st.Int(c++));
+  t->real_owner = static_cast<uint32_t>(st.Int(c++));
+  t->marker = st.Int(c++);
+  t->enabled = U8(st, c++);
+  t->listable = U8(st, c++);
+  t->can_edit_from_ui = U8(st, c++);
+  t->can_delete_from_ui = U8(st, c++);
+  t->can_run_from_ui = U8(st, c++);
+  t->can_edit_name = U8(st, c++);
+  t->can_edit_owner = U8(st, c++);
+  t->simple_edit_form = U8(st, c++);
+  t->can_run_app_same_time = U8(st, c++);
+  t->can_run_task_same_time = U8(st, c++);
+  ColumnText(st, c++, t->app, sizeof(t->app), ORVA_SCHED_TRUNC_APP, t);
+  ColumnText(st, c++, t->app_name, sizeof(t->app_name), ORVA_SCHED_TRUNC_APP_NAME, t);
+  ColumnText(st, c++, t->edit_form, sizeof(t->edit_form), ORVA_SCHED_TRUNC_EDIT_FORM, t);
+  static const struct {
+    uint8_t lazy;
+    size_t size;
+    uint32_t bit;
+  } kLarge[] = {
+      {orva_sched::kLazyAction, sizeof(t->action), ORVA_SCHED_TRUNC_ACTION},
+      {orva_sched::kLazyCommand, sizeof(t->command), ORVA_SCHED_TRUNC_COMMAND},
+      {orva_sched::kLazyAppArgs, sizeof(t->app_args), ORVA_SCHED_TRUNC_APP_ARGS},
+  };
+  for (const auto& f : kLarge) {
+    const int col = c++;
+    const void* p = sqlite3_column_blob(st.get(), col);
+    const size_t n = p ? static_cast<size_t>(sqlite3_column_bytes(st.get(), col)) : 0;
+    if (n == 0) continue;
+    if (n >= f.size) t->truncated |= f.bit;  // the getter will give the first bytes, marked
+    if (n <= orva_sched::ListingInPlaceMax(f.lazy)) {
+      memcpy(t->action, p, n);
+    } else if (f.lazy == orva_sched::kLazyAction) {
+      orva_sched::ListingSetAside(l, t, f.lazy, static_cast<const char*>(p), n);
+    } else {
+      t->lazy |= f.lazy;  // read from the store by its getter, if ever
+    }
+  }
+  if (sqlite3_column_bytes(st.get(), c) > 0) {
+    ColumnText(st, c, t->event, sizeof(t->event), ORVA_SCHED_TRUNC_EVENT, t);
+  }
+  ++c;
+  ORVA_SCHED_SCHEDULE& s = t->schedule;
+  s.repeat = U8(st, c++);
+  s.year = static_cast<uint16_t>(st.Int(c++));
+  s.month = U8(st, c++);
+  s.day = U8(st, c++);
+  s.week_mask = U8(st, c++);
+  s.hour = U8(st, c++);
+  s.min = U8(st, c++);
+  s.repeat_hour = U8(st, c++);
+  s.repeat_min = U8(st, c++);
+  s.last_work_hour = U8(st, c++);
+  orva_sched::ParseByteList(st.Text(c++), s.repeat_min_cfg, s.n_repeat_min_cfg, ORVA_SCHED_REPEAT_CFG_MAX, 0, 255);
+  orva_sched::ParseByteList(st.Text(c++), s.repeat_hour_cfg, s.n_repeat_hour_cfg, ORVA_SCHED_REPEAT_CFG_MAX, 0,
+                            255);
+  t->saved = 1;
+}
+
 void BindTask(Stmt& st, const ORVA_SCHED_TASK& t) {
   int c = 1;
   if (t.id > 0) {
@@ -266,6 +333,7 @@ int ORVASchedTaskSave(ORVA_SCHED_TASK* pTask) {
     return -1;
   }
   ORVA_SCHED_TASK copy = *pTask;
+  orva_sched::FillAll(copy);
   // Anything that is not a user's task is a system task.
   if (copy.marker != ORVA_SCHED_MARKER_BY_USER) {
     ORVASchedCTaskSetRealOwner(&copy, false, 0);
@@ -301,6 +369,7 @@ int ORVASchedTaskSaveByUser(const char* user, ORVA_SCHED_TASK* pTask) {
   }
   TaskPtr holder(copy);
   *copy = *pTask;
+  orva_sched::FillAll(*copy);
   ORVASchedCTaskSetRealOwner(copy, true, uid);
   if (!CheckSavable(*copy)) return -1;
   Conn conn;
@@ -372,33 +441,43 @@ int ORVASchedTaskListGet(ORVA_SCHED_TASK** ppList, ORVA_SCHED_TASK_FILTER filter
   *ppList = nullptr;
   Conn conn;
   if (!conn.Begin(false)) return -1;
+  // The count sizes the listing's mapping; the read transaction keeps it exact.
+  Stmt counter(conn.db(), "SELECT count(*) FROM tasks");
+  if (!counter.ok() || counter.Step() != SQLITE_ROW) return -1;
+  const int64_t rows = counter.Int(0);
+  if (rows == 0) {
+    conn.Commit();
+    return 0;
+  }
   std::string sql = std::string("SELECT ") + kColumns + " FROM tasks ORDER BY id";
   Stmt st(conn.db(), sql.c_str());
   if (!st.ok()) return -1;
+  orva_sched::Listing* listing = orva_sched::ListingNew(static_cast<size_t>(rows));
+  if (!listing) return -1;
+  orva_sched::ListingConnection inListing(conn.db());  // a filter's getter reads through it
   ORVA_SCHED_TASK* head = nullptr;
   ORVA_SCHED_TASK** tail = &head;
-  ORVA_SCHED_TASK* spare = nullptr;  // a record the filter refused, reused
   int count = 0;
   int rc;
   while ((rc = st.Step()) == SQLITE_ROW) {
-    ORVA_SCHED_TASK* t = spare ? spare : static_cast<ORVA_SCHED_TASK*>(malloc(sizeof(ORVA_SCHED_TASK)));
-    spare = nullptr;
+    ORVA_SCHED_TASK* t = orva_sched::ListingTake(listing, st.Int(0));
     if (!t) {
-      SCHED_ERR(KELC_ERR_OUT_OF_MEMORY);
-      rc = SQLITE_NOMEM;
+      SCHED_ERR(ORVA_SCHED_ERR_DATABASE);  // more rows than counted: cannot happen in one read
+      rc = SQLITE_ERROR;
       break;
     }
-    RowToTask(st, t);
+    RowToListed(st, listing, t);
     if (filter && !filter(t, pArg)) {
-      spare = t;
+      orva_sched::ListingRefuse(listing);
       continue;
     }
+    orva_sched::ListingKeep(listing);
     *tail = t;
     tail = &t->next;
     ++count;
   }
-  free(spare);
   conn.Commit();
+  orva_sched::ListingDone(listing);
   if (rc != SQLITE_DONE) {
     ORVASchedTaskListFree(head);
     return -1;

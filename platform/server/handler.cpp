@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/conf.h"
+#include "core/lookup_epoch.h"
 #include "core/root.h"
 #include "core/user.h"
 #include "server.h"
@@ -446,6 +447,7 @@ double LoginWaitSeconds(const Request& req, const Peer& peer) {
 }
 
 Response HandleRequest(const Request& req, const Peer& peer) {
+  ORVALookupEpochNext();  // nothing cached for an earlier request is reused
   std::string target(req.target());
   std::string path = target.substr(0, target.find('?'));
   if (path == "/webapi/entry") {

@@ -5,6 +5,7 @@
 
 #include <limits>
 
+#include "core/lookup_epoch.h"
 #include "webapi/registry.h"
 
 namespace ORVA {
@@ -16,7 +17,10 @@ APIRequest::APIRequest(const std::string& api, int version, const std::string& m
       method_(method),
       params_(params.isObject() ? params : Json::Value(Json::objectValue)),
       user_(user),
-      lang_(lang) {}
+      lang_(lang) {
+  // Each call may reuse user and time zone lookups, but never those of an earlier call.
+  ORVALookupEpochNext();
+}
 
 Json::Value APIRequest::GetParam(const std::string& name, const Json::Value& defaultValue) const {
   if (name.empty()) {

@@ -98,7 +98,7 @@ typedef struct _tag_orva_sched_task_ {
   uint8_t simple_edit_form;
   uint8_t can_run_app_same_time;
   uint8_t can_run_task_same_time;
-  uint8_t reserved;
+  uint8_t lazy;                         // store-internal: texts of a listing not yet copied in
   uint32_t truncated;                   // ORVA_SCHED_TRUNC_* bits
   ORVA_SCHED_SCHEDULE schedule;
   char name[ORVA_SCHED_NAME_MAX];

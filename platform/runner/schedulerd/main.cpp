@@ -19,8 +19,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "core/root.h"
@@ -98,6 +102,33 @@ pid_t SpawnRunner(const std::vector<std::string>& args) {
 class RunnerLauncher : public orvasched::Launcher {
  public:
   bool Launch(long id) override { return SpawnRunner({std::to_string(id), "--trigger", "schedule"}) > 0; }
+
+  // posix_spawn holds its thread until the child has executed the runner, so many
+  // due runs start from a few threads at once. The threads keep every signal blocked
+  // (inherited), so SIGCHLD still reaches the loop's signalfd.
+  void LaunchAll(const std::vector<long>& ids, std::vector<char>& started) override {
+    started.assign(ids.size(), 0);
+    const size_t threads = std::min<size_t>(kLaunchThreads, (ids.size() + kPerThreadMin - 1) / kPerThreadMin);
+    std::atomic<size_t> next{0};
+    auto work = [&] {
+      for (size_t i; (i = next.fetch_add(1)) < ids.size();) started[i] = Launch(ids[i]);
+    };
+    std::vector<std::thread> pool;
+    for (size_t t = 1; t < threads; ++t) {
+      try {
+        pool.emplace_back(work);
+      } catch (const std::system_error& e) {
+        syslog(LOG_WARNING, "starting runners on fewer threads: %s", e.what());
+        break;
+      }
+    }
+    work();
+    for (std::thread& t : pool) t.join();
+  }
+
+ private:
+  static constexpr size_t kLaunchThreads = 4;
+  static constexpr size_t kPerThreadMin = 8;
 };
 
 std::string StatePath() { return ORVA::ORVAPathMap("/var/lib/orva/schedulerd.state"); }

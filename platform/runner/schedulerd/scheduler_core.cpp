@@ -76,39 +76,50 @@ int Scheduler::CountBetween(const Entry& e, time_t from, time_t to, time_t* firs
   return n;
 }
 
-void Scheduler::HandleDue(Entry& e, time_t now) {
+Scheduler::Due Scheduler::PlanDue(Entry& e, time_t now) {
   // Every trigger from e.next through now; only the latest may still run.
-  time_t first = e.next;
-  time_t last = e.next;
-  int count = 1;
+  Due d{&e, e.next, e.next, 1, false};
   time_t t = Next(e, e.next);
-  while (t != -1 && t <= now && count < kMissedCountMax) {
-    last = t;
-    ++count;
+  while (t != -1 && t <= now && d.count < kMissedCountMax) {
+    d.last = t;
+    ++d.count;
     t = Next(e, t);
   }
-  int missed = count;
-  if (now - last <= kGraceSeconds) {
-    --missed;
-    if (launcher_.Launch(e.task.id)) {
-      syslog(LOG_INFO, "started task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(), Stamp(last).c_str());
-    } else {
-      syslog(LOG_ERR, "could not start task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(),
-             Stamp(last).c_str());
-    }
-  }
-  if (missed > 0) {
-    syslog(LOG_WARNING, "task %ld \"%s\": %d run(s) missed, first due %s; not replayed", e.task.id,
-           e.task.name.c_str(), missed, Stamp(first).c_str());
-  }
+  d.run = now - d.last <= kGraceSeconds;
   e.next = t <= now ? Next(e, now) : t;
+  return d;
 }
 
 void Scheduler::Tick() {
   const time_t now = clock_.Now();
+  // Everything due is planned first and started together: with thousands due in the
+  // same second, starting them is the slow part.
+  std::vector<Due> due;
+  std::vector<long> ids;
   for (auto& [id, e] : tasks_) {
     if (e.next != -1 && e.next <= now) {
-      HandleDue(e, now);
+      due.push_back(PlanDue(e, now));
+      if (due.back().run) ids.push_back(id);
+    }
+  }
+  std::vector<char> started;
+  if (!ids.empty()) launcher_.LaunchAll(ids, started);
+  size_t launched = 0;
+  for (const Due& d : due) {
+    const Entry& e = *d.entry;
+    int missed = d.count;
+    if (d.run) {
+      --missed;
+      if (started[launched++]) {
+        syslog(LOG_INFO, "started task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(), Stamp(d.last).c_str());
+      } else {
+        syslog(LOG_ERR, "could not start task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(),
+               Stamp(d.last).c_str());
+      }
+    }
+    if (missed > 0) {
+      syslog(LOG_WARNING, "task %ld \"%s\": %d run(s) missed, first due %s; not replayed", e.task.id,
+             e.task.name.c_str(), missed, Stamp(d.first).c_str());
     }
   }
   if (now > checked_) {

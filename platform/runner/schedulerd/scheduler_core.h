@@ -39,6 +39,12 @@ class Launcher {
   virtual ~Launcher() = default;
   // Starts one scheduled run of the task; false when it could not be started.
   virtual bool Launch(long id) = 0;
+  // Starts a run of each task (all due at once); started[i] says whether ids[i] was.
+  // One after the other unless a launcher does better.
+  virtual void LaunchAll(const std::vector<long>& ids, std::vector<char>& started) {
+    started.assign(ids.size(), 0);
+    for (size_t i = 0; i < ids.size(); ++i) started[i] = Launch(ids[i]);
+  }
 };
 
 // The first trigger strictly after `after`, or -1 (the store's rules by default).
@@ -80,8 +86,16 @@ class Scheduler {
     TaskSnapshot task;
     time_t next = -1;
   };
+  // What one due task does at `now`: its triggers through now, and whether the latest
+  // is still within the grace (then it runs).
+  struct Due {
+    Entry* entry;
+    time_t first, last;
+    int count;
+    bool run;
+  };
   time_t Next(const Entry& e, time_t after) const;
-  void HandleDue(Entry& e, time_t now);
+  Due PlanDue(Entry& e, time_t now);
   // Counts triggers in (from, to]; `first` and `last` receive the first and last.
   int CountBetween(const Entry& e, time_t from, time_t to, time_t* first, time_t* last) const;
 

@@ -140,6 +140,19 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
     ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*t), back.t), 0);
     EXPECT_EQ(std::string(f.get(*back)), fits);
     EXPECT_EQ(ORVASchedTaskGetTruncated(*back), 0u);
+    // Listed, the text reads in full from the record, from a copy, and from a copy that
+    // outlives its listing; a text set on a listed record stays what was set.
+    ORVA_SCHED_TASK* list = nullptr;
+    ASSERT_GT(ORVASchedTaskListGet(&list, nullptr, nullptr), 0);
+    ORVA_SCHED_TASK* listed = list;
+    while (ORVASchedTaskGetID(*listed) != ORVASchedTaskGetID(*t)) listed = ORVASchedTaskNext(listed);
+    ORVA_SCHED_TASK copy = *listed, late = *listed, mine = *listed;
+    f.set(&mine, "mine");
+    EXPECT_EQ(std::string(f.get(*listed)), fits);
+    EXPECT_EQ(std::string(f.get(copy)), fits);
+    ORVASchedTaskListFree(list);
+    EXPECT_EQ(std::string(f.get(late)), fits);
+    EXPECT_STREQ(f.get(mine), "mine");
 
     int before = CountTasks();
     Task over;
