@@ -170,29 +170,25 @@ bool FromJsonBasic(const Json::Value& json, _tag_orva_sched_task_& task, const c
 bool ORVASchedTaskConvertToJson_Basic(const _tag_orva_sched_task_& t, Json::Value& json) {
   if (!json.isNull() && !json.isObject()) return FAIL(ORVA_SCHED_ERR_INVALID, "basic: target is not an object");
   Json::Value b(Json::objectValue);
-  // Marker and owner are in every record itself; the rest may be a listing's.
-  b["owner"] = UserName(t.owner);
-  const bool byUser = t.marker == ORVA_SCHED_MARKER_BY_USER;
-  orva_sched::ReadField(t, [&b, byUser](const auto& r) {
-    b["id"] = static_cast<Json::Int64>(r.id);
-    b["task_name"] = r.name;
-    b["real_owner"] = byUser ? UserName(r.real_owner) : std::string();
-    b["enabled"] = r.enabled ? "on" : "off";
-    b["app"] = r.app;
-    b["app_name"] = r.app_name;
-    b["action"] = r.action;
-    b["can_edit_name"] = r.can_edit_name != 0;
-    b["can_edit_owner"] = r.can_edit_owner != 0;
-    b["can_edit_from_ui"] = r.can_edit_from_ui != 0;
-    b["can_delete_from_ui"] = r.can_delete_from_ui != 0;
-    b["can_run_from_ui"] = r.can_run_from_ui != 0;
-    b["edit_form"] = r.edit_form;
-    b["simple_edit_form"] = r.simple_edit_form != 0;
-    b["listable"] = r.listable != 0;
-    b["can_run_app_same_time"] = r.can_run_app_same_time != 0;
-    b["can_run_task_same_time"] = r.can_run_task_same_time != 0;
-    return 0;
-  });
+  const ORVA_SCHED_TASK& r = orva_sched::Full(t);
+  b["id"] = static_cast<Json::Int64>(r.id);
+  b["task_name"] = r.name;
+  b["owner"] = UserName(r.owner);
+  b["real_owner"] = r.marker == ORVA_SCHED_MARKER_BY_USER ? UserName(r.real_owner) : std::string();
+  b["enabled"] = r.enabled ? "on" : "off";
+  b["app"] = r.app;
+  b["app_name"] = r.app_name;
+  b["action"] = r.action;
+  b["can_edit_name"] = r.can_edit_name != 0;
+  b["can_edit_owner"] = r.can_edit_owner != 0;
+  b["can_edit_from_ui"] = r.can_edit_from_ui != 0;
+  b["can_delete_from_ui"] = r.can_delete_from_ui != 0;
+  b["can_run_from_ui"] = r.can_run_from_ui != 0;
+  b["edit_form"] = r.edit_form;
+  b["simple_edit_form"] = r.simple_edit_form != 0;
+  b["listable"] = r.listable != 0;
+  b["can_run_app_same_time"] = r.can_run_app_same_time != 0;
+  b["can_run_task_same_time"] = r.can_run_task_same_time != 0;
   json["basic"] = b;
   return true;
 }

@@ -201,29 +201,29 @@ void ORVASchedCTaskSetRealOwner(ORVA_SCHED_TASK* t, bool byUser, unsigned int ui
   });
 }
 
-// Getters read a listed record's side entry (HOT) or, for the large texts, the full
-// record (built on first use). Marker and owner are in every record itself.
+// Getters read a listed record's side entry (HOT) or, for what a listing does not read,
+// the full record (built on first use). Marker and owner are in every record itself.
 #define HOT(expr) orva_sched::ReadField(t, [](const auto& r) { return (expr); })
 long ORVASchedTaskGetID(const _tag_orva_sched_task_& t) { return static_cast<long>(HOT(r.id)); }
 bool ORVASchedTaskIsNew(const _tag_orva_sched_task_& t) { return HOT(!r.saved); }
 bool ORVASchedTaskIsEnabled(const _tag_orva_sched_task_& t) { return HOT(r.enabled != 0); }
 bool ORVASchedTaskIsListable(const _tag_orva_sched_task_& t) { return HOT(r.listable != 0); }
-bool ORVASchedTaskIsSimpleEditForm(const _tag_orva_sched_task_& t) { return HOT(r.simple_edit_form != 0); }
-bool ORVASchedTaskIsCanEditName(const _tag_orva_sched_task_& t) { return HOT(r.can_edit_name != 0); }
-bool ORVASchedTaskIsCanEditOwner(const _tag_orva_sched_task_& t) { return HOT(r.can_edit_owner != 0); }
+bool ORVASchedTaskIsSimpleEditForm(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).simple_edit_form != 0; }
+bool ORVASchedTaskIsCanEditName(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_edit_name != 0; }
+bool ORVASchedTaskIsCanEditOwner(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_edit_owner != 0; }
 bool ORVASchedTaskIsCanEditFromUI(const _tag_orva_sched_task_& t) { return HOT(r.can_edit_from_ui != 0); }
 bool ORVASchedTaskIsCanDeleteFromUI(const _tag_orva_sched_task_& t) { return HOT(r.can_delete_from_ui != 0); }
 bool ORVASchedTaskIsCanRunFromUI(const _tag_orva_sched_task_& t) { return HOT(r.can_run_from_ui != 0); }
-bool ORVASchedTaskIsCanRunAppSameTime(const _tag_orva_sched_task_& t) { return HOT(r.can_run_app_same_time != 0); }
-bool ORVASchedTaskIsCanRunTaskSameTime(const _tag_orva_sched_task_& t) { return HOT(r.can_run_task_same_time != 0); }
+bool ORVASchedTaskIsCanRunAppSameTime(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_run_app_same_time != 0; }
+bool ORVASchedTaskIsCanRunTaskSameTime(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_run_task_same_time != 0; }
 const char* ORVASchedTaskGetName(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.name)); }
 const char* ORVASchedTaskGetApp(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.app)); }
 const char* ORVASchedTaskGetAppName(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.app_name)); }
 const char* ORVASchedTaskGetAppArgs(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).app_args; }
 const char* ORVASchedTaskGetAction(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.action)); }
 const char* ORVASchedTaskGetCommand(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).command; }
-const char* ORVASchedTaskGetEditForm(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.edit_form)); }
-const char* ORVASchedTaskGetEvent(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.event)); }
+const char* ORVASchedTaskGetEditForm(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).edit_form; }
+const char* ORVASchedTaskGetEvent(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).event; }
 int64_t ORVASchedTaskGetMarker(const _tag_orva_sched_task_& t) { return t.marker; }
 unsigned int ORVASchedTaskGetOwner(const _tag_orva_sched_task_& t) { return t.owner; }
 unsigned int ORVASchedTaskGetRealOwner(const _tag_orva_sched_task_& t) { return HOT(r.real_owner); }
@@ -244,18 +244,20 @@ int CompareText(const char* a, const char* b) {
 struct SortItem {
   ORVA_SCHED_TASK* task;
   int64_t key = 0;              // numeric keys; for text keys, the text's folded first bytes
+  uint64_t key2 = 0;            // text keys: the next folded bytes
   const char* text = nullptr;   // text keys, read once per record
   int64_t id = 0;               // the tie-breaker, beside the keys
 };
 
-// The first 8 bytes of a text as strcasecmp sees them, in an integer that orders as
-// they do: most comparisons are settled without reading the texts.
-int64_t FoldedPrefix(const char* s) {
-  uint64_t v = 0;
+// The first 16 bytes of a text as strcasecmp sees them, in integers that order as they
+// do: most comparisons are settled without reading the texts.
+void FoldedPrefix(const char* s, SortItem& it) {
+  uint64_t v[2] = {0, 0};
   int i = 0;
-  for (; i < 8 && s[i]; ++i) v = v << 8 | static_cast<uint8_t>(tolower(static_cast<unsigned char>(s[i])));
-  v <<= 8 * (8 - i);
-  return static_cast<int64_t>(v ^ (uint64_t{1} << 63));  // unsigned order as signed
+  for (; i < 16 && s[i]; ++i) v[i / 8] |= uint64_t{static_cast<uint8_t>(tolower(static_cast<unsigned char>(s[i])))}
+                                         << (8 * (7 - i % 8));
+  it.key = static_cast<int64_t>(v[0] ^ (uint64_t{1} << 63));  // unsigned order as signed
+  it.key2 = v[1];
 }
 
 }  // namespace
@@ -327,10 +329,11 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
 
   const bool asc = ascending != 0;
   if (which == kOwner || which == kName || which == kAppName || which == kAction) {
-    for (SortItem& it : items) it.key = FoldedPrefix(it.text);
+    for (SortItem& it : items) FoldedPrefix(it.text, it);
   }
   auto keyCompare = [](const SortItem& a, const SortItem& b) -> int {
     if (a.key != b.key) return a.key < b.key ? -1 : 1;
+    if (a.key2 != b.key2) return a.key2 < b.key2 ? -1 : 1;
     return a.text ? CompareText(a.text, b.text) : 0;
   };
   std::sort(items.begin(), items.end(), [&](const SortItem& a, const SortItem& b) {

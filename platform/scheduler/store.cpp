@@ -87,12 +87,11 @@ void RowToTask(const Stmt& st, ORVA_SCHED_TASK* t) {
 
 namespace orva_sched {
 
-// What a listing reads: everything but the large texts no listing shows.
+// What a listing reads (ListEntry).
 const char kListColumns[] =
     "id, name, owner_uid, real_owner_uid, marker, enabled, listable, can_edit_from_ui,"
-    " can_delete_from_ui, can_run_from_ui, can_edit_name, can_edit_owner, simple_edit_form,"
-    " can_run_app_same_time, can_run_task_same_time, app, app_name, edit_form, action,"
-    " event, s_repeat, s_year, s_month, s_day, s_week_mask, s_hour, s_min,"
+    " can_delete_from_ui, can_run_from_ui, app, app_name, action,"
+    " s_repeat, s_year, s_month, s_day, s_week_mask, s_hour, s_min,"
     " s_repeat_hour, s_repeat_min, s_last_work_hour, s_repeat_min_cfg, s_repeat_hour_cfg";
 
 namespace {
@@ -147,16 +146,9 @@ void RowToEntry(sqlite3_stmt* st, Listing* l, ListEntry& e, ORVA_SCHED_TASK& slo
   e.can_edit_from_ui = u8(c++);
   e.can_delete_from_ui = u8(c++);
   e.can_run_from_ui = u8(c++);
-  e.can_edit_name = u8(c++);
-  e.can_edit_owner = u8(c++);
-  e.simple_edit_form = u8(c++);
-  e.can_run_app_same_time = u8(c++);
-  e.can_run_task_same_time = u8(c++);
   e.app = EntryText(st, c++, l, ORVA_SCHED_APP_MAX, ORVA_SCHED_TRUNC_APP, e);
   e.app_name = EntryText(st, c++, l, ORVA_SCHED_APP_NAME_MAX, ORVA_SCHED_TRUNC_APP_NAME, e);
-  e.edit_form = EntryText(st, c++, l, ORVA_SCHED_EDIT_FORM_MAX, ORVA_SCHED_TRUNC_EDIT_FORM, e);
   e.action = EntryText(st, c++, l, ORVA_SCHED_ACTION_MAX, ORVA_SCHED_TRUNC_ACTION, e);
-  e.event = EntryText(st, c++, l, ORVA_SCHED_EVENT_MAX, ORVA_SCHED_TRUNC_EVENT, e);
   ORVA_SCHED_SCHEDULE& s = e.schedule;
   s.repeat = u8(c++);
   s.year = static_cast<uint16_t>(sqlite3_column_int(st, c++));
@@ -173,13 +165,23 @@ void RowToEntry(sqlite3_stmt* st, Listing* l, ListEntry& e, ORVA_SCHED_TASK& slo
   e.saved = 1;
 }
 
-bool ReadLargeTexts(sqlite3* db, int64_t id, ORVA_SCHED_TASK& t) {
-  Stmt st(db, "SELECT command, app_args FROM tasks WHERE id = ?");
+bool ReadUnlisted(sqlite3* db, int64_t id, ORVA_SCHED_TASK& t) {
+  Stmt st(db,
+          "SELECT command, app_args, edit_form, event, can_edit_name, can_edit_owner, simple_edit_form,"
+          " can_run_app_same_time, can_run_task_same_time FROM tasks WHERE id = ?");
   if (!st.ok()) return false;
   st.Bind(1, id);
   if (st.Step() != SQLITE_ROW) return false;
-  ColumnText(st, 0, t.command, sizeof(t.command), ORVA_SCHED_TRUNC_COMMAND, &t);
-  ColumnText(st, 1, t.app_args, sizeof(t.app_args), ORVA_SCHED_TRUNC_APP_ARGS, &t);
+  int c = 0;
+  ColumnText(st, c++, t.command, sizeof(t.command), ORVA_SCHED_TRUNC_COMMAND, &t);
+  ColumnText(st, c++, t.app_args, sizeof(t.app_args), ORVA_SCHED_TRUNC_APP_ARGS, &t);
+  ColumnText(st, c++, t.edit_form, sizeof(t.edit_form), ORVA_SCHED_TRUNC_EDIT_FORM, &t);
+  ColumnText(st, c++, t.event, sizeof(t.event), ORVA_SCHED_TRUNC_EVENT, &t);
+  t.can_edit_name = U8(st, c++);
+  t.can_edit_owner = U8(st, c++);
+  t.simple_edit_form = U8(st, c++);
+  t.can_run_app_same_time = U8(st, c++);
+  t.can_run_task_same_time = U8(st, c++);
   return true;
 }
 
