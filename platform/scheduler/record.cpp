@@ -204,34 +204,38 @@ void ORVASchedCTaskSetRealOwner(ORVA_SCHED_TASK* t, bool byUser, unsigned int ui
 // Getters read a listed record's side entry (HOT) or, for what a listing does not read,
 // the full record (built on first use). Marker and owner are in every record itself.
 #define HOT(expr) orva_sched::ReadField(t, [](const auto& r) { return (expr); })
+#define FULL(field) orva_sched::Full(t).field
 long ORVASchedTaskGetID(const _tag_orva_sched_task_& t) { return static_cast<long>(HOT(r.id)); }
 bool ORVASchedTaskIsNew(const _tag_orva_sched_task_& t) { return HOT(!r.saved); }
 bool ORVASchedTaskIsEnabled(const _tag_orva_sched_task_& t) { return HOT(r.enabled != 0); }
 bool ORVASchedTaskIsListable(const _tag_orva_sched_task_& t) { return HOT(r.listable != 0); }
-bool ORVASchedTaskIsSimpleEditForm(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).simple_edit_form != 0; }
-bool ORVASchedTaskIsCanEditName(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_edit_name != 0; }
-bool ORVASchedTaskIsCanEditOwner(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_edit_owner != 0; }
+bool ORVASchedTaskIsSimpleEditForm(const _tag_orva_sched_task_& t) { return FULL(simple_edit_form) != 0; }
+bool ORVASchedTaskIsCanEditName(const _tag_orva_sched_task_& t) { return FULL(can_edit_name) != 0; }
+bool ORVASchedTaskIsCanEditOwner(const _tag_orva_sched_task_& t) { return FULL(can_edit_owner) != 0; }
 bool ORVASchedTaskIsCanEditFromUI(const _tag_orva_sched_task_& t) { return HOT(r.can_edit_from_ui != 0); }
 bool ORVASchedTaskIsCanDeleteFromUI(const _tag_orva_sched_task_& t) { return HOT(r.can_delete_from_ui != 0); }
 bool ORVASchedTaskIsCanRunFromUI(const _tag_orva_sched_task_& t) { return HOT(r.can_run_from_ui != 0); }
-bool ORVASchedTaskIsCanRunAppSameTime(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_run_app_same_time != 0; }
-bool ORVASchedTaskIsCanRunTaskSameTime(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).can_run_task_same_time != 0; }
+bool ORVASchedTaskIsCanRunAppSameTime(const _tag_orva_sched_task_& t) { return FULL(can_run_app_same_time) != 0; }
+bool ORVASchedTaskIsCanRunTaskSameTime(const _tag_orva_sched_task_& t) { return FULL(can_run_task_same_time) != 0; }
 const char* ORVASchedTaskGetName(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.name)); }
 const char* ORVASchedTaskGetApp(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.app)); }
-const char* ORVASchedTaskGetAppName(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.app_name)); }
-const char* ORVASchedTaskGetAppArgs(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).app_args; }
+const char* ORVASchedTaskGetAppName(const _tag_orva_sched_task_& t) {
+  return HOT(static_cast<const char*>(r.app_name));
+}
+const char* ORVASchedTaskGetAppArgs(const _tag_orva_sched_task_& t) { return FULL(app_args); }
 const char* ORVASchedTaskGetAction(const _tag_orva_sched_task_& t) { return HOT(static_cast<const char*>(r.action)); }
-const char* ORVASchedTaskGetCommand(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).command; }
-const char* ORVASchedTaskGetEditForm(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).edit_form; }
-const char* ORVASchedTaskGetEvent(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).event; }
+const char* ORVASchedTaskGetCommand(const _tag_orva_sched_task_& t) { return FULL(command); }
+const char* ORVASchedTaskGetEditForm(const _tag_orva_sched_task_& t) { return FULL(edit_form); }
+const char* ORVASchedTaskGetEvent(const _tag_orva_sched_task_& t) { return FULL(event); }
 int64_t ORVASchedTaskGetMarker(const _tag_orva_sched_task_& t) { return t.marker; }
 unsigned int ORVASchedTaskGetOwner(const _tag_orva_sched_task_& t) { return t.owner; }
 unsigned int ORVASchedTaskGetRealOwner(const _tag_orva_sched_task_& t) { return HOT(r.real_owner); }
-uint32_t ORVASchedTaskGetTruncated(const _tag_orva_sched_task_& t) { return orva_sched::Full(t).truncated; }
+uint32_t ORVASchedTaskGetTruncated(const _tag_orva_sched_task_& t) { return FULL(truncated); }
 const ORVA_SCHED_SCHEDULE& ORVASchedTaskGetSchedule(const _tag_orva_sched_task_& t) {
   return *HOT(&r.schedule);
 }
 #undef HOT
+#undef FULL
 
 namespace {
 

@@ -275,12 +275,13 @@ TEST_F(ModuleList, TenThousandTasksStayWithinTheMemoryBound) {
     columns += std::string(columns.empty() ? "" : ",") + reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
   }
   sqlite3_finalize(st);
-  const std::string clone = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 9999) INSERT INTO tasks(" +
-                            columns + ") SELECT " + columns + " FROM tasks, n WHERE id = " + std::to_string(id);
+  const std::string clone =
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 9999) INSERT INTO tasks(" + columns +
+      ") SELECT " + columns + " FROM tasks, n WHERE id = " + std::to_string(id);
   ASSERT_EQ(sqlite3_exec(db, clone.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
   sqlite3_close(db);
 
-  Call(2, "list", R"({"limit": 1})");  // what every first request sets up once
+  Call(2, "list", R"({"limit": 1})");  // what every first request sets up once, and kept memory
   const long idle = StatusKiB("VmRSS:");
   std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts from here
   Reply r = Call(2, "list", R"({"offset": 5000, "limit": 50, "sort_by": "action"})");
