@@ -1,12 +1,14 @@
 // The task record: allocation, setters (which mark truncation), getters, and the
 // chain operations (next, sort, free).
 #include <ctype.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <map>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
@@ -291,6 +293,15 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
   std::map<unsigned, std::string> names;  // one user lookup per owner uid
   PORVAUSER user = nullptr;
   time_t now = time(nullptr);
+  // Tasks share schedules (the same time of day, say): one computation per schedule.
+  // The trigger depends on the fields before the interval lists only.
+  std::unordered_map<std::string, time_t> nextBySchedule;
+  auto nextOf = [&nextBySchedule, now](const ORVA_SCHED_SCHEDULE& s) {
+    static_assert(offsetof(ORVA_SCHED_SCHEDULE, n_repeat_min_cfg) == 11, "the fields a trigger depends on");
+    auto ins = nextBySchedule.emplace(std::string(reinterpret_cast<const char*>(&s), 11), 0);
+    if (ins.second) ins.first->second = ORVASchedScheduleNextTrigger(s, now);
+    return ins.first->second;
+  };
   for (ORVA_SCHED_TASK* t = *ppList; t; t = t->next) {
     SortItem it{t};
     orva_sched::ReadField(*t, [&](const auto& r) {
@@ -303,7 +314,7 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
           it.key = r.id;
           break;
         case kNext: {
-          time_t next = r.enabled ? ORVASchedScheduleNextTrigger(r.schedule, now) : -1;
+          time_t next = r.enabled ? nextOf(r.schedule) : -1;
           it.key = next < 0 ? INT64_MAX : static_cast<int64_t>(next);
           break;
         }
