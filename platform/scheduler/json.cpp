@@ -119,7 +119,7 @@ bool FromJsonBasic(const Json::Value& json, _tag_orva_sched_task_& task, const c
   std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)> copy(
       static_cast<ORVA_SCHED_TASK*>(malloc(sizeof(ORVA_SCHED_TASK))), ORVASchedTaskFree);
   if (!copy) return FAIL(KELC_ERR_OUT_OF_MEMORY, "basic: out of memory");
-  *copy = task;
+  *copy = orva_sched::Full(task);
   ORVA_SCHED_TASK& t = *copy;
   if (basic->isMember("id")) {
     long id = 0;
@@ -161,9 +161,7 @@ bool FromJsonBasic(const Json::Value& json, _tag_orva_sched_task_& task, const c
     if (t.owner != userUid) return FAIL(ORVA_SCHED_ERR_NOT_OWNER, "basic: a user's task must run as that user");
     ORVASchedCTaskSetRealOwner(&t, true, userUid);
   }
-  ORVA_SCHED_TASK* keepNext = task.next;
-  task = t;
-  task.next = keepNext;
+  orva_sched::Assign(task, t, true);
   return true;
 }
 
@@ -172,31 +170,32 @@ bool FromJsonBasic(const Json::Value& json, _tag_orva_sched_task_& task, const c
 bool ORVASchedTaskConvertToJson_Basic(const _tag_orva_sched_task_& t, Json::Value& json) {
   if (!json.isNull() && !json.isObject()) return FAIL(ORVA_SCHED_ERR_INVALID, "basic: target is not an object");
   Json::Value b(Json::objectValue);
-  b["id"] = static_cast<Json::Int64>(t.id);
-  b["task_name"] = t.name;
-  b["owner"] = UserName(t.owner);
-  b["real_owner"] = t.marker == ORVA_SCHED_MARKER_BY_USER ? UserName(t.real_owner) : std::string();
-  b["enabled"] = t.enabled ? "on" : "off";
-  b["app"] = t.app;
-  b["app_name"] = t.app_name;
-  b["action"] = t.action;
-  b["can_edit_name"] = t.can_edit_name != 0;
-  b["can_edit_owner"] = t.can_edit_owner != 0;
-  b["can_edit_from_ui"] = t.can_edit_from_ui != 0;
-  b["can_delete_from_ui"] = t.can_delete_from_ui != 0;
-  b["can_run_from_ui"] = t.can_run_from_ui != 0;
-  b["edit_form"] = t.edit_form;
-  b["simple_edit_form"] = t.simple_edit_form != 0;
-  b["listable"] = t.listable != 0;
-  b["can_run_app_same_time"] = t.can_run_app_same_time != 0;
-  b["can_run_task_same_time"] = t.can_run_task_same_time != 0;
+  const ORVA_SCHED_TASK& r = orva_sched::Full(t);
+  b["id"] = static_cast<Json::Int64>(r.id);
+  b["task_name"] = r.name;
+  b["owner"] = UserName(r.owner);
+  b["real_owner"] = r.marker == ORVA_SCHED_MARKER_BY_USER ? UserName(r.real_owner) : std::string();
+  b["enabled"] = r.enabled ? "on" : "off";
+  b["app"] = r.app;
+  b["app_name"] = r.app_name;
+  b["action"] = r.action;
+  b["can_edit_name"] = r.can_edit_name != 0;
+  b["can_edit_owner"] = r.can_edit_owner != 0;
+  b["can_edit_from_ui"] = r.can_edit_from_ui != 0;
+  b["can_delete_from_ui"] = r.can_delete_from_ui != 0;
+  b["can_run_from_ui"] = r.can_run_from_ui != 0;
+  b["edit_form"] = r.edit_form;
+  b["simple_edit_form"] = r.simple_edit_form != 0;
+  b["listable"] = r.listable != 0;
+  b["can_run_app_same_time"] = r.can_run_app_same_time != 0;
+  b["can_run_task_same_time"] = r.can_run_task_same_time != 0;
   json["basic"] = b;
   return true;
 }
 
 bool ORVASchedTaskConvertToJson_Schedule(const _tag_orva_sched_task_& t, Json::Value& json) {
   if (!json.isNull() && !json.isObject()) return FAIL(ORVA_SCHED_ERR_INVALID, "schedule: target is not an object");
-  const ORVA_SCHED_SCHEDULE& s = t.schedule;
+  const ORVA_SCHED_SCHEDULE& s = ORVASchedTaskGetSchedule(t);
   Json::Value o(Json::objectValue);
   o["repeat"] = s.repeat <= ORVA_SCHED_REPEAT_ONCE ? kRepeatNames[s.repeat] : "";
   char date[16] = "";
@@ -239,7 +238,7 @@ bool ORVASchedTaskConvertFromJson_Basic_ByUser(const std::string& user, const Js
 bool ORVASchedTaskConvertFromJson_Schedule(const Json::Value& json, _tag_orva_sched_task_& task) {
   const Json::Value* obj = nullptr;
   if (!Member(json, "schedule", obj)) return FAIL(ORVA_SCHED_ERR_INVALID, "schedule: not an object");
-  ORVA_SCHED_SCHEDULE s = task.schedule;
+  ORVA_SCHED_SCHEDULE s = ORVASchedTaskGetSchedule(task);
   const Json::Value& o = *obj;
   if (o.isMember("repeat")) {
     const Json::Value& v = o["repeat"];
@@ -267,6 +266,6 @@ bool ORVASchedTaskConvertFromJson_Schedule(const Json::Value& json, _tag_orva_sc
   }
   if (s.month == 0) return FAIL(ORVA_SCHED_ERR_INVALID, "schedule: no date");
   if (!ORVASchedScheduleValidate(s)) return false;
-  task.schedule = s;
+  orva_sched::Edit(&task, [&s](ORVA_SCHED_TASK& w) { w.schedule = s; });
   return true;
 }

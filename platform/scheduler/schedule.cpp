@@ -212,7 +212,9 @@ int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& s, time_t after, in
 }
 
 time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after) {
-  return task.enabled ? ORVASchedScheduleNextTrigger(task.schedule, after) : -1;
+  return orva_sched::ReadField(task, [after](const auto& r) -> time_t {
+    return r.enabled ? ORVASchedScheduleNextTrigger(r.schedule, after) : -1;
+  });
 }
 
 std::string ORVASchedFormatTriggerTime(time_t t) {

@@ -83,72 +83,111 @@ void RowToTask(const Stmt& st, ORVA_SCHED_TASK* t) {
   t->saved = 1;
 }
 
-// A row into a zero-filled record of a listing: fields that stay zero are not written,
-// and a large text goes aside (filled in on first use) unless it ends in the record's
-// first page.
-void RowToListed(const Stmt& st, orva_sched::Listing* l, ORVA_SCHED_TASK* t) {
-  int c = 0;
-  t->id = st.Int(c++);
-  ColumnText(st, c++, t->name, sizeof(t->name), ORVA_SCHED_TRUNC_NAME, t);
-  t->owner = static_cast<uint32_t>(st.Int(c++));
-  t->real_owner = static_cast<uint32_t>(st.Int(c++));
-  t->marker = st.Int(c++);
-  t->enabled = U8(st, c++);
-  t->listable = U8(st, c++);
-  t->can_edit_from_ui = U8(st, c++);
-  t->can_delete_from_ui = U8(st, c++);
-  t->can_run_from_ui = U8(st, c++);
-  t->can_edit_name = U8(st, c++);
-  t->can_edit_owner = U8(st, c++);
-  t->simple_edit_form = U8(st, c++);
-  t->can_run_app_same_time = U8(st, c++);
-  t->can_run_task_same_time = U8(st, c++);
-  ColumnText(st, c++, t->app, sizeof(t->app), ORVA_SCHED_TRUNC_APP, t);
-  ColumnText(st, c++, t->app_name, sizeof(t->app_name), ORVA_SCHED_TRUNC_APP_NAME, t);
-  ColumnText(st, c++, t->edit_form, sizeof(t->edit_form), ORVA_SCHED_TRUNC_EDIT_FORM, t);
-  static const struct {
-    uint8_t lazy;
-    size_t size;
-    uint32_t bit;
-  } kLarge[] = {
-      {orva_sched::kLazyAction, sizeof(t->action), ORVA_SCHED_TRUNC_ACTION},
-      {orva_sched::kLazyCommand, sizeof(t->command), ORVA_SCHED_TRUNC_COMMAND},
-      {orva_sched::kLazyAppArgs, sizeof(t->app_args), ORVA_SCHED_TRUNC_APP_ARGS},
-  };
-  for (const auto& f : kLarge) {
-    const int col = c++;
-    const void* p = sqlite3_column_blob(st.get(), col);
-    const size_t n = p ? static_cast<size_t>(sqlite3_column_bytes(st.get(), col)) : 0;
-    if (n == 0) continue;
-    if (n >= f.size) t->truncated |= f.bit;  // the getter will give the first bytes, marked
-    if (n <= orva_sched::ListingInPlaceMax(f.lazy)) {
-      memcpy(t->action, p, n);
-    } else if (f.lazy == orva_sched::kLazyAction) {
-      orva_sched::ListingSetAside(l, t, f.lazy, static_cast<const char*>(p), n);
-    } else {
-      t->lazy |= f.lazy;  // read from the store by its getter, if ever
-    }
+}  // namespace
+
+namespace orva_sched {
+
+// What a listing reads (ListEntry).
+const char kListColumns[] =
+    "id, name, owner_uid, real_owner_uid, marker, enabled, listable, can_edit_from_ui,"
+    " can_delete_from_ui, can_run_from_ui, app, app_name, action,"
+    " s_repeat, s_year, s_month, s_day, s_week_mask, s_hour, s_min,"
+    " s_repeat_hour, s_repeat_min, s_last_work_hour, s_repeat_min_cfg, s_repeat_hour_cfg";
+
+namespace {
+
+// A text of a listed row, cut to its field like ColumnText (and marked) when longer.
+const char* EntryText(sqlite3_stmt* st, int col, Listing* l, size_t size, uint32_t bit, ListEntry& e) {
+  const char* p = static_cast<const char*>(sqlite3_column_blob(st, col));
+  size_t n = p ? static_cast<size_t>(sqlite3_column_bytes(st, col)) : 0;
+  if (n >= size) {
+    n = size - 1;
+    e.truncated |= bit;
   }
-  if (sqlite3_column_bytes(st.get(), c) > 0) {
-    ColumnText(st, c, t->event, sizeof(t->event), ORVA_SCHED_TRUNC_EVENT, t);
-  }
-  ++c;
-  ORVA_SCHED_SCHEDULE& s = t->schedule;
-  s.repeat = U8(st, c++);
-  s.year = static_cast<uint16_t>(st.Int(c++));
-  s.month = U8(st, c++);
-  s.day = U8(st, c++);
-  s.week_mask = U8(st, c++);
-  s.hour = U8(st, c++);
-  s.min = U8(st, c++);
-  s.repeat_hour = U8(st, c++);
-  s.repeat_min = U8(st, c++);
-  s.last_work_hour = U8(st, c++);
-  orva_sched::ParseByteList(st.Text(c++), s.repeat_min_cfg, s.n_repeat_min_cfg, ORVA_SCHED_REPEAT_CFG_MAX, 0, 255);
-  orva_sched::ParseByteList(st.Text(c++), s.repeat_hour_cfg, s.n_repeat_hour_cfg, ORVA_SCHED_REPEAT_CFG_MAX, 0,
-                            255);
-  t->saved = 1;
+  return ListingText(l, p, n);
 }
+
+// The interval lists of a listing: nearly every task has the defaults, so the last text
+// seen per column is parsed once.
+struct ByteListCache {
+  std::string text[2];
+  uint8_t v[2][ORVA_SCHED_REPEAT_CFG_MAX];
+  uint8_t n[2] = {0, 0};
+};
+
+void ByteList(sqlite3_stmt* st, int col, int which, uint8_t* v, uint8_t& n) {
+  thread_local ByteListCache cache;
+  const char* p = reinterpret_cast<const char*>(sqlite3_column_text(st, col));
+  const size_t len = static_cast<size_t>(sqlite3_column_bytes(st, col));
+  if (!p) p = "";
+  std::string& last = cache.text[which];
+  if (last.size() != len || memcmp(last.data(), p, len) != 0) {
+    last.assign(p, len);
+    memset(cache.v[which], 0, sizeof(cache.v[which]));
+    // As in RowToTask, a malformed list reads as what was parsed of it before the fault.
+    ParseByteList(p, len, cache.v[which], cache.n[which], ORVA_SCHED_REPEAT_CFG_MAX, 0, 255);
+  }
+  memcpy(v, cache.v[which], sizeof(cache.v[which]));
+  n = cache.n[which];
+}
+
+}  // namespace
+
+void RowToEntry(sqlite3_stmt* st, Listing* l, ListEntry& e, ORVA_SCHED_TASK& slot) {
+  int c = 0;
+  auto u8 = [st](int col) { return static_cast<uint8_t>(sqlite3_column_int(st, col)); };
+  e.id = sqlite3_column_int64(st, c++);
+  e.name = EntryText(st, c++, l, ORVA_SCHED_NAME_MAX, ORVA_SCHED_TRUNC_NAME, e);
+  slot.owner = static_cast<uint32_t>(sqlite3_column_int64(st, c++));
+  e.real_owner = static_cast<uint32_t>(sqlite3_column_int64(st, c++));
+  slot.marker = sqlite3_column_int64(st, c++);
+  e.enabled = u8(c++);
+  e.listable = u8(c++);
+  e.can_edit_from_ui = u8(c++);
+  e.can_delete_from_ui = u8(c++);
+  e.can_run_from_ui = u8(c++);
+  e.app = EntryText(st, c++, l, ORVA_SCHED_APP_MAX, ORVA_SCHED_TRUNC_APP, e);
+  e.app_name = EntryText(st, c++, l, ORVA_SCHED_APP_NAME_MAX, ORVA_SCHED_TRUNC_APP_NAME, e);
+  e.action = EntryText(st, c++, l, ORVA_SCHED_ACTION_MAX, ORVA_SCHED_TRUNC_ACTION, e);
+  ORVA_SCHED_SCHEDULE& s = e.schedule;
+  s.repeat = u8(c++);
+  s.year = static_cast<uint16_t>(sqlite3_column_int(st, c++));
+  s.month = u8(c++);
+  s.day = u8(c++);
+  s.week_mask = u8(c++);
+  s.hour = u8(c++);
+  s.min = u8(c++);
+  s.repeat_hour = u8(c++);
+  s.repeat_min = u8(c++);
+  s.last_work_hour = u8(c++);
+  ByteList(st, c++, 0, s.repeat_min_cfg, s.n_repeat_min_cfg);
+  ByteList(st, c++, 1, s.repeat_hour_cfg, s.n_repeat_hour_cfg);
+  e.saved = 1;
+}
+
+bool ReadUnlisted(sqlite3* db, int64_t id, ORVA_SCHED_TASK& t) {
+  Stmt st(db,
+          "SELECT command, app_args, edit_form, event, can_edit_name, can_edit_owner, simple_edit_form,"
+          " can_run_app_same_time, can_run_task_same_time FROM tasks WHERE id = ?");
+  if (!st.ok()) return false;
+  st.Bind(1, id);
+  if (st.Step() != SQLITE_ROW) return false;
+  int c = 0;
+  ColumnText(st, c++, t.command, sizeof(t.command), ORVA_SCHED_TRUNC_COMMAND, &t);
+  ColumnText(st, c++, t.app_args, sizeof(t.app_args), ORVA_SCHED_TRUNC_APP_ARGS, &t);
+  ColumnText(st, c++, t.edit_form, sizeof(t.edit_form), ORVA_SCHED_TRUNC_EDIT_FORM, &t);
+  ColumnText(st, c++, t.event, sizeof(t.event), ORVA_SCHED_TRUNC_EVENT, &t);
+  t.can_edit_name = U8(st, c++);
+  t.can_edit_owner = U8(st, c++);
+  t.simple_edit_form = U8(st, c++);
+  t.can_run_app_same_time = U8(st, c++);
+  t.can_run_task_same_time = U8(st, c++);
+  return true;
+}
+
+}  // namespace orva_sched
+
+namespace {
 
 void BindTask(Stmt& st, const ORVA_SCHED_TASK& t) {
   int c = 1;
@@ -234,8 +273,10 @@ bool WriteTask(sqlite3* db, ORVA_SCHED_TASK& t) {
   return true;
 }
 
+}  // namespace
+
 // Loads row `id` into `out`. 1 found, 0 not found (error set), -1 failure.
-int ReadTask(sqlite3* db, long id, ORVA_SCHED_TASK* out) {
+int orva_sched::ReadTask(sqlite3* db, long id, ORVA_SCHED_TASK* out) {
   std::string sql = std::string("SELECT ") + kColumns + " FROM tasks WHERE id = ?";
   Stmt st(db, sql.c_str());
   if (!st.ok()) return -1;
@@ -249,6 +290,8 @@ int ReadTask(sqlite3* db, long id, ORVA_SCHED_TASK* out) {
   RowToTask(st, out);
   return 1;
 }
+
+namespace {
 
 // uid of a user name; false with ORVA_SCHED_ERR_NO_USER.
 bool UserUid(const char* user, unsigned int& uid) {
@@ -267,10 +310,15 @@ bool IsUsersOwn(int64_t marker, unsigned realOwner, unsigned uid) {
   return marker == ORVA_SCHED_MARKER_BY_USER && realOwner == uid;
 }
 
-int FillFresh(ORVA_SCHED_TASK* pTask) {
+// A fresh record; a user's when uid is given.
+int FillFresh(ORVA_SCHED_TASK* pTask, const unsigned* uid) {
   ORVA_SCHED_TASK* fresh = ORVASchedTaskAllocFast();
   if (!fresh) return -1;
-  *pTask = *fresh;
+  if (uid) {
+    fresh->owner = *uid;
+    ORVASchedCTaskSetRealOwner(fresh, true, *uid);
+  }
+  orva_sched::Assign(*pTask, *fresh, false);
   free(fresh);
   return 0;
 }
@@ -285,7 +333,7 @@ int ORVASchedTaskLoad(long id, ORVA_SCHED_TASK* pTask) {
     return -1;
   }
   if (id == -1) {
-    return FillFresh(pTask);
+    return FillFresh(pTask, nullptr);
   }
   TaskPtr tmp = NewZeroed();
   if (!tmp) {
@@ -293,8 +341,8 @@ int ORVASchedTaskLoad(long id, ORVA_SCHED_TASK* pTask) {
     return -1;
   }
   Conn conn;
-  if (!conn.db() || ReadTask(conn.db(), id, tmp.get()) != 1) return -1;
-  *pTask = *tmp;
+  if (!conn.db() || orva_sched::ReadTask(conn.db(), id, tmp.get()) != 1) return -1;
+  orva_sched::Assign(*pTask, *tmp, false);
   return 0;
 }
 
@@ -307,10 +355,7 @@ int ORVASchedTaskLoadByUser(const char* user, long id, ORVA_SCHED_TASK* pTask) {
   if (!UserUid(user, uid)) return -1;
   if (id == -1) {
     // A new task of this user: it runs as the user and will be theirs once saved.
-    if (FillFresh(pTask) != 0) return -1;
-    pTask->owner = uid;
-    ORVASchedCTaskSetRealOwner(pTask, true, uid);
-    return 0;
+    return FillFresh(pTask, &uid);
   }
   TaskPtr tmp = NewZeroed();
   if (!tmp) {
@@ -318,12 +363,12 @@ int ORVASchedTaskLoadByUser(const char* user, long id, ORVA_SCHED_TASK* pTask) {
     return -1;
   }
   Conn conn;
-  if (!conn.db() || ReadTask(conn.db(), id, tmp.get()) != 1) return -1;
+  if (!conn.db() || orva_sched::ReadTask(conn.db(), id, tmp.get()) != 1) return -1;
   if (!IsUsersOwn(tmp->marker, tmp->real_owner, uid)) {
     SCHED_ERR(ORVA_SCHED_ERR_NOT_OWNER);
     return -1;
   }
-  *pTask = *tmp;
+  orva_sched::Assign(*pTask, *tmp, false);
   return 0;
 }
 
@@ -332,8 +377,7 @@ int ORVASchedTaskSave(ORVA_SCHED_TASK* pTask) {
     SCHED_ERR(ORVA_SCHED_ERR_INVALID);
     return -1;
   }
-  ORVA_SCHED_TASK copy = *pTask;
-  orva_sched::FillAll(copy);
+  ORVA_SCHED_TASK copy = orva_sched::Full(*pTask);
   // Anything that is not a user's task is a system task.
   if (copy.marker != ORVA_SCHED_MARKER_BY_USER) {
     ORVASchedCTaskSetRealOwner(&copy, false, 0);
@@ -342,10 +386,12 @@ int ORVASchedTaskSave(ORVA_SCHED_TASK* pTask) {
   Conn conn;
   if (!conn.Begin(true)) return -1;
   if (!WriteTask(conn.db(), copy) || !conn.Commit()) return -1;
-  pTask->id = copy.id;
-  pTask->marker = copy.marker;
-  pTask->real_owner = copy.real_owner;
-  pTask->saved = 1;
+  orva_sched::Edit(pTask, [&copy](ORVA_SCHED_TASK& w) {
+    w.id = copy.id;
+    w.marker = copy.marker;
+    w.real_owner = copy.real_owner;
+    w.saved = 1;
+  });
   return 0;
 }
 
@@ -368,8 +414,7 @@ int ORVASchedTaskSaveByUser(const char* user, ORVA_SCHED_TASK* pTask) {
     return -1;
   }
   TaskPtr holder(copy);
-  *copy = *pTask;
-  orva_sched::FillAll(*copy);
+  *copy = orva_sched::Full(*pTask);
   ORVASchedCTaskSetRealOwner(copy, true, uid);
   if (!CheckSavable(*copy)) return -1;
   Conn conn;
@@ -385,10 +430,12 @@ int ORVASchedTaskSaveByUser(const char* user, ORVA_SCHED_TASK* pTask) {
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) return -1;
   }
   if (!WriteTask(conn.db(), *copy) || !conn.Commit()) return -1;
-  pTask->id = copy->id;
-  pTask->marker = copy->marker;
-  pTask->real_owner = copy->real_owner;
-  pTask->saved = 1;
+  orva_sched::Edit(pTask, [copy](ORVA_SCHED_TASK& w) {
+    w.id = copy->id;
+    w.marker = copy->marker;
+    w.real_owner = copy->real_owner;
+    w.saved = 1;
+  });
   return 0;
 }
 
@@ -441,7 +488,7 @@ int ORVASchedTaskListGet(ORVA_SCHED_TASK** ppList, ORVA_SCHED_TASK_FILTER filter
   *ppList = nullptr;
   Conn conn;
   if (!conn.Begin(false)) return -1;
-  // The count sizes the listing's mapping; the read transaction keeps it exact.
+  // The count sizes the listing; the read transaction keeps it exact.
   Stmt counter(conn.db(), "SELECT count(*) FROM tasks");
   if (!counter.ok() || counter.Step() != SQLITE_ROW) return -1;
   const int64_t rows = counter.Int(0);
@@ -449,24 +496,23 @@ int ORVASchedTaskListGet(ORVA_SCHED_TASK** ppList, ORVA_SCHED_TASK_FILTER filter
     conn.Commit();
     return 0;
   }
-  std::string sql = std::string("SELECT ") + kColumns + " FROM tasks ORDER BY id";
+  std::string sql = std::string("SELECT ") + orva_sched::kListColumns + " FROM tasks ORDER BY id";
   Stmt st(conn.db(), sql.c_str());
   if (!st.ok()) return -1;
-  orva_sched::Listing* listing = orva_sched::ListingNew(static_cast<size_t>(rows));
+  // A filter's getter may read the store: through this connection, which we hold.
+  orva_sched::Listing* listing = orva_sched::ListingNew(static_cast<size_t>(rows), conn.db());
   if (!listing) return -1;
-  orva_sched::ListingConnection inListing(conn.db());  // a filter's getter reads through it
   ORVA_SCHED_TASK* head = nullptr;
   ORVA_SCHED_TASK** tail = &head;
   int count = 0;
   int rc;
   while ((rc = st.Step()) == SQLITE_ROW) {
-    ORVA_SCHED_TASK* t = orva_sched::ListingTake(listing, st.Int(0));
+    ORVA_SCHED_TASK* t = orva_sched::ListingAdd(listing, st.get());
     if (!t) {
       SCHED_ERR(ORVA_SCHED_ERR_DATABASE);  // more rows than counted: cannot happen in one read
       rc = SQLITE_ERROR;
       break;
     }
-    RowToListed(st, listing, t);
     if (filter && !filter(t, pArg)) {
       orva_sched::ListingRefuse(listing);
       continue;
@@ -476,8 +522,8 @@ int ORVASchedTaskListGet(ORVA_SCHED_TASK** ppList, ORVA_SCHED_TASK_FILTER filter
     tail = &t->next;
     ++count;
   }
-  conn.Commit();
   orva_sched::ListingDone(listing);
+  conn.Commit();
   if (rc != SQLITE_DONE) {
     ORVASchedTaskListFree(head);
     return -1;

@@ -98,7 +98,7 @@ typedef struct _tag_orva_sched_task_ {
   uint8_t simple_edit_form;
   uint8_t can_run_app_same_time;
   uint8_t can_run_task_same_time;
-  uint8_t lazy;                         // store-internal: texts of a listing not yet copied in
+  uint8_t reserved;
   uint32_t truncated;                   // ORVA_SCHED_TRUNC_* bits
   ORVA_SCHED_SCHEDULE schedule;
   char name[ORVA_SCHED_NAME_MAX];
@@ -215,6 +215,7 @@ bool ORVASchedTaskIsCanEditName(const _tag_orva_sched_task_& task);
 bool ORVASchedTaskIsCanEditOwner(const _tag_orva_sched_task_& task);
 bool ORVASchedTaskIsCanRunAppSameTime(const _tag_orva_sched_task_& task);
 bool ORVASchedTaskIsCanRunTaskSameTime(const _tag_orva_sched_task_& task);
+const ORVA_SCHED_SCHEDULE& ORVASchedTaskGetSchedule(const _tag_orva_sched_task_& task);
 // Nonzero ORVA_SCHED_TRUNC_* bits: a setter cut a text, the record cannot be saved.
 uint32_t ORVASchedTaskGetTruncated(const _tag_orva_sched_task_& task);
 

@@ -63,7 +63,7 @@ class StoreSource : public orvasched::TaskSource {
       orvasched::TaskSnapshot s;
       s.id = ORVASchedTaskGetID(*t);
       s.enabled = ORVASchedTaskIsEnabled(*t);
-      s.schedule = t->schedule;
+      s.schedule = ORVASchedTaskGetSchedule(*t);
       s.name = ORVASchedTaskGetName(*t);
       tasks.push_back(std::move(s));
     }

@@ -141,7 +141,8 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
     EXPECT_EQ(std::string(f.get(*back)), fits);
     EXPECT_EQ(ORVASchedTaskGetTruncated(*back), 0u);
     // Listed, the text reads in full from the record, from a copy, and from a copy that
-    // outlives its listing; a text set on a listed record stays what was set.
+    // outlives its listing; saved as listed it is kept; a text set on a listed record or
+    // a copy is what was set there only.
     ORVA_SCHED_TASK* list = nullptr;
     ASSERT_GT(ORVASchedTaskListGet(&list, nullptr, nullptr), 0);
     ORVA_SCHED_TASK* listed = list;
@@ -149,6 +150,12 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
     ORVA_SCHED_TASK copy = *listed, late = *listed, mine = *listed;
     f.set(&mine, "mine");
     EXPECT_EQ(std::string(f.get(*listed)), fits);
+    ASSERT_EQ(ORVASchedTaskSave(listed), 0);
+    Task saved;
+    ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*t), saved.t), 0);
+    EXPECT_EQ(std::string(f.get(*saved)), fits);
+    f.set(listed, "set");
+    EXPECT_STREQ(f.get(*listed), "set");
     EXPECT_EQ(std::string(f.get(copy)), fits);
     ORVASchedTaskListFree(list);
     EXPECT_EQ(std::string(f.get(late)), fits);
@@ -397,6 +404,15 @@ TEST(SchedStore, ListFiltersAndFreesForeignRecords) {
   ASSERT_EQ(ORVASchedTaskListSort(&list, "next trigger time", 1), 0);
   EXPECT_EQ(Ids(list).size(), 9u);
   ORVASchedTaskListFree(list);  // the sanitizer build checks nothing leaks
+  // Freed one record at a time (one of them written to), a listing goes with its last.
+  ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 10);
+  ORVASchedCTaskSetName(ORVASchedTaskNext(list), "written");
+  EXPECT_STREQ(ORVASchedTaskGetName(*ORVASchedTaskNext(list)), "written");
+  while (list) {
+    ORVA_SCHED_TASK* next = ORVASchedTaskNext(list);
+    ORVASchedTaskFree(list);
+    list = next;
+  }
 
   ORVA_SCHED_TASK* empty = reinterpret_cast<ORVA_SCHED_TASK*>(0x1);
   EXPECT_EQ(ORVASchedTaskListGet(&empty, [](const ORVA_SCHED_TASK*, void*) { return 0; }, nullptr), 0);
