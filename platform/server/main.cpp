@@ -6,6 +6,7 @@
 #include <getopt.h>
 #include <netdb.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,10 +16,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -101,8 +104,6 @@ int OpenUnixSocket(const std::string& path) {
 }
 
 // "127.0.0.1:5080", "[::1]:5080", "localhost:0". Writes the bound address to `bound`.
-// SO_REUSEPORT: each worker listens on a socket of its own bound to the same address,
-// and the kernel spreads new connections over them.
 int OpenTcpSocket(const std::string& address, std::string* bound) {
   size_t colon = address.rfind(':');
   if (colon == std::string::npos || colon == 0) {
@@ -124,7 +125,6 @@ int OpenTcpSocket(const std::string& address, std::string* bound) {
   int fd = socket(res->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int one = 1;
   if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-      setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof one) != 0 ||
       bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 512) != 0) {
     syslog(LOG_ERR, "%s:%d cannot listen on %s: %m", __FILE_NAME__, __LINE__, address.c_str());
     if (fd >= 0) close(fd);
@@ -159,17 +159,19 @@ double Now() {
 
 struct Worker {
   double started;
-  size_t slot;  // which TCP socket it accepts on
+  int slot;  // its place in the shared connection counts
 };
 
 struct Supervisor {
   int unixFd = -1;
-  std::vector<int> tcpFds;  // one per worker slot, all bound to the same address
+  int tcpFd = -1;
+  orvad::WorkerLoad load;
   orvad::Timeouts timeouts;
   sigset_t blocked;
   std::map<pid_t, Worker> workers;
 
-  pid_t Spawn(size_t slot) {
+  pid_t Spawn(int slot) {
+    load.open[slot] = 0;  // a dead worker's connections died with it
     pid_t pid = fork();
     if (pid < 0) {
       syslog(LOG_ERR, "%s:%d fork failed: %m", __FILE_NAME__, __LINE__);
@@ -181,10 +183,8 @@ struct Supervisor {
       if (getppid() == 1) _exit(0);
       signal(SIGCHLD, SIG_DFL);
       sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
-      for (size_t i = 0; i < tcpFds.size(); ++i) {
-        if (i != slot) close(tcpFds[i]);
-      }
-      int rc = orvad::RunWorker(unixFd, tcpFds.empty() ? -1 : tcpFds[slot], timeouts);
+      load.slot = slot;
+      int rc = orvad::RunWorker(unixFd, tcpFd, timeouts, load);
       // Skip static destructors of modules the supervisor never loaded.
       fflush(nullptr);
       _exit(rc);
@@ -259,17 +259,15 @@ int main(int argc, char** argv) {
   Supervisor sup;
   sup.timeouts = timeouts;
   std::string bound;
-  if (!listenSpec.empty()) {
-    int fd = OpenTcpSocket(listenSpec, &bound);
-    if (fd < 0) return 1;
-    sup.tcpFds.push_back(fd);
-    // The others on the port the first one got (port 0 picks it there).
-    std::string same;
-    while (static_cast<int>(sup.tcpFds.size()) < nworkers) {
-      if ((fd = OpenTcpSocket(bound, &same)) < 0) return 1;
-      sup.tcpFds.push_back(fd);
-    }
+  if (!listenSpec.empty() && (sup.tcpFd = OpenTcpSocket(listenSpec, &bound)) < 0) return 1;
+  void* shared = mmap(nullptr, sizeof(std::atomic<int>) * static_cast<size_t>(nworkers), PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) {
+    syslog(LOG_ERR, "%s:%d cannot map the workers' shared counts: %m", __FILE_NAME__, __LINE__);
+    return 1;
   }
+  sup.load.open = new (shared) std::atomic<int>[static_cast<size_t>(nworkers)]();
+  sup.load.workers = nworkers;
   if (!ORVA::SessionStore::Instance().Init()) return 1;
   std::string token = ORVA::WebRandomHex(32);
   if (token.empty() || !WriteFileAtomic(tokenPath, token + "\n", 0600)) return 1;
@@ -282,7 +280,7 @@ int main(int argc, char** argv) {
 
   // The socket comes last: it accepting connections means the server is ready.
   if ((sup.unixFd = OpenUnixSocket(sockPath)) < 0) return 1;
-  for (int i = 0; i < nworkers; ++i) sup.Spawn(static_cast<size_t>(i));
+  for (int i = 0; i < nworkers; ++i) sup.Spawn(i);
   syslog(LOG_INFO, "%s:%d serving %s%s%s with %d workers", __FILE_NAME__, __LINE__, sockPath.c_str(),
          bound.empty() ? "" : " and http://", bound.c_str(), nworkers);
   if (!bound.empty()) {
@@ -292,7 +290,7 @@ int main(int argc, char** argv) {
   }
   fflush(stdout);
 
-  std::vector<size_t> pendingRestarts;  // slots whose worker died
+  std::vector<int> pendingRestarts;  // slots whose worker died
   bool stopping = false;
   double lastFastDeath = 0;
   while (!stopping || !sup.workers.empty()) {
@@ -313,7 +311,7 @@ int main(int argc, char** argv) {
       auto it = sup.workers.find(pid);
       if (it == sup.workers.end()) continue;
       double lived = Now() - it->second.started;
-      const size_t slot = it->second.slot;
+      const int slot = it->second.slot;
       sup.workers.erase(it);
       if (stopping) continue;
       if (WIFSIGNALED(status)) {

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <boost/beast/http.hpp>
 #include <string>
 
@@ -54,7 +55,15 @@ std::string NegotiateLanguage(const std::string& requested, const std::string& s
 // folder or names no regular file. `status` receives 400 or 404 on failure.
 bool ResolveStaticPath(const std::string& target, std::string* file, int* status);
 
+// The open connections of every worker, in memory the workers share: a worker that
+// holds clearly more than another leaves new connections to it for a moment.
+struct WorkerLoad {
+  std::atomic<int>* open = nullptr;  // one per worker
+  int workers = 0;
+  int slot = 0;  // this worker's
+};
+
 // Runs one worker process on the inherited listening sockets until SIGTERM drains it.
-int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts);
+int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts, const WorkerLoad& load);
 
 }  // namespace orvad

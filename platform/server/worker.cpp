@@ -48,6 +48,26 @@ size_t gOpen = 0;
 // Most connections one worker serves at once (from its descriptor limit).
 size_t gMaxConnections = 1024;
 bool gDraining = false;
+WorkerLoad gLoad;
+// How many more connections than another worker a worker may hold before it leaves new
+// ones to the other.
+constexpr int kBalanceSlack = 4;
+
+void CountOpen(int delta) {
+  gOpen += delta;
+  if (gLoad.open) gLoad.open[gLoad.slot].store(static_cast<int>(gOpen), std::memory_order_relaxed);
+}
+
+// All workers wait on the same listening sockets and the first awake takes what is
+// queued; one with clearly more connections than another lets that one have the next.
+bool Overloaded() {
+  for (int i = 0; gLoad.open && i < gLoad.workers; ++i) {
+    if (i != gLoad.slot && static_cast<int>(gOpen) > gLoad.open[i].load(std::memory_order_relaxed) + kBalanceSlack) {
+      return true;
+    }
+  }
+  return false;
+}
 
 // A warning that may repeat quickly (a flood of connections) is logged at most once per
 // interval, with the number of times it happened since the last line.
@@ -112,11 +132,11 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
         peer_(peer),
         t_(t) {
     gConnections.insert(this);
-    ++gOpen;
+    CountOpen(1);
   }
   ~Connection() override {
     gConnections.erase(this);
-    if (!closed_) --gOpen;
+    if (!closed_) CountOpen(-1);
   }
 
   void Start() { WaitForRequest(); }
@@ -277,7 +297,7 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
     idleTimer_.cancel();
     delayTimer_.cancel();
     stream_.socket().close(ec);
-    if (!closed_) --gOpen;
+    if (!closed_) CountOpen(-1);
     closed_ = true;
   }
 
@@ -315,8 +335,9 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
  private:
   // Out of descriptors with nothing idle to close: accepting again at once would only
   // fail again, so wait a moment (the connection stays queued in the kernel meanwhile).
-  void PauseThenAccept() {
-    pause_.expires_after(std::chrono::milliseconds(100));
+  // Also the short step back of a worker that holds more than its share.
+  void PauseThenAccept(std::chrono::milliseconds pause = std::chrono::milliseconds(100)) {
+    pause_.expires_after(pause);
     auto self = this->shared_from_this();
     pause_.async_wait([self](beast::error_code ec) {
       if (!ec && !gDraining) self->Accept();
@@ -367,6 +388,7 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
           peer.address = socket.remote_endpoint(ignored).address().to_string();
         }
         std::make_shared<Connection<Protocol>>(std::move(socket), peer, self->t_)->Start();
+        if (Overloaded()) return self->PauseThenAccept(std::chrono::milliseconds(5));
       } else if (ec == asio::error::no_descriptors || ec.value() == ENFILE || ec == asio::error::no_buffer_space ||
                  ec == asio::error::no_memory) {
         // Out of descriptors: the longest idle connection makes room, else pause.
@@ -387,7 +409,8 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
 
 }  // namespace
 
-int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts) {
+int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts, const WorkerLoad& load) {
+  gLoad = load;
   signal(SIGPIPE, SIG_IGN);
   // A terminal's Ctrl-C reaches the whole process group; the supervisor alone decides
   // and drains the workers with SIGTERM.
