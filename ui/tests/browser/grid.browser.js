@@ -134,13 +134,13 @@ test('layout in English and German: 390, 1024 and 1366 px', async () => {
       // Every cell's text in view: not hidden, not under its row's sticky tools, not
       // scrolled or cut off sideways; the row buttons inside the viewport.
       const faults = [];
-      for (const tr of [...document.querySelectorAll('#grid-body tr')].slice(0, 12)) {
-        const tools = tr.querySelector('td.col-tools').getBoundingClientRect();
+      for (const tr of [...document.querySelectorAll('#grid tr')].slice(0, 13)) {
+        const tools = tr.querySelector('.col-tools').getBoundingClientRect();
         for (const b of tr.querySelectorAll('td.col-tools button')) {
           const r = b.getBoundingClientRect();
           if (r.left < 0 || r.right > innerWidth) faults.push(`button ${b.getAttribute('aria-label')} at ${r.left}..${r.right}`);
         }
-        for (const td of tr.querySelectorAll('td:not(.col-tools)')) {
+        for (const td of tr.querySelectorAll(':is(td, th):not(.col-tools)')) {
           const range = document.createRange();
           for (const n of [...td.querySelectorAll('*'), td].flatMap((e) => [...e.childNodes]).filter((n) => n.nodeType === 3 && n.data.trim())) {
             range.selectNodeContents(n);
