@@ -494,7 +494,7 @@ function lastRunCell(item) {
   }
   if (lr?.start) parts.push(h('span', { class: 'when', text: formatTimestamp(lr.start).slice(0, 16) }));
   if (parts.length === 0) parts.push(h('span', { class: 'muted', text: t('grid.never') }));
-  return h('td', { class: 'col-last' }, h('span', { class: 'last-run' }, parts));
+  return h('td', { class: 'col-last', 'data-label': t('col.last') }, h('span', { class: 'last-run' }, parts));
 }
 
 function renderRow(item) {
@@ -558,9 +558,9 @@ function renderRow(item) {
     h('td', { class: 'col-enable' }, toggle),
     h('td', { class: 'col-name' }, item.name),
     h('td', { class: 'col-type' }, h('span', { class: 'type-cell' }, h('span', { class: `kind-dot kind-${item.type}` }), typeLabel(item))),
-    h('td', { class: 'col-owner' }, item.owner || '–'),
-    h('td', { class: 'col-action', title: action }, h('span', { class: 'clamp', text: action })),
-    h('td', { class: `col-next${nextClass}` }, next),
+    h('td', { class: 'col-owner', 'data-label': t('col.owner') }, item.owner || '–'),
+    h('td', { class: 'col-action', title: action, 'data-label': t('col.action') }, h('span', { class: 'clamp', text: action })),
+    h('td', { class: `col-next${nextClass}`, 'data-label': t('col.next') }, next),
     lastRunCell(item),
     h('td', { class: 'col-tools' }, tools),
   );
