@@ -9,22 +9,15 @@
 #include <set>
 #include <sstream>
 
+#include "orvatest.h"
+
 namespace fs = std::filesystem;
 
 namespace {
 
 const std::string kData = std::string(ORVA_SOURCE_DIR) + "/data";
 
-Json::Value Load(const std::string& path) {
-  std::ifstream in(path);
-  Json::CharReaderBuilder b;
-  b["failIfExtra"] = true;
-  b["rejectDupKeys"] = true;
-  Json::Value v;
-  std::string errs;
-  EXPECT_TRUE(Json::parseFromStream(b, in, &v, &errs)) << path << ": " << errs;
-  return v;
-}
+Json::Value Load(const std::string& path) { return orvatest::ParseJson(orvatest::Slurp(path), true); }
 
 // Keys used by task action texts, app names and service display names.
 const std::set<std::string> kRequired = {

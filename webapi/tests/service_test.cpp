@@ -131,8 +131,8 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
                                    "/usr/orva/bin/orvapkg start alpha;\n/usr/orva/bin/orvapkg start gamma;\n");
   EXPECT_STREQ(Record(id).action, "#common:start_service#: \"WinShare\" \"Alpha Pro\" \"gamma\"");
 
-  unlink((root.Path() + "/var/lib/orva/packages/gamma/package.json").c_str());
-  rmdir((root.Path() + "/var/lib/orva/packages/gamma").c_str());
+  unlink((root.path() + "/var/lib/orva/packages/gamma/package.json").c_str());
+  rmdir((root.path() + "/var/lib/orva/packages/gamma").c_str());
   AddPackage(root, "alpha", R"({"name": "alpha", "display_name": "Alpha Next", "service": true})");
   AddPackage(root, "delta", R"({"name": "delta", "control": {"start": "a", "stop": "b"}})");
   AddPackage(root, "aaa", R"({"name": "aaa", "display_name": "First", "service": true})");
@@ -220,7 +220,7 @@ TEST(ModuleService, GetOfStoredForms) {
   }
   // Packages that cannot be enumerated fail the get.
   const long id = AddServiceTask(R"({"service_action": "0", "service_store": []})");
-  rmdir((root.Path() + "/var/lib/orva/packages").c_str());
+  rmdir((root.path() + "/var/lib/orva/packages").c_str());
   tstest::ClearLogs();
   tstest::Reply got = Call(2, "get", IdParams(id));
   EXPECT_EQ(got.code, 117);
