@@ -51,6 +51,11 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
     std::vector<std::string> ids = {"WinShare", "MacShare", "PrinterBeacon", "LoginGuard",
                                     "FileXfer", "FileXferTls", "FileXferSsh", "ClockServer"};
     if (unixShare) ids.insert(ids.begin() + 3, "UnixShare");
+    // Each one offered can be started and stopped through the installed services.json.
+    const Json::Value installed = Parse(orvatest::Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
+    for (const std::string& id : ids) {
+      EXPECT_TRUE(installed[id]["start"].isString() && installed[id]["stop"].isString()) << id;
+    }
     for (const std::string& id : ids) {
       Json::Value& e = want["services"].append(Parse(R"({"type": "service", "enable": false})"));
       e["id"] = e["name"] = id;
