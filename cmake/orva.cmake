@@ -48,6 +48,7 @@ function(orva_test target)
   cmake_parse_arguments(A "" "" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${target} ${A_SOURCES})
   target_link_libraries(${target} PRIVATE orva_headers ${A_LIBS} GTest::gtest GTest::gtest_main GTest::gmock)
+  target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tests/support)
   target_compile_definitions(${target} PRIVATE
     ORVA_BUILD_DIR="${CMAKE_BINARY_DIR}" ORVA_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${A_LABELS}")

@@ -70,7 +70,7 @@ TEST_F(ServerIdentity, PamLoginOfATestUserAndTheAdminGroupRule) {
 
   // A member of the configured admin group is an administrator.
   const std::string group = "orvatadm" + std::to_string(getpid());
-  root.WriteFile("/etc/orva/orva.conf", "admin_group=\"" + group + "\"\n");
+  root.Write("/etc/orva/orva.conf", "admin_group=\"" + group + "\"\n");
   ASSERT_TRUE(orvatest::RunRetried("groupadd " + group));
   EXPECT_TRUE(orvatest::RunRetried("usermod -aG " + group + " " + user.Name()));
   auto member = orvatest::LoginWith(server, params(user.Name(), "S3cret-pass!"));

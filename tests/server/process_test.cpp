@@ -37,7 +37,7 @@ TEST(ServerProcess, SessionFromOneWorkerIsAcceptedByAnother) {
   });
   bool started = orvatest::WaitForFile(root.path() + "/started");
   auto other = server.Api(Envelope("ORVA.Test.User", 1, "echo"), login.Auth());
-  root.WriteFile("/release", "");
+  root.Write("/release", "");
   auto busy = held.get();
   ASSERT_TRUE(started) << server.Log();
   ASSERT_EQ(200, busy.status) << busy.body;
@@ -77,7 +77,7 @@ TEST(ServerProcess, SigtermFinishesTheRequestInProgressThenExits) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  root.WriteFile("/release", "");
+  root.Write("/release", "");
   auto reply = held.get();
   ASSERT_TRUE(started);
   EXPECT_EQ(200, reply.status);
@@ -116,7 +116,7 @@ bool ClosedByServer(int port, const std::string& sent) {
 
 TEST(ServerProcess, HeaderIdleAndSessionTimeouts) {
   orvatest::ServerRoot root;
-  root.WriteFile("/etc/orva/orva.conf", "session_idle_timeout=\"1\"\n");
+  root.Write("/etc/orva/orva.conf", "session_idle_timeout=\"1\"\n");
   orvatest::Server server(root);
   ASSERT_TRUE(server.Start(1, {"--header-timeout", "1", "--idle-timeout", "2"}));
   auto login = orvatest::TokenLogin(server);

@@ -81,12 +81,6 @@ std::string HttpReply::Header(const std::string& lowerName) const {
   return it == headers.end() ? "" : it->second;
 }
 
-Json::Value ParseJson(const std::string& text) {
-  Json::Value v;
-  EXPECT_TRUE(TryParse(text, &v)) << text;
-  return v;
-}
-
 std::string WriteJson(const Json::Value& v) {
   Json::StreamWriterBuilder b;
   b["indentation"] = "";
@@ -124,17 +118,13 @@ ServerRoot::ServerRoot() : TempRoot("orvat-srv") {
       {"../secret.txt", webman + "/secret-link.txt"},
   };
   for (const auto& [target, link] : links) EXPECT_EQ(0, symlink(target.c_str(), link.c_str())) << link;
-  WriteFile("/usr/orva/orvaman/webman/index.html", "<!doctype html><title>ORVA</title>\n");
-  WriteFile("/usr/orva/orvaman/webman/js/app.js", "console.log('orva');\n");
-  WriteFile("/usr/orva/orvaman/webman/texts/en/strings.json", "{}\n");
-  WriteFile("/usr/orva/orvaman/webman/texts/de/strings.json", "{}\n");
-  WriteFile("/usr/orva/orvaman/secret.txt", "TOPSECRET-orvaman\n");
-  WriteFile("/secret.txt", "TOPSECRET-root\n");
-  WriteFile("/etc/orva/orva.conf", "admin_group=\"orvatadmins\"\ndefault_lang=\"en\"\n");
-}
-
-void ServerRoot::WriteFile(const std::string& relative, const std::string& text) const {
-  std::ofstream(path() + relative, std::ios::trunc) << text;
+  Write("/usr/orva/orvaman/webman/index.html", "<!doctype html><title>ORVA</title>\n");
+  Write("/usr/orva/orvaman/webman/js/app.js", "console.log('orva');\n");
+  Write("/usr/orva/orvaman/webman/texts/en/strings.json", "{}\n");
+  Write("/usr/orva/orvaman/webman/texts/de/strings.json", "{}\n");
+  Write("/usr/orva/orvaman/secret.txt", "TOPSECRET-orvaman\n");
+  Write("/secret.txt", "TOPSECRET-root\n");
+  Write("/etc/orva/orva.conf", "admin_group=\"orvatadmins\"\ndefault_lang=\"en\"\n");
 }
 
 Server::~Server() {
@@ -277,41 +267,6 @@ bool WaitForFile(const std::string& path) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return false;
-}
-
-bool RunRetried(const std::string& command) {
-  for (int i = 0; i < 50; ++i) {
-    if (std::system((command + " >/dev/null 2>&1").c_str()) == 0) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return false;
-}
-
-TestUser::TestUser(const std::string& password) {
-  static std::atomic<int> counter{0};
-  name_ = "orvat" + std::to_string(getpid()) + "u" + std::to_string(counter++);
-  if (!RunRetried("useradd -M -s /bin/sh '" + name_ + "'")) {
-    ADD_FAILURE() << "useradd " << name_ << " failed";
-    return;
-  }
-  if (!password.empty()) {
-    FILE* p = popen("chpasswd", "w");
-    if (p != nullptr) fprintf(p, "%s:%s\n", name_.c_str(), password.c_str());
-    if (p == nullptr || pclose(p) != 0) {
-      ADD_FAILURE() << "chpasswd failed";
-      return;
-    }
-  }
-  if (passwd* pw = getpwnam(name_.c_str())) {
-    uid_ = pw->pw_uid;
-    gid_ = pw->pw_gid;
-  }
-}
-
-TestUser::~TestUser() {
-  if (getpwnam(name_.c_str()) != nullptr && !RunRetried("userdel '" + name_ + "'")) {
-    ADD_FAILURE() << "userdel " << name_ << " failed";
-  }
 }
 
 bool EnsurePamService() {

@@ -1,5 +1,5 @@
 // Test support: a system root staged from the build tree, the real orva-webapid started
-// on it, a small blocking HTTP client (TCP or Unix socket), logins and test accounts.
+// on it, a small blocking HTTP client (TCP or Unix socket), and logins.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,7 +25,6 @@ struct HttpReply {
   std::string Header(const std::string& lowerName) const;
 };
 
-Json::Value ParseJson(const std::string& text);  // fails the test on bad JSON
 std::string WriteJson(const Json::Value& v);
 // {"api": .., "version": .., "method": .., "params": ..}
 std::string Envelope(const std::string& api, int version, const std::string& method,
@@ -36,7 +35,6 @@ std::string Envelope(const std::string& api, int version, const std::string& met
 class ServerRoot : public TempRoot {
  public:
   ServerRoot();
-  void WriteFile(const std::string& relative, const std::string& text) const;
 };
 
 class Server {
@@ -94,26 +92,6 @@ Login TokenLogin(const Server& server, const std::string& lang = "", const Heade
 
 // Waits up to 20 s for a file to exist.
 bool WaitForFile(const std::string& path);
-
-// A local account made for one test ("orvat" + a unique suffix), removed afterwards.
-class TestUser {
- public:
-  explicit TestUser(const std::string& password = "");
-  ~TestUser();
-  bool Ok() const { return uid_ != 0; }
-  const std::string& Name() const { return name_; }
-  uid_t Uid() const { return uid_; }
-  gid_t Gid() const { return gid_; }
-
- private:
-  std::string name_;
-  uid_t uid_ = 0;
-  gid_t gid_ = 0;
-};
-
-// Runs a shell command until it succeeds (useradd and friends refuse while another holds
-// the account files' lock); true when it did.
-bool RunRetried(const std::string& command);
 
 // Installs the PAM service file orva-webapi when the system has none.
 bool EnsurePamService();

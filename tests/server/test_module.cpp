@@ -45,10 +45,6 @@ void Error(ORVA::APIRequest*, ORVA::APIResponse* resp) {
 
 void Throw(ORVA::APIRequest*, ORVA::APIResponse*) { throw std::runtime_error("test module throws"); }
 void NoReply(ORVA::APIRequest*, ORVA::APIResponse*) {}
-void Twice(ORVA::APIRequest*, ORVA::APIResponse* resp) {
-  resp->SetSuccess(Json::Value("first"));
-  resp->SetError(4802, Json::Value());
-}
 void Ping(ORVA::APIRequest*, ORVA::APIResponse* resp) { resp->SetSuccess(Json::Value(Json::objectValue)); }
 
 // Logs the parameter "text" as it stands, as a module logging request data would.
@@ -66,7 +62,7 @@ void Exec(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
 
 #define TEST_ROWS(api)                                                                               \
   {api, 1, "echo", Echo}, {api, 2, "echo", Echo}, {api, 1, "hold", Hold}, {api, 1, "error", Error},    \
-      {api, 1, "throw", Throw}, {api, 1, "noreply", NoReply}, {api, 1, "twice", Twice}, {api, 1, "ping", Ping}, \
+      {api, 1, "throw", Throw}, {api, 1, "noreply", NoReply}, {api, 1, "ping", Ping}, \
       {api, 1, "exec", Exec}, {api, 1, "log", Log}
 
 const ORVA::APITableRow gTable[] = {

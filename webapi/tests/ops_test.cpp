@@ -163,7 +163,7 @@ TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
   tstest::TempRoot root;
   const std::string runner = std::string(ORVA_BUILD_DIR) + "/bin/orva-schedrun";
   ASSERT_EQ(access(runner.c_str(), X_OK), 0) << runner;
-  ASSERT_EQ(symlink(runner.c_str(), (root.Path() + "/usr/orva/bin/orva-schedrun").c_str()), 0);
+  ASSERT_EQ(symlink(runner.c_str(), (root.path() + "/usr/orva/bin/orva-schedrun").c_str()), 0);
   tstest::TestUser alice;
   ASSERT_TRUE(alice.Ok());
   const long ids[] = {tstest::AddTask({}), tstest::AddTask({}), tstest::AddTask({})};

@@ -145,7 +145,7 @@ TEST(ModuleRecycle, ForbiddenExtensionCharactersFailWhileTheExceptionIsOn) {
 
 // The shares of the root's shares.json whose recycle bin is on, blank-separated.
 std::string BinsOn(const tstest::TempRoot& root) {
-  std::ifstream in(root.Path() + "/etc/orva/shares.json");
+  std::ifstream in(root.path() + "/etc/orva/shares.json");
   std::stringstream text;
   text << in.rdbuf();
   std::string out;

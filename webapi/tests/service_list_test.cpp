@@ -18,7 +18,7 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   tstest::SetEventTasks(Json::Value(Json::arrayValue));
   root.WriteTexts("en", R"({"common": {"start_service": "Start service", "stop_service": "Stop service"},
                             "network": {"win_share_service": "Windows file service"}})");
-  ASSERT_EQ(rmdir((root.Path() + "/var/lib/orva/packages").c_str()), 0);
+  ASSERT_EQ(rmdir((root.path() + "/var/lib/orva/packages").c_str()), 0);
 
   tstest::TaskSeed service;
   service.name = "svc";

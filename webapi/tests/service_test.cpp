@@ -51,6 +51,11 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
     std::vector<std::string> ids = {"WinShare", "MacShare", "PrinterBeacon", "LoginGuard",
                                     "FileXfer", "FileXferTls", "FileXferSsh", "ClockServer"};
     if (unixShare) ids.insert(ids.begin() + 3, "UnixShare");
+    // Each one offered can be started and stopped through the installed services.json.
+    const Json::Value installed = Parse(orvatest::Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
+    for (const std::string& id : ids) {
+      EXPECT_TRUE(installed[id]["start"].isString() && installed[id]["stop"].isString()) << id;
+    }
     for (const std::string& id : ids) {
       Json::Value& e = want["services"].append(Parse(R"({"type": "service", "enable": false})"));
       e["id"] = e["name"] = id;
@@ -131,8 +136,8 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
                                    "/usr/orva/bin/orvapkg start alpha;\n/usr/orva/bin/orvapkg start gamma;\n");
   EXPECT_STREQ(Record(id).action, "#common:start_service#: \"WinShare\" \"Alpha Pro\" \"gamma\"");
 
-  unlink((root.Path() + "/var/lib/orva/packages/gamma/package.json").c_str());
-  rmdir((root.Path() + "/var/lib/orva/packages/gamma").c_str());
+  unlink((root.path() + "/var/lib/orva/packages/gamma/package.json").c_str());
+  rmdir((root.path() + "/var/lib/orva/packages/gamma").c_str());
   AddPackage(root, "alpha", R"({"name": "alpha", "display_name": "Alpha Next", "service": true})");
   AddPackage(root, "delta", R"({"name": "delta", "control": {"start": "a", "stop": "b"}})");
   AddPackage(root, "aaa", R"({"name": "aaa", "display_name": "First", "service": true})");
@@ -220,7 +225,7 @@ TEST(ModuleService, GetOfStoredForms) {
   }
   // Packages that cannot be enumerated fail the get.
   const long id = AddServiceTask(R"({"service_action": "0", "service_store": []})");
-  rmdir((root.Path() + "/var/lib/orva/packages").c_str());
+  rmdir((root.path() + "/var/lib/orva/packages").c_str());
   tstest::ClearLogs();
   tstest::Reply got = Call(2, "get", IdParams(id));
   EXPECT_EQ(got.code, 117);

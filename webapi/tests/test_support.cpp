@@ -1,17 +1,15 @@
 // Test support for the task scheduler module (see test_support.h).
 #include "test_support.h"
 
-#include <fcntl.h>
-#include <ftw.h>
 #include <pwd.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -72,55 +70,15 @@ std::vector<LogLine> LogsWith(const std::string& needle) {
   return out;
 }
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  Json::CharReaderBuilder b;
-  std::string errs;
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  if (!r->parse(text.data(), text.data() + text.size(), &v, &errs)) ADD_FAILURE() << "bad JSON: " << text << errs;
-  return v;
-}
-
-namespace {
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
-void MakeDirs(const std::string& path) {
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = path.find('/', pos + 1);
-    mkdir(path.substr(0, pos).c_str(), 0755);
+TempRoot::TempRoot() : orvatest::TempRoot("orvat-module") {
+  chmod(path().c_str(), 0755);  // runs as other users traverse it
+  for (const char* sub : {"usr/orva/bin", "usr/orva/lib/webapi", "usr/orva/orvaman/webman/texts/en",
+                          "var/lib/orva/packages", "run/orva"}) {
+    std::filesystem::create_directories(Real(sub));
   }
-}
-
-}  // namespace
-
-TempRoot::TempRoot() {
-  char tmpl[] = "/tmp/orvat-module-XXXXXX";
-  if (!mkdtemp(tmpl)) {
-    ADD_FAILURE() << "mkdtemp failed";
-    return;
-  }
-  path_ = tmpl;
-  chmod(path_.c_str(), 0755);
-  for (const char* sub : {"/usr/orva/bin", "/usr/orva/lib/webapi", "/usr/orva/orvaman/webman/texts/en",
-                          "/var/lib/orva/packages", "/run/orva"}) {
-    MakeDirs(path_ + sub);
-  }
-  WriteFile("etc/orva/orva.conf", "");
-  WriteFile("etc/orva/shares.json", "[]");
-  ORVA::ORVARootSet(path_);
-  setenv("ORVA_ROOT", path_.c_str(), 1);
+  Write("etc/orva/orva.conf", "");
+  Write("etc/orva/shares.json", "[]");
   ClearLogs();
-}
-
-TempRoot::~TempRoot() {
-  if (!path_.empty()) nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
-void TempRoot::WriteFile(const std::string& relative, const std::string& content) const {
-  std::string full = path_ + "/" + relative;
-  MakeDirs(full.substr(0, full.rfind('/')));
-  std::ofstream(full, std::ios::trunc) << content;
 }
 
 void TempRoot::WriteTexts(const std::string& lang, const std::string& json) const {
@@ -262,23 +220,6 @@ ORVA::APITableRow gEventTable[] = {
     {nullptr, 0, nullptr, nullptr},
 };
 
-int RunQuiet(const std::vector<std::string>& args) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    int devnull = open("/dev/null", O_WRONLY);
-    dup2(devnull, 1);
-    dup2(devnull, 2);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) < 0) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 }  // namespace
 
 void SetEventTasks(const Json::Value& data, bool reply) {
@@ -290,22 +231,5 @@ void SetEventTasks(const Json::Value& data, bool reply) {
 }
 
 int EventListCalls() { return gEventCalls; }
-
-TestUser::TestUser() {
-  static std::atomic<int> counter{0};
-  name_ = "orvat" + std::to_string(getpid() % 100000) + "m" + std::to_string(counter++);
-  RunQuiet({"userdel", "-r", name_});
-  struct passwd* pw = RunQuiet({"useradd", "-M", "-s", "/bin/sh", name_}) == 0 ? getpwnam(name_.c_str()) : nullptr;
-  if (!pw) {
-    ADD_FAILURE() << "useradd " << name_ << " failed";
-    return;
-  }
-  uid_ = pw->pw_uid;
-  ok_ = true;
-}
-
-TestUser::~TestUser() {
-  if (ok_) RunQuiet({"userdel", name_});
-}
 
 }  // namespace tstest

@@ -15,6 +15,7 @@
 #include "lib.h"
 #include "scheduler/task.h"
 #include "webapi/webapi.h"
+#include "orvatest.h"
 
 extern "C" ORVA::APITableRow gTable[];
 
@@ -32,21 +33,16 @@ inline size_t LogCount() { return Logs().size(); }
 inline void ExpectOneLog(const std::string& needle) { EXPECT_EQ(LogsWith(needle).size(), 1u) << needle; }
 
 // ---- a private system root with configuration, an empty store and UI texts ----
-class TempRoot {
+class TempRoot : public orvatest::TempRoot {
  public:
   TempRoot();
-  ~TempRoot();
-  const std::string& Path() const { return path_; }
-  void WriteFile(const std::string& relative, const std::string& content) const;  // makes folders
+  void WriteFile(const std::string& relative, const std::string& content) const { Write(relative, content); }
   void WriteTexts(const std::string& lang, const std::string& json) const;
   // A 3rd-party app's own texts under namespace `nameSpace`.
   void WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& json) const;
-
- private:
-  std::string path_;
 };
 
-Json::Value Parse(const std::string& text);  // fails the test on bad JSON
+inline Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
 inline std::string IdParams(long id) { return "{\"id\": " + std::to_string(id) + "}"; }
 
 // ---- calls of the entry functions, in-process ----
@@ -101,20 +97,7 @@ int StoredCount();                      // every stored task
 void SetEventTasks(const Json::Value& data, bool reply = true);
 int EventListCalls();
 
-// ---- a user made with useradd, removed again by the destructor ----
-class TestUser {
- public:
-  TestUser();
-  ~TestUser();
-  const std::string& Name() const { return name_; }
-  unsigned Uid() const { return uid_; }
-  bool Ok() const { return ok_; }
-
- private:
-  std::string name_;
-  unsigned uid_ = 0;
-  bool ok_ = false;
-};
+using TestUser = orvatest::TestUser;
 
 // A handler of kind H around a request with `params`, for calling its operations directly.
 template <typename H>

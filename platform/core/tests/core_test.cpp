@@ -12,9 +12,11 @@
 #include "core/root.h"
 #include "core/share.h"
 #include "core/user.h"
-#include "temp_root.h"
+#include "orvatest.h"
 
 namespace {
+
+using orvatest::TempRoot;
 
 TEST(Root, MapsUnderTheRoot) {
   const struct {

@@ -11,9 +11,11 @@
 #include <thread>
 #include <vector>
 
-#include "temp_root.h"
+#include "orvatest.h"
 
 namespace {
+
+using orvatest::TempRoot;
 
 TEST(KelcError, PerThreadLastError) {
   KELCErrSetEx(KELC_ERR_PARSE, "main_file", 42);

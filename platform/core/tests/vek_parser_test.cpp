@@ -11,9 +11,11 @@
 #include <thread>
 #include <vector>
 
-#include "temp_root.h"
+#include "orvatest.h"
 
 namespace {
+
+using orvatest::TempRoot;
 
 using ORVA::VEK::JSConfigParser;
 using ORVA::VEK::LocalizedStringParser;

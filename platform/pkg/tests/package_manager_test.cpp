@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "../../core/tests/temp_root.h"
+#include "orvatest.h"
 #include "core/kelc.h"
 
 namespace {
+
+using orvatest::TempRoot;
 
 using ORVAPackageTool::PackageInfo;
 using ORVAPackageTool::PackageManager;

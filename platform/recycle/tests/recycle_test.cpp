@@ -14,11 +14,13 @@
 #include <thread>
 #include <vector>
 
-#include "../../core/tests/temp_root.h"
+#include "orvatest.h"
 #include "core/kelc.h"
 #include "core/share.h"
 
 namespace {
+
+using orvatest::TempRoot;
 
 const std::string kShares = "/etc/orva/shares.json";
 const std::string kSample = R"([
@@ -27,18 +29,8 @@ const std::string kSample = R"([
   {"name": "plain", "path": "/volume1/plain"}
 ])";
 
-// Strict parse: trailing bytes of a half-written file fail it too.
-Json::Value Parse(const std::string& text, bool* ok = nullptr) {
-  Json::CharReaderBuilder b;
-  b["failIfExtra"] = true;
-  Json::Value v;
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  bool parsed = r->parse(text.data(), text.data() + text.size(), &v, nullptr);
-  if (ok) {
-    *ok = parsed;
-  }
-  return v;
-}
+// Strict: trailing bytes of a half-written file fail the parse too.
+Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text, true); }
 
 std::vector<std::string> Names(const Json::Value& shares) {
   std::vector<std::string> names;
@@ -213,9 +205,7 @@ TEST(RecycleStatus, KilledWriterNeverLeavesAHalfWrittenFile) {
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
 
-    bool ok = false;
-    Json::Value v = Parse(root.Read(kShares), &ok);
-    ASSERT_TRUE(ok);
+    Json::Value v = Parse(root.Read(kShares));
     ASSERT_TRUE(v.isArray());
     ASSERT_EQ(v.size(), static_cast<Json::ArrayIndex>(kShareCount));
     for (int i = 0; i < kShareCount; ++i) {

@@ -19,11 +19,7 @@ class TaskctlTest : public ::testing::Test {
     args.insert(args.begin(), {ORVA_TASKCTL_PATH, "--root", temp_.path()});
     return orvatest::Spawn(args, temp_.path());
   }
-  static Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    std::istringstream(text) >> v;
-    return v;
-  }
+  static Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
   Json::Value Show(long id) {
     orvatest::Result r = Run({"show", std::to_string(id)});
     EXPECT_EQ(r.status, 0) << r.err;
