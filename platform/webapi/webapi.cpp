@@ -114,6 +114,15 @@ void APIResponse::SetError(int code, const Json::Value& data) {
   data_ = data;
 }
 
+void APIResponse::SetErrorMessage(int code, const std::string& msg, const char* param) {
+  Json::Value data(Json::objectValue);
+  data["msg"] = msg;
+  if (param) {
+    data["param"] = param;
+  }
+  SetError(code, data);
+}
+
 void APIResponse::SetSessionCookie(const std::string& id) {
   cookieSet_ = true;
   cookie_ = id;

@@ -79,6 +79,9 @@ class APIResponse {
   void SetSuccess(const Json::Value& data = Json::Value());
   // `data`: null, or an object whose members go beside "code" in the reply.
   void SetError(int code, const Json::Value& data = Json::Value());
+  // SetError with {"msg": msg} and, when given, "param": the parameter at fault (the
+  // platform modules' style).
+  void SetErrorMessage(int code, const std::string& msg, const char* param = nullptr);
 
   // How many times SetSuccess/SetError were called (a module must call exactly one, once).
   int GetReplyCount() const { return replies_; }

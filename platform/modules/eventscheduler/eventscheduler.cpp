@@ -27,15 +27,6 @@ enum {
   kErrStore = 6103,
 };
 
-void Fail(ORVA::APIResponse* resp, int code, const std::string& msg, const char* param = nullptr) {
-  Json::Value data(Json::objectValue);
-  data["msg"] = msg;
-  if (param) {
-    data["param"] = param;
-  }
-  resp->SetError(code, data);
-}
-
 // Store failures: the store's error code says which of ours it is.
 void FailStore(ORVA::APIResponse* resp, const char* what) {
   const int code = KELCErrGet();
@@ -43,17 +34,17 @@ void FailStore(ORVA::APIResponse* resp, const char* what) {
          KELCErrorGetLine());
   switch (code) {
     case ORVA_SCHED_ERR_NOT_FOUND:
-      Fail(resp, kErrNotFound, "no such event task", "id");
+      resp->SetErrorMessage(kErrNotFound, "no such event task", "id");
       break;
     case ORVA_SCHED_ERR_NO_USER:
-      Fail(resp, kErrNoUser, "the owner is not an existing user", "owner");
+      resp->SetErrorMessage(kErrNoUser, "the owner is not an existing user", "owner");
       break;
     case ORVA_SCHED_ERR_INVALID:
     case ORVA_SCHED_ERR_TOO_LONG:
-      Fail(resp, kErrParam, std::string(what) + ": a value was refused by the store");
+      resp->SetErrorMessage(kErrParam, std::string(what) + ": a value was refused by the store");
       break;
     default:
-      Fail(resp, kErrStore, std::string(what) + " failed");
+      resp->SetErrorMessage(kErrStore, std::string(what) + " failed");
       break;
   }
 }
@@ -90,7 +81,7 @@ bool ReadFields(ORVA::APIRequest* req, ORVA::APIResponse* resp, bool all, ORVASc
   for (const char* name : {"task_name", "owner", "enable", "event", "script"}) {
     if (!params.isMember(name)) {
       if (all) {
-        Fail(resp, kErrParam, std::string("\"") + name + "\" is required", name);
+        resp->SetErrorMessage(kErrParam, std::string("\"") + name + "\" is required", name);
         return false;
       }
       continue;
@@ -100,39 +91,39 @@ bool ReadFields(ORVA::APIRequest* req, ORVA::APIResponse* resp, bool all, ORVASc
     if (field == "task_name") {
       if (!v.isString() || v.asString().empty() || HasNul(v.asString()) ||
           v.asString().size() > ORVA_SCHED_NAME_MAX - 1) {
-        Fail(resp, kErrParam,
+        resp->SetErrorMessage(kErrParam,
              "\"task_name\" must be a text of 1 to " + std::to_string(ORVA_SCHED_NAME_MAX - 1) + " bytes", name);
         return false;
       }
       t.task_name = v.asString();
     } else if (field == "owner") {
       if (!v.isString() || v.asString().empty() || HasNul(v.asString())) {
-        Fail(resp, kErrParam, "\"owner\" must be a user name", name);
+        resp->SetErrorMessage(kErrParam, "\"owner\" must be a user name", name);
         return false;
       }
       PORVAUSER user = nullptr;
       if (ORVAUserGetByName(v.asCString(), &user) < 0 || !user) {
         ORVAUserFree(user);
-        Fail(resp, kErrNoUser, "no user named \"" + v.asString() + "\"", name);
+        resp->SetErrorMessage(kErrNoUser, "no user named \"" + v.asString() + "\"", name);
         return false;
       }
       t.owner = user->uid;
       ORVAUserFree(user);
     } else if (field == "enable") {
       if (!v.isBool()) {
-        Fail(resp, kErrParam, "\"enable\" must be true or false", name);
+        resp->SetErrorMessage(kErrParam, "\"enable\" must be true or false", name);
         return false;
       }
       t.enable = v.asBool();
     } else if (field == "event") {
       if (!v.isString() || (v.asString() != ORVA_SCHED_EVENT_BOOTUP && v.asString() != ORVA_SCHED_EVENT_SHUTDOWN)) {
-        Fail(resp, kErrParam, "\"event\" must be \"bootup\" or \"shutdown\"", name);
+        resp->SetErrorMessage(kErrParam, "\"event\" must be \"bootup\" or \"shutdown\"", name);
         return false;
       }
       t.event = v.asString();
     } else {
       if (!v.isString() || HasNul(v.asString()) || v.asString().size() > ORVA_SCHED_COMMAND_MAX - 1) {
-        Fail(resp, kErrParam,
+        resp->SetErrorMessage(kErrParam,
              "\"script\" must be a text of at most " + std::to_string(ORVA_SCHED_COMMAND_MAX - 1) + " bytes", name);
         return false;
       }
@@ -146,7 +137,7 @@ bool ReadFields(ORVA::APIRequest* req, ORVA::APIResponse* resp, bool all, ORVASc
 bool ReadId(ORVA::APIRequest* req, ORVA::APIResponse* resp, long& id) {
   const ORVA::APIParameter<int> p = req->GetAndCheckInt("id");
   if (!p.IsSet() || p.IsInvalid() || p.Get() <= 0) {
-    Fail(resp, kErrParam, "\"id\" must be a positive integer", "id");
+    resp->SetErrorMessage(kErrParam, "\"id\" must be a positive integer", "id");
     return false;
   }
   id = p.Get();
@@ -169,7 +160,7 @@ void List(ORVA::APIRequest*, ORVA::APIResponse* resp) {
 void Create(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   ORVASchedEventTask t;
   if (req->GetParam("").isMember("id")) {
-    Fail(resp, kErrParam, "\"create\" takes no \"id\"; use \"set\"", "id");
+    resp->SetErrorMessage(kErrParam, "\"create\" takes no \"id\"; use \"set\"", "id");
     return;
   }
   if (!ReadFields(req, resp, true, t)) {

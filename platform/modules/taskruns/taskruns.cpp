@@ -45,15 +45,6 @@ const char* const kScheduleKeys[][2] = {
     {"minute", "min"},
 };
 
-void Fail(ORVA::APIResponse* resp, int code, const std::string& msg, const char* param = nullptr) {
-  Json::Value data(Json::objectValue);
-  data["msg"] = msg;
-  if (param) {
-    data["param"] = param;
-  }
-  resp->SetError(code, data);
-}
-
 // Store failures: the store's error code says which of ours it is.
 void FailStore(ORVA::APIResponse* resp, const char* what) {
   const int code = KELCErrGet();
@@ -61,13 +52,13 @@ void FailStore(ORVA::APIResponse* resp, const char* what) {
          KELCErrorGetLine());
   switch (code) {
     case ORVA_SCHED_ERR_NOT_FOUND:
-      Fail(resp, kErrNotFound, "no such task or run");
+      resp->SetErrorMessage(kErrNotFound, "no such task or run");
       break;
     case ORVA_SCHED_ERR_NOT_RUNNING:
-      Fail(resp, kErrNotRunning, "the task is not running");
+      resp->SetErrorMessage(kErrNotRunning, "the task is not running");
       break;
     default:
-      Fail(resp, kErrStore, std::string(what) + " failed");
+      resp->SetErrorMessage(kErrStore, std::string(what) + " failed");
       break;
   }
 }
@@ -77,7 +68,7 @@ bool ReadPositive(ORVA::APIRequest* req, ORVA::APIResponse* resp, const char* na
   const Json::Value v = req->GetParam(name);
   const bool integer = v.type() == Json::intValue || v.type() == Json::uintValue;
   if (!integer || !v.isInt64() || v.asInt64() <= 0) {
-    Fail(resp, kErrParam, std::string("\"") + name + "\" must be a positive integer", name);
+    resp->SetErrorMessage(kErrParam, std::string("\"") + name + "\" must be a positive integer", name);
     return false;
   }
   out = v.asInt64();
@@ -157,14 +148,14 @@ void Get(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
 void Summary(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   const Json::Value ids = req->GetParam("ids");
   if (!ids.isArray() || ids.size() > kMaxSummaryIds) {
-    Fail(resp, kErrParam, "\"ids\" must be an array of at most " + std::to_string(kMaxSummaryIds) + " task ids",
+    resp->SetErrorMessage(kErrParam, "\"ids\" must be an array of at most " + std::to_string(kMaxSummaryIds) + " task ids",
          "ids");
     return;
   }
   std::vector<long> list;
   for (const Json::Value& v : ids) {
     if ((v.type() != Json::intValue && v.type() != Json::uintValue) || !v.isInt64()) {
-      Fail(resp, kErrParam, "\"ids\" must hold integers only", "ids");
+      resp->SetErrorMessage(kErrParam, "\"ids\" must hold integers only", "ids");
       return;
     }
     list.push_back(static_cast<long>(v.asInt64()));
@@ -187,7 +178,7 @@ void Stop(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   }
   // Stopping is allowed where running is (the task scheduler's "run" checks the same flag).
   if (!ORVASchedTaskIsCanRunFromUI(*task)) {
-    Fail(resp, kErrNotAllowed, "this task cannot be run or stopped from the UI", "id");
+    resp->SetErrorMessage(kErrNotAllowed, "this task cannot be run or stopped from the UI", "id");
     return;
   }
   int64_t runId = 0;
@@ -223,14 +214,14 @@ std::string Culprit(const Json::Value& schedule) {
 void Preview(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   Json::Value schedule = req->GetParam("schedule");
   if (!schedule.isObject()) {
-    Fail(resp, kErrParam, "\"schedule\" must be a schedule object", "schedule");
+    resp->SetErrorMessage(kErrParam, "\"schedule\" must be a schedule object", "schedule");
     return;
   }
   int count = kDefaultPreview;
   const ORVA::APIParameter<int> c = req->GetAndCheckInt("count", ORVA::PARAM_OPTIONAL);
   if (c.IsSet()) {
     if (c.IsInvalid() || c.Get() < 1 || c.Get() > kMaxPreview) {
-      Fail(resp, kErrParam, "\"count\" must be an integer from 1 to " + std::to_string(kMaxPreview), "count");
+      resp->SetErrorMessage(kErrParam, "\"count\" must be an integer from 1 to " + std::to_string(kMaxPreview), "count");
       return;
     }
     count = c.Get();
@@ -247,13 +238,13 @@ void Preview(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   Json::Value wrapped(Json::objectValue);
   wrapped["schedule"] = schedule;
   if (!task || !ORVASchedTaskConvertFromJson_Schedule(wrapped, *task)) {
-    Fail(resp, kErrParam, "\"schedule\" is not a valid schedule: " + Culprit(schedule), "schedule");
+    resp->SetErrorMessage(kErrParam, "\"schedule\" is not a valid schedule: " + Culprit(schedule), "schedule");
     return;
   }
   Json::Value data = Clock();
   std::vector<time_t> next;
   if (ORVASchedScheduleNextTriggers(task->schedule, time(nullptr), count, next) < 0) {
-    Fail(resp, kErrParam, "\"schedule\" is not a valid schedule", "schedule");
+    resp->SetErrorMessage(kErrParam, "\"schedule\" is not a valid schedule", "schedule");
     return;
   }
   data["next"] = Json::Value(Json::arrayValue);
