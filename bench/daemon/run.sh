@@ -12,18 +12,10 @@ tasks=${TASKS:-10000}
 for f in bin/orva-schedulerd bin/bench_daemon_runner bin/bench_daemon_spawn bin/bench_store_fill; do
   [ -x "$build/$f" ] || { echo "missing $build/$f: build orva-schedulerd bench_daemon_runner bench_daemon_spawn bench_store_fill"; exit 1; }
 done
-# Result rows ("ROW|ORDER|work|before|measured|goal|ok") go to fd 3 when bench/run.sh opened it.
-emit() {
-  local l
-  while IFS= read -r l; do
-    if [[ $l == ROW\|* ]] && { true >&3; } 2>/dev/null; then echo "$l" >&3; else echo "$l"; fi
-  done
-}
+source "$(dirname "$0")/../lib.sh"
 
 # tmpfs: the daemon only reads the store, and filling it should not wait on the disk.
-base=/dev/shm
-[ -d "$base" ] && [ -w "$base" ] || base=/tmp
-root=$(mktemp -d "$base/orva-bench-daemon-XXXXXX")
+root=$(scratch_dir daemon)
 pid=
 cleanup() {
   [ -n "$pid" ] && kill -TERM "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true

@@ -21,16 +21,9 @@ command -v wrk >/dev/null || { echo "wrk is not installed (scripts/setup.sh inst
 command -v curl >/dev/null || { echo "curl is not installed (scripts/setup.sh installs it)"; exit 1; }
 [ -x "$build/bin/bench_store_fill" ] || { echo "missing $build/bin/bench_store_fill"; exit 1; }
 
-emit() {
-  local l
-  while IFS= read -r l; do
-    if [[ $l == ROW\|* ]] && { true >&3; } 2>/dev/null; then echo "$l" >&3; else echo "$l"; fi
-  done
-}
+source "$here/../lib.sh"
 
-shm=/dev/shm
-[ -d "$shm" ] && [ -w "$shm" ] || shm=/tmp
-fill=$(mktemp -d "$shm/orva-bench-fill-XXXXXX")
+fill=$(scratch_dir fill)
 root=$(mktemp -d "$disk/orva-bench-server-XXXXXX")
 pid=
 stop_server() {
