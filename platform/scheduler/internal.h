@@ -123,7 +123,7 @@ void ListingFreeOne(ORVA_SCHED_TASK* t);
 void ListingFreeChain(ORVA_SCHED_TASK* t);
 
 // The columns a listing reads, and the row -> entry mapping (store.cpp).
-extern const char kListColumns[];
+extern const char* const kListColumns;
 // A listing's row into a side entry, and the slot's own fields (marker, owner).
 void RowToEntry(sqlite3_stmt* st, Listing* l, ListEntry& e, ORVA_SCHED_TASK& slot);
 // The fields a listing leaves in the store, of task `id`, into a full record
