@@ -12,8 +12,6 @@
 using orva_sched::Conn;
 using orva_sched::CopyText;
 using orva_sched::Stmt;
-using orva_sched::ListEntry;
-using orva_sched::Listing;
 
 namespace {
 
