@@ -2,13 +2,13 @@
 // and the record <-> row mapping.
 #pragma once
 
-#include <sqlite3.h>
 #include <syslog.h>
 
-#include <mutex>
 #include <string>
+#include <vector>
 
 #include "core/kelc.h"
+#include "core/sqlite_db.h"
 #include "scheduler/task.h"
 
 // Sets the error facility with this source file's short name and line.
@@ -16,63 +16,16 @@
 
 namespace orva_sched {
 
-// The process's connection, locked for the lifetime of this object. The connection is
-// opened on first use, reopened in a child after fork() (the parent's is left alone,
-// never closed from the child) and when the system root changes.
-class Conn {
+// The store's database in this process (core/sqlite_db.h).
+ORVA::SqlDb& Store();
+
+// The process's connection, locked for the lifetime of this object.
+class Conn : public ORVA::SqlConn {
  public:
-  Conn();
-  ~Conn();
-  Conn(const Conn&) = delete;
-  Conn& operator=(const Conn&) = delete;
-  // Null when the database could not be opened (error facility set, logged).
-  sqlite3* db() const { return db_; }
-  // BEGIN IMMEDIATE (write) or BEGIN (read); false with the error set.
-  bool Begin(bool write);
-  bool Commit();
-  void Rollback();
-
- private:
-  std::unique_lock<std::mutex> lock_;
-  sqlite3* db_ = nullptr;
-  bool inTxn_ = false;
+  Conn() : SqlConn(Store(), ORVASchedStoreDbPath()) {}
 };
+using Stmt = ORVA::SqlStmt;
 
-// A prepared statement. On the process's connection it is prepared once and reset on
-// destruction (held under the connection's lock); otherwise finalized.
-class Stmt {
- public:
-  Stmt(sqlite3* db, const char* sql);
-  ~Stmt();
-  Stmt(const Stmt&) = delete;
-  Stmt& operator=(const Stmt&) = delete;
-  bool ok() const { return stmt_ != nullptr; }
-  sqlite3_stmt* get() const { return stmt_; }
-  void Bind(int i, int64_t v) { sqlite3_bind_int64(stmt_, i, v); }
-  void Bind(int i, const char* text) { sqlite3_bind_text(stmt_, i, text, -1, SQLITE_TRANSIENT); }
-  void Bind(int i, const std::string& text) {
-    sqlite3_bind_text(stmt_, i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
-  }
-  void BindBlob(int i, const std::string& data) {
-    sqlite3_bind_blob(stmt_, i, data.data(), static_cast<int>(data.size()), SQLITE_TRANSIENT);
-  }
-  void BindNull(int i) { sqlite3_bind_null(stmt_, i); }
-  // SQLITE_ROW, SQLITE_DONE, or an error code (logged, error facility set).
-  int Step();
-  int64_t Int(int col) const { return sqlite3_column_int64(stmt_, col); }
-  bool IsNull(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
-  std::string Text(int col) const;
-
- private:
-  sqlite3* db_;
-  sqlite3_stmt* stmt_ = nullptr;
-  bool* cached_ = nullptr;  // the cache's "lent" flag when borrowed from it
-};
-
-// Logs an SQLite failure once and sets ORVA_SCHED_ERR_DATABASE.
-void DbFail(sqlite3* db, const char* what, int line);
-// Runs SQL without results; false (logged, error set) on failure.
-bool Exec(sqlite3* db, const char* sql);
 // Raises the store generation; call inside a write transaction.
 bool BumpGeneration(sqlite3* db);
 
@@ -170,7 +123,7 @@ void ListingFreeOne(ORVA_SCHED_TASK* t);
 void ListingFreeChain(ORVA_SCHED_TASK* t);
 
 // The columns a listing reads, and the row -> entry mapping (store.cpp).
-extern const char kListColumns[];
+extern const char* const kListColumns;
 // A listing's row into a side entry, and the slot's own fields (marker, owner).
 void RowToEntry(sqlite3_stmt* st, Listing* l, ListEntry& e, ORVA_SCHED_TASK& slot);
 // The fields a listing leaves in the store, of task `id`, into a full record

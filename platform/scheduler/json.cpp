@@ -11,6 +11,7 @@
 
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/task_fields.h"
 #include "scheduler/task_json.h"
 
 namespace {
@@ -171,24 +172,20 @@ bool ORVASchedTaskConvertToJson_Basic(const _tag_orva_sched_task_& t, Json::Valu
   if (!json.isNull() && !json.isObject()) return FAIL(ORVA_SCHED_ERR_INVALID, "basic: target is not an object");
   Json::Value b(Json::objectValue);
   const ORVA_SCHED_TASK& r = orva_sched::Full(t);
-  b["id"] = static_cast<Json::Int64>(r.id);
-  b["task_name"] = r.name;
-  b["owner"] = UserName(r.owner);
-  b["real_owner"] = r.marker == ORVA_SCHED_MARKER_BY_USER ? UserName(r.real_owner) : std::string();
-  b["enabled"] = r.enabled ? "on" : "off";
-  b["app"] = r.app;
-  b["app_name"] = r.app_name;
-  b["action"] = r.action;
-  b["can_edit_name"] = r.can_edit_name != 0;
-  b["can_edit_owner"] = r.can_edit_owner != 0;
-  b["can_edit_from_ui"] = r.can_edit_from_ui != 0;
-  b["can_delete_from_ui"] = r.can_delete_from_ui != 0;
-  b["can_run_from_ui"] = r.can_run_from_ui != 0;
-  b["edit_form"] = r.edit_form;
-  b["simple_edit_form"] = r.simple_edit_form != 0;
-  b["listable"] = r.listable != 0;
-  b["can_run_app_same_time"] = r.can_run_app_same_time != 0;
-  b["can_run_task_same_time"] = r.can_run_task_same_time != 0;
+#define BASIC(K, m, key, where, arg, get, set) BASIC_##K(key, ORVA_SCHED_FIELD(K, r, m))
+#define BASIC_ID(key, v) b[key] = static_cast<Json::Int64>(v);
+#define BASIC_UID(key, v) b[key] = UserName(v);
+#define BASIC_STATE(key, v) b[key] = (v) ? "on" : "off";
+#define BASIC_FLAG(key, v) b[key] = (v) != 0;
+#define BASIC_TEXT(key, v) \
+  if (*(key)) b[key] = (v);
+#define BASIC_MARKER(key, v)
+#define BASIC_S8 BASIC_MARKER
+#define BASIC_S16 BASIC_MARKER
+#define BASIC_LIST BASIC_MARKER
+  ORVA_SCHED_TASK_FIELDS(BASIC)
+  // A system task's real owner is nobody's.
+  if (r.marker != ORVA_SCHED_MARKER_BY_USER) b["real_owner"] = "";
   json["basic"] = b;
   return true;
 }

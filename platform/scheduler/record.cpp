@@ -14,6 +14,7 @@
 
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/task_fields.h"
 
 namespace orva_sched {
 
@@ -115,13 +116,17 @@ ORVA_SCHED_TASK* ORVASchedTaskAllocFast(void) {
     return nullptr;
   }
   task->id = -1;
-  task->enabled = 1;
-  task->listable = 1;
-  task->can_edit_from_ui = 1;
-  task->can_delete_from_ui = 1;
-  task->can_run_from_ui = 1;
-  task->can_edit_name = 1;
-  task->can_run_app_same_time = 1;
+#define FRESH(K, m, basic, where, arg, get, set) FRESH_##K(m, arg)
+#define FRESH_STATE(m, arg) task->m = (arg);
+#define FRESH_FLAG FRESH_STATE
+#define FRESH_ID(m, arg)
+#define FRESH_MARKER FRESH_ID
+#define FRESH_UID FRESH_ID
+#define FRESH_TEXT FRESH_ID
+#define FRESH_S8 FRESH_ID
+#define FRESH_S16 FRESH_ID
+#define FRESH_LIST FRESH_ID
+  ORVA_SCHED_TASK_FIELDS(FRESH)
   orva_sched::DefaultSchedule(task->schedule);
   return task;
 }

@@ -7,6 +7,7 @@
 
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/task_fields.h"
 
 using orva_sched::Conn;
 using orva_sched::CopyText;
@@ -14,13 +15,19 @@ using orva_sched::Stmt;
 
 namespace {
 
-const char kColumns[] =
-    "id, name, owner_uid, real_owner_uid, marker, enabled, listable, can_edit_from_ui,"
-    " can_delete_from_ui, can_run_from_ui, can_edit_name, can_edit_owner, simple_edit_form,"
-    " can_run_app_same_time, can_run_task_same_time, app, app_name, edit_form, action, command,"
-    " app_args, event, s_repeat, s_year, s_month, s_day, s_week_mask, s_hour, s_min,"
-    " s_repeat_hour, s_repeat_min, s_last_work_hour, s_repeat_min_cfg, s_repeat_hour_cfg";
-constexpr int kColumnCount = 34;
+// The columns of every field, of those a listing reads, and of those it leaves.
+#define COLUMN(K, m, basic, where, arg, get, set) ", " ORVA_SCHED_COLUMN(K, m)
+#define LIST_COLUMN(K, m, basic, where, arg, get, set) LIST_COLUMN_##where(K, m)
+#define LIST_COLUMN_LISTED(K, m) COLUMN(K, m, , , , , )
+#define LIST_COLUMN_SLOT(K, m) COLUMN(K, m, , , , , )
+#define LIST_COLUMN_STORE(K, m)
+#define UNLISTED_COLUMN(K, m, basic, where, arg, get, set) UNLISTED_COLUMN_##where(K, m)
+#define UNLISTED_COLUMN_LISTED(K, m)
+#define UNLISTED_COLUMN_SLOT(K, m)
+#define UNLISTED_COLUMN_STORE(K, m) COLUMN(K, m, , , , , )
+#define PLUS_ONE(...) +1
+constexpr const char* kColumns = ORVA_SCHED_TASK_FIELDS(COLUMN) + 2;
+constexpr int kColumnCount = 0 ORVA_SCHED_TASK_FIELDS(PLUS_ONE);
 
 struct FreeDeleter {
   void operator()(ORVA_SCHED_TASK* t) const { free(t); }
@@ -29,58 +36,83 @@ using TaskPtr = std::unique_ptr<ORVA_SCHED_TASK, FreeDeleter>;
 
 TaskPtr NewZeroed() { return TaskPtr(static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)))); }
 
+// A text field's size and name by its ORVA_SCHED_TRUNC_ bit.
+#define TEXT_SIZE(K, m, basic, where, arg, get, set) TEXT_SIZE_##K(m, arg)
+#define TEXT_SIZE_TEXT(m, arg) if (bit & (arg)) return sizeof(ORVA_SCHED_TASK::m);
+#define TEXT_NAME(K, m, basic, where, arg, get, set) TEXT_NAME_##K(m, arg)
+#define TEXT_NAME_TEXT(m, arg) if (bit & (arg)) return #m;
+#define TEXT_SIZE_ID(m, arg)
+#define TEXT_SIZE_MARKER(m, arg)
+#define TEXT_SIZE_UID(m, arg)
+#define TEXT_SIZE_STATE(m, arg)
+#define TEXT_SIZE_FLAG(m, arg)
+#define TEXT_SIZE_S8(m, arg)
+#define TEXT_SIZE_S16(m, arg)
+#define TEXT_SIZE_LIST(m, arg)
+#define TEXT_NAME_ID TEXT_SIZE_ID
+#define TEXT_NAME_MARKER TEXT_SIZE_MARKER
+#define TEXT_NAME_UID TEXT_SIZE_UID
+#define TEXT_NAME_STATE TEXT_SIZE_STATE
+#define TEXT_NAME_FLAG TEXT_SIZE_FLAG
+#define TEXT_NAME_S8 TEXT_SIZE_S8
+#define TEXT_NAME_S16 TEXT_SIZE_S16
+#define TEXT_NAME_LIST TEXT_SIZE_LIST
+size_t TextSize(uint32_t bit) {
+  ORVA_SCHED_TASK_FIELDS(TEXT_SIZE)
+  return 1;
+}
+const char* TruncatedField(uint32_t bit) {
+  ORVA_SCHED_TASK_FIELDS(TEXT_NAME)
+  return "?";
+}
+
 // A stored text longer than its field (edited by hand, or from a newer schema) is
 // loaded cut and marked, so that it can never be saved back cut.
-void ColumnText(const Stmt& st, int col, char* dst, size_t size, uint32_t bit, ORVA_SCHED_TASK* t) {
-  const void* p = sqlite3_column_blob(st.get(), col);
-  size_t n = static_cast<size_t>(sqlite3_column_bytes(st.get(), col));
+void ColumnText(sqlite3_stmt* st, int col, char* dst, size_t size, uint32_t bit, ORVA_SCHED_TASK* t) {
+  const void* p = sqlite3_column_blob(st, col);
+  size_t n = static_cast<size_t>(sqlite3_column_bytes(st, col));
   if (!CopyText(dst, size, p ? static_cast<const char*>(p) : "", p ? n : 0)) {
     t->truncated |= bit;
   }
 }
 
-uint8_t U8(const Stmt& st, int col) { return static_cast<uint8_t>(st.Int(col)); }
-
-void RowToTask(const Stmt& st, ORVA_SCHED_TASK* t) {
-  memset(t, 0, sizeof(*t));
+// Reads a row's columns in turn into fields, by the fields' types.
+struct IntReader {
+  sqlite3_stmt* st;
   int c = 0;
-  t->id = st.Int(c++);
-  ColumnText(st, c++, t->name, sizeof(t->name), ORVA_SCHED_TRUNC_NAME, t);
-  t->owner = static_cast<uint32_t>(st.Int(c++));
-  t->real_owner = static_cast<uint32_t>(st.Int(c++));
-  t->marker = st.Int(c++);
-  t->enabled = U8(st, c++);
-  t->listable = U8(st, c++);
-  t->can_edit_from_ui = U8(st, c++);
-  t->can_delete_from_ui = U8(st, c++);
-  t->can_run_from_ui = U8(st, c++);
-  t->can_edit_name = U8(st, c++);
-  t->can_edit_owner = U8(st, c++);
-  t->simple_edit_form = U8(st, c++);
-  t->can_run_app_same_time = U8(st, c++);
-  t->can_run_task_same_time = U8(st, c++);
-  ColumnText(st, c++, t->app, sizeof(t->app), ORVA_SCHED_TRUNC_APP, t);
-  ColumnText(st, c++, t->app_name, sizeof(t->app_name), ORVA_SCHED_TRUNC_APP_NAME, t);
-  ColumnText(st, c++, t->edit_form, sizeof(t->edit_form), ORVA_SCHED_TRUNC_EDIT_FORM, t);
-  ColumnText(st, c++, t->action, sizeof(t->action), ORVA_SCHED_TRUNC_ACTION, t);
-  ColumnText(st, c++, t->command, sizeof(t->command), ORVA_SCHED_TRUNC_COMMAND, t);
-  ColumnText(st, c++, t->app_args, sizeof(t->app_args), ORVA_SCHED_TRUNC_APP_ARGS, t);
-  ColumnText(st, c++, t->event, sizeof(t->event), ORVA_SCHED_TRUNC_EVENT, t);
-  ORVA_SCHED_SCHEDULE& s = t->schedule;
-  s.repeat = U8(st, c++);
-  s.year = static_cast<uint16_t>(st.Int(c++));
-  s.month = U8(st, c++);
-  s.day = U8(st, c++);
-  s.week_mask = U8(st, c++);
-  s.hour = U8(st, c++);
-  s.min = U8(st, c++);
-  s.repeat_hour = U8(st, c++);
-  s.repeat_min = U8(st, c++);
-  s.last_work_hour = U8(st, c++);
-  orva_sched::ParseByteList(st.Text(c++), s.repeat_min_cfg, s.n_repeat_min_cfg, ORVA_SCHED_REPEAT_CFG_MAX, 0, 255);
-  orva_sched::ParseByteList(st.Text(c++), s.repeat_hour_cfg, s.n_repeat_hour_cfg, ORVA_SCHED_REPEAT_CFG_MAX, 0,
-                            255);
-  t->saved = 1;
+  void operator()(int64_t& v, int) { v = sqlite3_column_int64(st, c++); }
+  void operator()(uint32_t& v, int) { v = static_cast<uint32_t>(sqlite3_column_int64(st, c++)); }
+  void operator()(uint16_t& v, int) { v = static_cast<uint16_t>(sqlite3_column_int64(st, c++)); }
+  void operator()(uint8_t& v, int) { v = static_cast<uint8_t>(sqlite3_column_int64(st, c++)); }
+};
+
+// ... into a record.
+struct RowReader : IntReader {
+  ORVA_SCHED_TASK& t;
+  using IntReader::operator();
+  template <size_t N>
+  void operator()(char (&v)[N], uint32_t bit) {
+    ColumnText(st, c++, v, N, bit, &t);
+  }
+  void operator()(uint8_t (&v)[ORVA_SCHED_REPEAT_CFG_MAX], uint8_t& n) {
+    const char* p = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
+    orva_sched::ParseByteList(p ? p : "", static_cast<size_t>(sqlite3_column_bytes(st, c)), v, n,
+                              ORVA_SCHED_REPEAT_CFG_MAX, 0, 255);
+    ++c;
+  }
+};
+
+#define READ(K, m, basic, where, arg, get, set) f(ORVA_SCHED_FIELD(K, t, m), ORVA_SCHED_FIELD_ARG(K, t, arg));
+#define READ_UNLISTED(K, m, basic, where, arg, get, set) READ_UNLISTED_##where(K, m, arg)
+#define READ_UNLISTED_LISTED(K, m, arg)
+#define READ_UNLISTED_SLOT(K, m, arg)
+#define READ_UNLISTED_STORE(K, m, arg) READ(K, m, , , arg, , )
+
+void RowToTask(const Stmt& st, ORVA_SCHED_TASK& t) {
+  memset(&t, 0, sizeof(t));
+  RowReader f{{st.get()}, t};
+  ORVA_SCHED_TASK_FIELDS(READ)
+  t.saved = 1;
 }
 
 }  // namespace
@@ -88,24 +120,9 @@ void RowToTask(const Stmt& st, ORVA_SCHED_TASK* t) {
 namespace orva_sched {
 
 // What a listing reads (ListEntry).
-const char kListColumns[] =
-    "id, name, owner_uid, real_owner_uid, marker, enabled, listable, can_edit_from_ui,"
-    " can_delete_from_ui, can_run_from_ui, app, app_name, action,"
-    " s_repeat, s_year, s_month, s_day, s_week_mask, s_hour, s_min,"
-    " s_repeat_hour, s_repeat_min, s_last_work_hour, s_repeat_min_cfg, s_repeat_hour_cfg";
+const char* const kListColumns = ORVA_SCHED_TASK_FIELDS(LIST_COLUMN) + 2;
 
 namespace {
-
-// A text of a listed row, cut to its field like ColumnText (and marked) when longer.
-const char* EntryText(sqlite3_stmt* st, int col, Listing* l, size_t size, uint32_t bit, ListEntry& e) {
-  const char* p = static_cast<const char*>(sqlite3_column_blob(st, col));
-  size_t n = p ? static_cast<size_t>(sqlite3_column_bytes(st, col)) : 0;
-  if (n >= size) {
-    n = size - 1;
-    e.truncated |= bit;
-  }
-  return ListingText(l, p, n);
-}
 
 // The interval lists of a listing: nearly every task has the defaults, so the last text
 // seen per column is parsed once.
@@ -131,57 +148,47 @@ void ByteList(sqlite3_stmt* st, int col, int which, uint8_t* v, uint8_t& n) {
   n = cache.n[which];
 }
 
+// ... into a listing's side entry: texts into the listing, cut to their field like
+// ColumnText (and marked) when longer.
+struct EntryReader : IntReader {
+  Listing* l;
+  ListEntry& e;
+  int lists = 0;
+  using IntReader::operator();
+  void operator()(const char*& v, uint32_t bit) {
+    const char* p = static_cast<const char*>(sqlite3_column_blob(st, c));
+    size_t n = p ? static_cast<size_t>(sqlite3_column_bytes(st, c)) : 0;
+    ++c;
+    if (n >= TextSize(bit)) {
+      n = TextSize(bit) - 1;
+      e.truncated |= bit;
+    }
+    v = ListingText(l, p, n);
+  }
+  void operator()(uint8_t (&v)[ORVA_SCHED_REPEAT_CFG_MAX], uint8_t& n) { ByteList(st, c++, lists++, v, n); }
+};
+
+#define READ_ENTRY(K, m, basic, where, arg, get, set) READ_ENTRY_##where(K, m, arg)
+#define READ_ENTRY_LISTED(K, m, arg) f(ORVA_SCHED_FIELD(K, e, m), ORVA_SCHED_FIELD_ARG(K, e, arg));
+#define READ_ENTRY_SLOT(K, m, arg) f(ORVA_SCHED_FIELD(K, slot, m), arg);
+#define READ_ENTRY_STORE(K, m, arg)
+
 }  // namespace
 
 void RowToEntry(sqlite3_stmt* st, Listing* l, ListEntry& e, ORVA_SCHED_TASK& slot) {
-  int c = 0;
-  auto u8 = [st](int col) { return static_cast<uint8_t>(sqlite3_column_int(st, col)); };
-  e.id = sqlite3_column_int64(st, c++);
-  e.name = EntryText(st, c++, l, ORVA_SCHED_NAME_MAX, ORVA_SCHED_TRUNC_NAME, e);
-  slot.owner = static_cast<uint32_t>(sqlite3_column_int64(st, c++));
-  e.real_owner = static_cast<uint32_t>(sqlite3_column_int64(st, c++));
-  slot.marker = sqlite3_column_int64(st, c++);
-  e.enabled = u8(c++);
-  e.listable = u8(c++);
-  e.can_edit_from_ui = u8(c++);
-  e.can_delete_from_ui = u8(c++);
-  e.can_run_from_ui = u8(c++);
-  e.app = EntryText(st, c++, l, ORVA_SCHED_APP_MAX, ORVA_SCHED_TRUNC_APP, e);
-  e.app_name = EntryText(st, c++, l, ORVA_SCHED_APP_NAME_MAX, ORVA_SCHED_TRUNC_APP_NAME, e);
-  e.action = EntryText(st, c++, l, ORVA_SCHED_ACTION_MAX, ORVA_SCHED_TRUNC_ACTION, e);
-  ORVA_SCHED_SCHEDULE& s = e.schedule;
-  s.repeat = u8(c++);
-  s.year = static_cast<uint16_t>(sqlite3_column_int(st, c++));
-  s.month = u8(c++);
-  s.day = u8(c++);
-  s.week_mask = u8(c++);
-  s.hour = u8(c++);
-  s.min = u8(c++);
-  s.repeat_hour = u8(c++);
-  s.repeat_min = u8(c++);
-  s.last_work_hour = u8(c++);
-  ByteList(st, c++, 0, s.repeat_min_cfg, s.n_repeat_min_cfg);
-  ByteList(st, c++, 1, s.repeat_hour_cfg, s.n_repeat_hour_cfg);
+  EntryReader f{{st}, l, e};
+  ORVA_SCHED_TASK_FIELDS(READ_ENTRY)
   e.saved = 1;
 }
 
 bool ReadUnlisted(sqlite3* db, int64_t id, ORVA_SCHED_TASK& t) {
-  Stmt st(db,
-          "SELECT command, app_args, edit_form, event, can_edit_name, can_edit_owner, simple_edit_form,"
-          " can_run_app_same_time, can_run_task_same_time FROM tasks WHERE id = ?");
+  Stmt st(db, (std::string("SELECT ") + (ORVA_SCHED_TASK_FIELDS(UNLISTED_COLUMN) + 2) + " FROM tasks WHERE id = ?")
+                  .c_str());
   if (!st.ok()) return false;
   st.Bind(1, id);
   if (st.Step() != SQLITE_ROW) return false;
-  int c = 0;
-  ColumnText(st, c++, t.command, sizeof(t.command), ORVA_SCHED_TRUNC_COMMAND, &t);
-  ColumnText(st, c++, t.app_args, sizeof(t.app_args), ORVA_SCHED_TRUNC_APP_ARGS, &t);
-  ColumnText(st, c++, t.edit_form, sizeof(t.edit_form), ORVA_SCHED_TRUNC_EDIT_FORM, &t);
-  ColumnText(st, c++, t.event, sizeof(t.event), ORVA_SCHED_TRUNC_EVENT, &t);
-  t.can_edit_name = U8(st, c++);
-  t.can_edit_owner = U8(st, c++);
-  t.simple_edit_form = U8(st, c++);
-  t.can_run_app_same_time = U8(st, c++);
-  t.can_run_task_same_time = U8(st, c++);
+  RowReader f{{st.get()}, t};
+  ORVA_SCHED_TASK_FIELDS(READ_UNLISTED)
   return true;
 }
 
@@ -189,46 +196,20 @@ bool ReadUnlisted(sqlite3* db, int64_t id, ORVA_SCHED_TASK& t) {
 
 namespace {
 
+// Binds every field in column order; the id NULL when the record asks for a new one.
+#define BIND(K, m, basic, where, arg, get, set) BIND_##K(ORVA_SCHED_FIELD(K, t, m), ORVA_SCHED_FIELD_ARG(K, t, arg))
+#define BIND_ID(v, arg) (v) > 0 ? st.Bind(c++, static_cast<int64_t>(v)) : st.BindNull(c++);
+#define BIND_MARKER(v, arg) st.Bind(c++, static_cast<int64_t>(v));
+#define BIND_UID BIND_MARKER
+#define BIND_S8 BIND_MARKER
+#define BIND_S16 BIND_MARKER
+#define BIND_STATE(v, arg) st.Bind(c++, int64_t{(v) ? 1 : 0});
+#define BIND_FLAG BIND_STATE
+#define BIND_TEXT(v, arg) st.Bind(c++, static_cast<const char*>(v));
+#define BIND_LIST(v, arg) st.Bind(c++, orva_sched::FormatByteList((v), (arg)));
 void BindTask(Stmt& st, const ORVA_SCHED_TASK& t) {
   int c = 1;
-  if (t.id > 0) {
-    st.Bind(c++, static_cast<int64_t>(t.id));
-  } else {
-    st.BindNull(c++);
-  }
-  st.Bind(c++, t.name);
-  st.Bind(c++, static_cast<int64_t>(t.owner));
-  st.Bind(c++, static_cast<int64_t>(t.real_owner));
-  st.Bind(c++, t.marker);
-  for (uint8_t flag : {t.enabled, t.listable, t.can_edit_from_ui, t.can_delete_from_ui, t.can_run_from_ui,
-                       t.can_edit_name, t.can_edit_owner, t.simple_edit_form, t.can_run_app_same_time,
-                       t.can_run_task_same_time}) {
-    st.Bind(c++, static_cast<int64_t>(flag ? 1 : 0));
-  }
-  for (const char* text : {t.app, t.app_name, t.edit_form, t.action, t.command, t.app_args, t.event}) {
-    st.Bind(c++, text);
-  }
-  const ORVA_SCHED_SCHEDULE& s = t.schedule;
-  for (int64_t v : {int64_t{s.repeat}, int64_t{s.year}, int64_t{s.month}, int64_t{s.day}, int64_t{s.week_mask},
-                    int64_t{s.hour}, int64_t{s.min}, int64_t{s.repeat_hour}, int64_t{s.repeat_min},
-                    int64_t{s.last_work_hour}}) {
-    st.Bind(c++, v);
-  }
-  st.Bind(c++, orva_sched::FormatByteList(s.repeat_min_cfg, s.n_repeat_min_cfg));
-  st.Bind(c++, orva_sched::FormatByteList(s.repeat_hour_cfg, s.n_repeat_hour_cfg));
-}
-
-const char* TruncatedField(uint32_t bits) {
-  static const std::pair<uint32_t, const char*> kNames[] = {
-      {ORVA_SCHED_TRUNC_NAME, "name"},         {ORVA_SCHED_TRUNC_APP, "app"},
-      {ORVA_SCHED_TRUNC_APP_NAME, "app_name"}, {ORVA_SCHED_TRUNC_EDIT_FORM, "edit_form"},
-      {ORVA_SCHED_TRUNC_ACTION, "action"},     {ORVA_SCHED_TRUNC_COMMAND, "command"},
-      {ORVA_SCHED_TRUNC_APP_ARGS, "app_args"}, {ORVA_SCHED_TRUNC_EVENT, "event"},
-  };
-  for (const auto& n : kNames) {
-    if (bits & n.first) return n.second;
-  }
-  return "?";
+  ORVA_SCHED_TASK_FIELDS(BIND)
 }
 
 // Checks a record before it is written: nothing cut, a sane schedule, and a user's
@@ -287,7 +268,7 @@ int orva_sched::ReadTask(sqlite3* db, long id, ORVA_SCHED_TASK* out) {
     return 0;
   }
   if (rc != SQLITE_ROW) return -1;
-  RowToTask(st, out);
+  RowToTask(st, *out);
   return 1;
 }
 

@@ -13,6 +13,7 @@
 #include "core/root.h"
 #include "core/user.h"
 #include "scheduler/task.h"
+#include "scheduler/task_fields.h"
 #include "scheduler/task_json.h"
 
 namespace {
@@ -73,36 +74,27 @@ std::string OneLine(const Json::Value& v) {
   return Json::writeString(w, v);
 }
 
+// Every field of the record under its member's name (uids under their column's), with
+// the owners' names and the schedule object.
 Json::Value ToJson(const ORVA_SCHED_TASK& t) {
   Json::Value o(Json::objectValue);
-  o["id"] = static_cast<Json::Int64>(ORVASchedTaskGetID(t));
-  o["name"] = ORVASchedTaskGetName(t);
-  o["app"] = ORVASchedTaskGetApp(t);
-  o["app_name"] = ORVASchedTaskGetAppName(t);
-  o["action"] = ORVASchedTaskGetAction(t);
-  o["command"] = ORVASchedTaskGetCommand(t);
-  o["app_args"] = ORVASchedTaskGetAppArgs(t);
-  o["edit_form"] = ORVASchedTaskGetEditForm(t);
-  o["event"] = ORVASchedTaskGetEvent(t);
+#define SHOW(K, m, basic, where, arg, get, set) SHOW_##K(m, get)
+#define SHOW_ID(m, get) o[#m] = static_cast<Json::Int64>(get(t));
+#define SHOW_MARKER SHOW_ID
+#define SHOW_UID(m, get) o[ORVA_SCHED_COLUMN(UID, m)] = get(t);
+#define SHOW_STATE(m, get) o[#m] = get(t);
+#define SHOW_FLAG SHOW_STATE
+#define SHOW_TEXT SHOW_STATE
+#define SHOW_S8(m, get)
+#define SHOW_S16 SHOW_S8
+#define SHOW_LIST SHOW_S8
+  ORVA_SCHED_TASK_FIELDS(SHOW)
   o["owner"] = UserName(ORVASchedTaskGetOwner(t));
   bool byUser = ORVASchedTaskGetMarker(t) == ORVA_SCHED_MARKER_BY_USER;
   o["real_owner"] = byUser ? Json::Value(UserName(ORVASchedTaskGetRealOwner(t))) : Json::Value();
-  o["enabled"] = ORVASchedTaskIsEnabled(t);
-  o["listable"] = ORVASchedTaskIsListable(t);
-  o["can_edit_from_ui"] = ORVASchedTaskIsCanEditFromUI(t);
-  o["can_delete_from_ui"] = ORVASchedTaskIsCanDeleteFromUI(t);
-  o["can_run_from_ui"] = ORVASchedTaskIsCanRunFromUI(t);
-  o["can_edit_name"] = ORVASchedTaskIsCanEditName(t);
-  o["can_edit_owner"] = ORVASchedTaskIsCanEditOwner(t);
-  o["simple_edit_form"] = ORVASchedTaskIsSimpleEditForm(t);
-  o["can_run_app_same_time"] = ORVASchedTaskIsCanRunAppSameTime(t);
-  o["can_run_task_same_time"] = ORVASchedTaskIsCanRunTaskSameTime(t);
   Json::Value sched;
   ORVASchedTaskConvertToJson_Schedule(t, sched);
   o["schedule"] = sched["schedule"];
-  o["marker"] = static_cast<Json::Int64>(ORVASchedTaskGetMarker(t));
-  o["owner_uid"] = ORVASchedTaskGetOwner(t);
-  o["real_owner_uid"] = ORVASchedTaskGetRealOwner(t);
   o["next_trigger_time"] = ORVASchedTaskGetNextTriggerTime(t);
   return o;
 }
@@ -119,35 +111,32 @@ int Add(const char* text) {
   if (!reader->parse(text, text + strlen(text), &in, &errs) || !in.isObject()) {
     return Error("the task must be a JSON object");
   }
+#define ROW(K, m, basic, where, arg, get, set) ROW_##K(m, arg, set)
+#define ROW_TEXT(m, arg, set) {#m, set, arg, sizeof(ORVA_SCHED_TASK::m)},
+#define ROW_ID(m, arg, set)
+#define ROW_MARKER ROW_ID
+#define ROW_UID ROW_ID
+#define ROW_STATE ROW_ID
+#define ROW_FLAG ROW_ID
+#define ROW_S8 ROW_ID
+#define ROW_S16 ROW_ID
+#define ROW_LIST ROW_ID
   static const struct {
     const char* key;
     TextSetter set;
     uint32_t bit;
     size_t max;
-  } kTexts[] = {
-      {"name", ORVASchedCTaskSetName, ORVA_SCHED_TRUNC_NAME, ORVA_SCHED_NAME_MAX},
-      {"app", ORVASchedCTaskSetApp, ORVA_SCHED_TRUNC_APP, ORVA_SCHED_APP_MAX},
-      {"app_name", ORVASchedCTaskSetAppName, ORVA_SCHED_TRUNC_APP_NAME, ORVA_SCHED_APP_NAME_MAX},
-      {"action", ORVASchedCTaskSetAction, ORVA_SCHED_TRUNC_ACTION, ORVA_SCHED_ACTION_MAX},
-      {"command", ORVASchedCTaskSetCommand, ORVA_SCHED_TRUNC_COMMAND, ORVA_SCHED_COMMAND_MAX},
-      {"app_args", ORVASchedCTaskSetAppArgs, ORVA_SCHED_TRUNC_APP_ARGS, ORVA_SCHED_APP_ARGS_MAX},
-      {"edit_form", ORVASchedCTaskSetEditForm, ORVA_SCHED_TRUNC_EDIT_FORM, ORVA_SCHED_EDIT_FORM_MAX},
-      {"event", ORVASchedCTaskSetEvent, ORVA_SCHED_TRUNC_EVENT, ORVA_SCHED_EVENT_MAX},
-  };
+  } kTexts[] = {ORVA_SCHED_TASK_FIELDS(ROW)};
+#undef ROW_TEXT
+#undef ROW_STATE
+#undef ROW_FLAG
+#define ROW_TEXT ROW_ID
+#define ROW_STATE(m, arg, set) {#m, [](ORVA_SCHED_TASK* t, int v) { set(t, v); }},
+#define ROW_FLAG ROW_STATE
   static const struct {
     const char* key;
     FlagSetter set;
-  } kFlags[] = {
-      {"listable", ORVASchedCTaskSetListable},
-      {"can_edit_from_ui", ORVASchedCTaskSetCanEditFromUI},
-      {"can_delete_from_ui", ORVASchedCTaskSetCanDeleteFromUI},
-      {"can_run_from_ui", ORVASchedCTaskSetCanRunFromUI},
-      {"can_edit_name", ORVASchedCTaskSetCanEditName},
-      {"can_edit_owner", ORVASchedCTaskSetCanEditOwner},
-      {"simple_edit_form", ORVASchedCTaskSetSimpleEditForm},
-      {"can_run_app_same_time", ORVASchedCTaskSetCanRunAppSameTime},
-      {"can_run_task_same_time", ORVASchedCTaskSetCanRunTaskSameTime},
-  };
+  } kFlags[] = {ORVA_SCHED_TASK_FIELDS(ROW)};
   TaskPtr task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
   if (!task) return Error("out of memory");
   ORVA_SCHED_TASK* t = task.get();
@@ -172,10 +161,7 @@ int Add(const char* text) {
       f.set(t, v.asBool());
     }
     if (known) continue;
-    if (key == "enabled") {
-      if (!v.isBool()) return Error("\"enabled\" must be true or false");
-      ORVASchedCTaskSetState(t, v.asBool());
-    } else if (key == "id") {
+    if (key == "id") {
       if (!v.isInt64() || v.asInt64() <= 0) return Error("\"id\" must be a positive integer");
       ORVASchedCTaskSetID(t, static_cast<long>(v.asInt64()));
     } else if (key == "owner" || key == "real_owner") {

@@ -2,8 +2,6 @@
 // process through one SQLite database, var/lib/orva/sessions.db.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <string>
 #include <vector>
 
@@ -48,10 +46,6 @@ class SessionStore {
   ~SessionStore();
 
  private:
-  bool Open();
-  void Close();
-  sqlite3* db_ = nullptr;
-  pid_t pid_ = 0;
   int idle_ = -1;
 };
 

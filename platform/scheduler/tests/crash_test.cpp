@@ -16,23 +16,6 @@
 using orva_test::Task;
 using orva_test::TempRoot;
 
-namespace {
-
-std::string IntegrityCheck(const std::string& path) { return orva_test::QueryOne(path, "PRAGMA integrity_check"); }
-
-bool ReadFull(int fd, void* buf, size_t n) {
-  char* p = static_cast<char*>(buf);
-  while (n > 0) {
-    ssize_t r = read(fd, p, n);
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
-  }
-  return true;
-}
-
-}  // namespace
-
 TEST(SchedCrash, KilledWriterLosesNoAcknowledgedSave) {
   TempRoot root;
   std::mt19937 rng(static_cast<unsigned>(getpid()));
@@ -62,11 +45,11 @@ TEST(SchedCrash, KilledWriterLosesNoAcknowledgedSave) {
     ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped on its own: " << status;
     long id;
     size_t before = acked.size();
-    while (ReadFull(pfd[0], &id, sizeof(id))) acked.push_back(id);
+    while (read(pfd[0], &id, sizeof(id)) == sizeof(id)) acked.push_back(id);  // atomic pipe writes
     close(pfd[0]);
     EXPECT_GT(acked.size(), before) << "round " << round << " saved nothing";
 
-    ASSERT_EQ(IntegrityCheck(ORVASchedStoreDbPath()), "ok");
+    ASSERT_EQ(orva_test::QueryOne(ORVASchedStoreDbPath(), "PRAGMA integrity_check"), "ok");
     for (size_t i = before; i < acked.size(); ++i) {
       Task back;
       ASSERT_EQ(ORVASchedTaskLoad(acked[i], back.t), 0) << "lost acknowledged task " << acked[i];
@@ -120,5 +103,5 @@ TEST(SchedCrash, TwoWritersLoseNothing) {
       EXPECT_EQ(names.count("w" + std::to_string(w) + "-" + std::to_string(i)), i % 10 == 0 ? 0u : 1u);
     }
   }
-  EXPECT_EQ(IntegrityCheck(ORVASchedStoreDbPath()), "ok");
+  EXPECT_EQ(orva_test::QueryOne(ORVASchedStoreDbPath(), "PRAGMA integrity_check"), "ok");
 }

@@ -118,6 +118,4 @@ inline void WaitForRunners(const std::string& root) {
   if (!WaitFor([&] { return !AnyProcessMentions(root); }, 300)) ADD_FAILURE() << "runners still alive for " << root;
 }
 
-inline std::string Repeat(char c, size_t n) { return std::string(n, c); }
-
 }  // namespace orva_test
