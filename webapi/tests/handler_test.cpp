@@ -4,25 +4,21 @@
 #include "ORVA.Core.TaskScheduler.Beep.h"
 #include "test_support.h"
 
+using namespace orvatest;
+
 namespace {
 
-using tstest::Call;
-using tstest::Create;
-using tstest::IdParams;
-using tstest::Parse;
-using tstest::Record;
-using tstest::TaskObject;
 
 TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   root.WriteTexts("en", R"({"volume": {"beep_on": "Beep for"}, "common": {"time_seconds": "seconds"}})");
   Json::Value params = TaskObject("beep", Parse(R"({"beep_duration": 10})"), "buzz");
   params["schedule"] = Parse(R"({"repeat_date": "weekly", "week_day": "1,3", "hour": 7, "minute": 45})");
-  tstest::Reply created = Call(2, "create", params);
+  Reply created = Call(2, "create", params);
   ASSERT_TRUE(created.success) << created.envelope;
   const long id = created.data["id"].asInt64();
 
-  tstest::Reply got = Call(2, "get", IdParams(id));
+  Reply got = Call(2, "get", IdParams(id));
   ASSERT_TRUE(got.success) << got.envelope;
   Json::Value t = got.data;
   EXPECT_EQ(t["schedule"]["week_day"], "1,3");
@@ -42,7 +38,7 @@ TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
   t["enable"] = false;
   t["name"] = "second";
   t["extra"]["beep_duration"] = 20;
-  tstest::Reply set = Call(2, "set", t);
+  Reply set = Call(2, "set", t);
   ASSERT_TRUE(set.success) << set.envelope;
   EXPECT_EQ(set.data, Parse(IdParams(id)));
   got = Call(2, "get", IdParams(id));
@@ -54,22 +50,22 @@ TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
 }
 
 TEST(ModuleHandler, VersionOneNeitherShowsNorSetsMinuteAndHourRepetition) {
-  tstest::TempRoot root;
-  const _tag_orva_sched_task_ fresh = tstest::FreshRecord();
+  ModuleRoot root;
+  const _tag_orva_sched_task_ fresh = FreshRecord();
   for (int version : {1, 2, 3}) {
     SCOPED_TRACE(version);
     Json::Value params = TaskObject("script", Parse(R"({"script": "true"})"));
     params["schedule"]["repeat_min"] = 15;
     params["schedule"]["repeat_min_store_config"] = Parse("[5, 15]");
     params["schedule"]["repeat_hour_store_config"] = Parse("[2]");
-    tstest::Reply created = Call(version, "create", params);
+    Reply created = Call(version, "create", params);
     ASSERT_TRUE(created.success) << created.envelope;
     const long id = created.data["id"].asInt64();
     const bool v1 = version == 1;
     EXPECT_EQ(Record(id).schedule.repeat_min, v1 ? 0 : 15);
     EXPECT_EQ(Record(id).schedule.n_repeat_min_cfg, v1 ? fresh.schedule.n_repeat_min_cfg : 2);
     EXPECT_EQ(Record(id).schedule.n_repeat_hour_cfg, v1 ? fresh.schedule.n_repeat_hour_cfg : 1);
-    tstest::Reply got = Call(version, "get", IdParams(id));
+    Reply got = Call(version, "get", IdParams(id));
     ASSERT_TRUE(got.success);
     for (const char* key : {"repeat_min", "repeat_min_store_config", "repeat_hour_store_config"}) {
       EXPECT_EQ(got.data["schedule"].isMember(key), !v1) << key;
@@ -87,13 +83,13 @@ TEST(ModuleHandler, VersionOneNeitherShowsNorSetsMinuteAndHourRepetition) {
 // A "type" in the request chooses the handler and is echoed; other apps' tasks are read
 // and saved in their common part only.
 TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const long beep = Create("beep", Parse(R"({"beep_duration": 10})"));
   for (const char* type : {"report", "custom", "backup", "power", "zemupdate", "beep"}) {
     SCOPED_TRACE(type);
     Json::Value params = Parse(IdParams(beep));
     params["type"] = type;
-    tstest::Reply got = Call(2, "get", params);
+    Reply got = Call(2, "get", params);
     ASSERT_TRUE(got.success) << got.envelope;
     EXPECT_EQ(got.data["type"], type);
     EXPECT_EQ(got.data["extra"], std::string(type) == "beep" ? Parse(R"({"beep_duration": 10})") : Json::Value());
@@ -108,8 +104,8 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
   };
   for (const auto& [app, key] : apps) {
     SCOPED_TRACE(app);
-    const long id = tstest::AddTask({.app = app, .command = "/bin/echo keep", .appArgs = "{\"own\": 1}"});
-    tstest::Reply got = Call(2, "get", IdParams(id));
+    const long id = AddTask({.app = app, .command = "/bin/echo keep", .appArgs = "{\"own\": 1}"});
+    Reply got = Call(2, "get", IdParams(id));
     ASSERT_TRUE(got.success);
     EXPECT_EQ(got.data["type"], key);
     EXPECT_TRUE(got.data["extra"].isNull());
@@ -117,7 +113,7 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
     Json::Value params = got.data;
     params["name"] = "renamed";
     params["enable"] = false;
-    tstest::Reply set = Call(2, "set", params);
+    Reply set = Call(2, "set", params);
     ASSERT_TRUE(set.success) << set.envelope;
     EXPECT_EQ(set.data, Parse(IdParams(id)));
     const _tag_orva_sched_task_ r = Record(id);
@@ -127,8 +123,8 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
 }
 
 TEST(ModuleHandler, EntryParameterAndTypeErrors) {
-  tstest::TempRoot root;
-  const std::string ofEvent = IdParams(tstest::AddTask({.app = "ORVA.VEK.EventScheduler.Script"}));
+  ModuleRoot root;
+  const std::string ofEvent = IdParams(AddTask({.app = "ORVA.VEK.EventScheduler.Script"}));
   const struct {
     int version;
     const char* method;
@@ -157,25 +153,25 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " v" + std::to_string(c.version) + " " + c.params);
-    tstest::ClearLogs();
-    tstest::Reply reply = Call(c.version, c.method, c.params);
+    ClearLogs();
+    Reply reply = Call(c.version, c.method, c.params);
     EXPECT_EQ(reply.replies, 1);
     EXPECT_FALSE(reply.success);
     EXPECT_EQ(reply.code, c.code);
     EXPECT_TRUE(reply.data.isNull()) << reply.data;
     if (c.log) {
-      auto lines = tstest::LogsWith(c.log);
+      auto lines = LogsWith(c.log);
       ASSERT_EQ(lines.size(), 1u);
       EXPECT_EQ(lines[0].priority, LOG_ERR);
       EXPECT_EQ(lines[0].text.rfind("main:", 0), 0u) << lines[0].text;
       EXPECT_EQ(lines[0].text.substr(lines[0].text.size() - strlen(c.log)), c.log);
     }
   }
-  EXPECT_EQ(tstest::StoredCount(), 1);  // none of them created anything
+  EXPECT_EQ(StoredCount(), 1);  // none of them created anything
 }
 
 TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const struct {
     const char* params;
     int version;
@@ -195,31 +191,31 @@ TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " " + c.params);
-    tstest::ClearLogs();
-    tstest::Direct<TaskSchedulerBasicHandler> d(Parse(c.params), c.version, "get");
+    ClearLogs();
+    Direct<TaskSchedulerBasicHandler> d(Parse(c.params), c.version, "get");
     d.handler.Process(c.method, c.version);
     EXPECT_EQ(d.response.GetReplyCount(), 1);
     EXPECT_FALSE(d.response.IsSuccess());
     EXPECT_EQ(d.response.GetErrorCode(), c.code);
     EXPECT_EQ(d.response.GetData(), Parse(c.data));
     if (!c.log) {
-      EXPECT_EQ(tstest::LogCount(), 0u);
+      EXPECT_EQ(LogCount(), 0u);
       continue;
     }
-    auto lines = tstest::LogsWith(c.log);
+    auto lines = LogsWith(c.log);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].text.find(" Load Task failed [-][4242]"), std::string::npos) << lines[0].text;
   }
   // Set without an id creates a new task.
-  tstest::Direct<TaskSchedulerBeepHandler> d(TaskObject("beep", Parse(R"({"beep_duration": 5})")), 2, "set");
+  Direct<TaskSchedulerBeepHandler> d(TaskObject("beep", Parse(R"({"beep_duration": 5})")), 2, "set");
   d.handler.Process_v2("set");
   ASSERT_TRUE(d.response.IsSuccess()) << d.response.GetEnvelope();
   EXPECT_STREQ(Record(d.response.GetData()["id"].asInt64()).command, "/usr/orva/bin/orvaschedtool --beep 5");
 }
 
 TEST(ModuleHandler, BasicAndScheduleObjectsAreReshapedBothWays) {
-  tstest::TempRoot root;
-  tstest::Direct<TaskSchedulerBasicHandler> d;
+  ModuleRoot root;
+  Direct<TaskSchedulerBasicHandler> d;
   for (const auto& [enabled, enable] : {std::pair<const char*, bool>{"\"on\"", true}, {"\"ON\"", true},
                                         {"\"On\"", true}, {"\"off\"", false}, {"\"yes\"", false}, {"null", false}}) {
     SCOPED_TRACE(enabled);
@@ -261,7 +257,7 @@ TEST(ModuleHandler, BasicAndScheduleObjectsAreReshapedBothWays) {
 }
 
 TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const long id = Create("beep", Parse(R"({"beep_duration": 4})"));
   const char* basic = "Convert task from json (basic) failed. [0x";
   const char* schedule = "Convert task from json (schedule) failed. [0x";
@@ -277,16 +273,16 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.changes);
-    tstest::ClearLogs();
+    ClearLogs();
     Json::Value params = TaskObject("beep", Parse(R"({"beep_duration": 9})"));
     params["id"] = static_cast<Json::Int64>(id);
     const Json::Value changes = Parse(c.changes);
     for (const std::string& key : changes.getMemberNames()) params[key] = changes[key];
-    tstest::Reply set = Call(2, "set", params);
+    Reply set = Call(2, "set", params);
     EXPECT_FALSE(set.success);
     EXPECT_EQ(set.code, 117);
     EXPECT_EQ(set.data["msg"], c.msg);
-    auto lines = tstest::LogsWith("ORVA.Core.TaskScheduler.Basic:");
+    auto lines = LogsWith("ORVA.Core.TaskScheduler.Basic:");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].text.find(c.log), std::string::npos) << lines[0].text;
     EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 4");
@@ -294,10 +290,10 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
 }
 
 TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   Json::Value params = TaskObject("script", Parse(R"({"script": "echo 77"})"));
   params["id"] = 77;
-  tstest::Reply created = Call(2, "create", params);
+  Reply created = Call(2, "create", params);
   ASSERT_TRUE(created.success) << created.envelope;
   EXPECT_EQ(created.data, Parse(R"({"id": 77})"));
   EXPECT_STREQ(Record(77).command, "echo 77");
@@ -307,10 +303,10 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
     params["id"] = Parse(id);
     EXPECT_EQ(Call(2, "create", params).code, 4800);
   }
-  EXPECT_EQ(tstest::StoredCount(), 1);
+  EXPECT_EQ(StoredCount(), 1);
   params["id"] = 999999999;
   EXPECT_TRUE(Call(2, "create", params).success);
-  EXPECT_EQ(tstest::LogsWith("Invalid task id, json id=").size(), 7u);
+  EXPECT_EQ(LogsWith("Invalid task id, json id=").size(), 7u);
 
   const struct {
     const char* type;
@@ -329,7 +325,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
       ASSERT_GT(id, 0);
       EXPECT_NE(id, 77);
       EXPECT_STREQ(Record(id).app, c.app);
-      tstest::Reply got = Call(version, "get", IdParams(id));
+      Reply got = Call(version, "get", IdParams(id));
       ASSERT_TRUE(got.success) << got.envelope;
       EXPECT_EQ(got.data["type"], c.type);
       EXPECT_EQ(got.data["can_edit_owner"], std::string(c.type) == "script");
@@ -339,18 +335,18 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
 
 // Version 3 acts on behalf of "real_owner".
 TEST(ModuleHandler, OnBehalfOfAUser) {
-  tstest::TempRoot root;
-  tstest::TestUser user;
-  tstest::TestUser other;
+  ModuleRoot root;
+  TestUser user;
+  TestUser other;
   ASSERT_TRUE(user.Ok() && other.Ok());
   // The task must run as that user: owner root is refused and nothing is stored.
   Json::Value params = TaskObject("script", Parse(R"({"script": "id -un"})"));
   params["real_owner"] = user.Name();
-  tstest::Reply created = Call(3, "create", params);
+  Reply created = Call(3, "create", params);
   EXPECT_EQ(created.code, 117);
   EXPECT_EQ(created.data, Parse(R"({"msg": "Invalid (basic) object"})"));
-  tstest::ExpectOneLog("Convert task from json (basic) failed. [" + user.Name() + "][0x");
-  EXPECT_EQ(tstest::StoredCount(), 0);
+  ExpectOneLog("Convert task from json (basic) failed. [" + user.Name() + "][0x");
+  EXPECT_EQ(StoredCount(), 0);
 
   params["owner"] = user.Name();
   created = Call(3, "create", params);
@@ -363,7 +359,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
 
   Json::Value get = Parse(IdParams(id));
   get["real_owner"] = user.Name();
-  tstest::Reply got = Call(3, "get", get);
+  Reply got = Call(3, "get", get);
   ASSERT_TRUE(got.success) << got.envelope;
   EXPECT_EQ(got.data["real_owner"], user.Name());
   EXPECT_EQ(got.data["owner"], user.Name());
@@ -399,7 +395,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
 }
 
 TEST(ModuleBeepScript, BeepDurationIsClampedInCommandAndActionButStoredAsSent) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const std::pair<const char*, const char*> cases[] = {
       {"0", "1"},       {"-5", "1"},      {"1", "1"},        {"60", "60"},          {"600", "600"},
       {"601", "600"},   {"100000", "600"}, {"900", "600"},   {"\"60\"", "60"},      {"\"0\"", "1"},
@@ -416,14 +412,14 @@ TEST(ModuleBeepScript, BeepDurationIsClampedInCommandAndActionButStoredAsSent) {
     EXPECT_EQ(std::string(r.command), std::string("/usr/orva/bin/orvaschedtool --beep ") + seconds);
     EXPECT_EQ(std::string(r.action), std::string("#volume:beep_on# ") + seconds + " #common:time_seconds#");
     EXPECT_EQ(std::string(r.app_args), writer.write(extra));
-    tstest::Reply got = Call(2, "get", IdParams(id));
+    Reply got = Call(2, "get", IdParams(id));
     ASSERT_TRUE(got.success);
     EXPECT_EQ(writer.write(got.data["extra"]), writer.write(extra));
   }
 }
 
 TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   for (const std::string script : {"echo a; echo b", "", "#!/bin/sh\nset -e\necho \"$HOME\" 'x y' `date`\n\tcd /tmp\n",
                                    "echo 'Grüße #common:run# 100%' > /tmp/x", "printf '%s\\n' a\\\\b"}) {
     SCOPED_TRACE(script);
@@ -434,19 +430,19 @@ TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
     ASSERT_GT(id, 0);
     EXPECT_EQ(std::string(Record(id).command), script);
     EXPECT_EQ(std::string(Record(id).action), "#common:run#: " + script);
-    tstest::Reply got = Call(1, "get", IdParams(id));
+    Reply got = Call(1, "get", IdParams(id));
     ASSERT_TRUE(got.success);
     EXPECT_EQ(got.data["extra"], extra);
   }
   // Stored arguments that are not JSON still get without an error.
-  tstest::Reply got = Call(2, "get", IdParams(tstest::AddTask({.appArgs = "{not json"})));
+  Reply got = Call(2, "get", IdParams(AddTask({.appArgs = "{not json"})));
   EXPECT_TRUE(got.success) << got.envelope;
   EXPECT_EQ(got.data["type"], "script");
 }
 
 TEST(ModuleBeepScript, FixedValuesOfTheRecord) {
-  tstest::TempRoot root;
-  const _tag_orva_sched_task_ fresh = tstest::FreshRecord();
+  ModuleRoot root;
+  const _tag_orva_sched_task_ fresh = FreshRecord();
   const _tag_orva_sched_task_ beep = Record(Create("beep", Parse(R"({"beep_duration": 10})")));
   EXPECT_STREQ(beep.edit_form, "ORVA.VEK.TaskScheduler.Beep.FormPanel");
   EXPECT_STREQ(beep.app_name, "#beep:beep_title#");
@@ -468,7 +464,7 @@ TEST(ModuleBeepScript, FixedValuesOfTheRecord) {
 
 // Values that are no duration or script, or an "extra" that is no object: 4800, nothing stored.
 TEST(ModuleBeepScript, UnconvertibleValuesFailTheRequestAndStoreNothing) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const std::pair<const char*, const char*> cases[] = {
       {"beep", R"({"beep_duration": "x"})"}, {"script", R"({"script": 5})"},      {"script", R"({"script": null})"},
       {"script", R"({"script": ["ls"]})"},   {"script", R"({"script": {"a": 1}})"}, {"script", R"({"script": true})"},
@@ -478,24 +474,22 @@ TEST(ModuleBeepScript, UnconvertibleValuesFailTheRequestAndStoreNothing) {
   };
   for (const auto& [type, extra] : cases) {
     SCOPED_TRACE(extra);
-    Json::Value reply = tstest::ServerCall(2, "create", TaskObject(type, Parse(extra)));
-    EXPECT_FALSE(reply["success"].asBool());
-    EXPECT_EQ(reply["error"]["code"], 4800);
+    EXPECT_EQ(Call(2, "create", TaskObject(type, Parse(extra))).code, 4800);
   }
-  EXPECT_EQ(tstest::StoredCount(), 0);
+  EXPECT_EQ(StoredCount(), 0);
 }
 
 // A record that was never saved reads back with each kind's defaults (a recycle create with
 // an empty form, above and end to end, already stands on the recycle kind's).
 TEST(ModuleBeepScript, NewTaskDefaults) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const std::pair<const char*, const char*> cases[] = {
       {"beep", R"({"beep_duration": "60"})"},
       {"script", R"({"script": ""})"},
   };
   for (const auto& [type, extra] : cases) {
     SCOPED_TRACE(type);
-    tstest::Reply got = Call(2, "get", std::string(R"({"id": -1, "type": ")") + type + "\"}");
+    Reply got = Call(2, "get", std::string(R"({"id": -1, "type": ")") + type + "\"}");
     ASSERT_TRUE(got.success) << got.envelope;
     EXPECT_EQ(got.data["extra"], Parse(extra));
   }

@@ -8,11 +8,10 @@
 
 #include "test_support.h"
 
+using namespace orvatest;
+
 namespace {
 
-using tstest::Call;
-using tstest::Parse;
-using tstest::Reply;
 
 std::vector<std::string> Names(const Reply& r) {
   std::vector<std::string> out;
@@ -32,9 +31,9 @@ class ModuleList : public ::testing::Test {
     root.WriteTexts("en", R"({"common": {"run": "Run", "command_line": "Command line"},
                               "app": {"title": "System title"}})");
     root.WriteAppTexts("vendor", "Vendor.App", R"({"app": {"title": "Vendor Tool"}})");
-    tstest::SetEventTasks(Json::Value(Json::arrayValue));
+    SetEventTasks(Json::Value(Json::arrayValue));
   }
-  tstest::TempRoot root;
+  ModuleRoot root;
 };
 
 TEST_F(ModuleList, PagingArithmetic) {
@@ -45,7 +44,7 @@ TEST_F(ModuleList, PagingArithmetic) {
     EXPECT_EQ(r.data, Parse(R"({"tasks": [], "total": 0})"));
   }
   for (int i = 0; i < 8; ++i) {
-    ASSERT_GT(tstest::AddTask({.name = "t" + std::to_string(i)}), 0);
+    ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
   }
   const std::vector<std::string> all = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};
   const struct {
@@ -83,18 +82,18 @@ TEST_F(ModuleList, PagingArithmetic) {
 
 // The listing's order for each "sort_by" is the store's order for the mapped key.
 TEST_F(ModuleList, SortKeysMapToTheStoresKeys) {
-  tstest::TestUser u1;
-  tstest::TestUser u2;
+  TestUser u1;
+  TestUser u2;
   ASSERT_TRUE(u1.Ok() && u2.Ok());
   // Five tasks whose orders differ by every key.
-  const tstest::TaskSeed seeds[] = {
+  const TaskSeed seeds[] = {
       {.name = "delta", .appName = "#c:c#", .action = "zz", .hour = 5, .ownerUid = u2.Uid()},
       {.name = "alpha", .appName = "#e:e#", .action = "mm", .enabled = false, .hour = 1},
       {.name = "echo", .appName = "#a:a#", .action = "aa", .hour = 3, .ownerUid = u1.Uid()},
       {.name = "bravo", .appName = "#d:d#", .action = "yy", .enabled = false, .hour = 9, .ownerUid = u1.Uid()},
       {.name = "charlie", .appName = "#b:b#", .action = "bb", .hour = 7},
   };
-  for (const tstest::TaskSeed& seed : seeds) ASSERT_GT(tstest::AddTask(seed), 0);
+  for (const TaskSeed& seed : seeds) ASSERT_GT(AddTask(seed), 0);
   const std::pair<const char*, const char*> keys[] = {
       {"enable", "state"},   {"id", "id"},         {"type", "app name"},     {"owner", "owner"},
       {"name", "name"},      {"app_name", "app name"}, {"action", "action"}, {"next_trigger_time", "next trigger time"},
@@ -127,14 +126,14 @@ TEST_F(ModuleList, SortKeysMapToTheStoresKeys) {
 }
 
 TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
-  tstest::TestUser user;
+  TestUser user;
   ASSERT_TRUE(user.Ok());
-  const long scriptId = tstest::AddTask({.name = "script", .action = "#common:run#: echo hi", .hour = 4, .min = 5});
-  tstest::AddTask({.name = "off", .app = "ORVA.VEK.TaskScheduler.Beep", .enabled = false});
-  tstest::AddTask({.name = "vendor", .app = "Vendor.App", .appName = "#app:title#", .action = "#app:title# runs"});
-  tstest::AddTask({.name = "other", .app = "Other.App", .appName = "#app:title#", .action = "#app:title# runs"});
-  tstest::AddTask({.name = "users", .byUser = user.Name()});
-  tstest::AddTask({.name = "hidden", .listable = false});
+  const long scriptId = AddTask({.name = "script", .action = "#common:run#: echo hi", .hour = 4, .min = 5});
+  AddTask({.name = "off", .app = "ORVA.VEK.TaskScheduler.Beep", .enabled = false});
+  AddTask({.name = "vendor", .app = "Vendor.App", .appName = "#app:title#", .action = "#app:title# runs"});
+  AddTask({.name = "other", .app = "Other.App", .appName = "#app:title#", .action = "#app:title# runs"});
+  AddTask({.name = "users", .byUser = user.Name()});
+  AddTask({.name = "hidden", .listable = false});
 
   // Version 1 lists system tasks only and never "real_owner".
   Reply v1 = Call(1, "list", R"({"sort_by": "name"})");
@@ -178,9 +177,9 @@ TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
 }
 
 TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
-  tstest::TestUser user;
+  TestUser user;
   ASSERT_TRUE(user.Ok());
-  tstest::AddTask({.name = "stored"});
+  AddTask({.name = "stored"});
   Json::Value boot = Parse(R"({"id": 1, "task_name": "on boot", "enable": true, "event": "bootup",
                                "script": "echo up"})");
   boot["owner"][std::to_string(user.Uid())] = user.Name();
@@ -193,12 +192,12 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
   shutdown["enable"] = false;
   Json::Value events(Json::arrayValue);
   for (const Json::Value* e : {&boot, &ownerless, &shutdown}) events.append(*e);
-  tstest::SetEventTasks(events);
+  SetEventTasks(events);
 
   std::vector<long> firstIds;
   for (int version : {1, 2}) {
     SCOPED_TRACE(version);
-    tstest::ClearLogs();
+    ClearLogs();
     Reply r = Call(version, "list", R"({"sort_by": "name"})");
     ASSERT_TRUE(r.success) << r.envelope;
     EXPECT_EQ(Names(r), (std::vector<std::string>{"at shutdown", "on boot", "stored"}));
@@ -213,7 +212,7 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
     EXPECT_FALSE(item.isMember("real_owner"));
     EXPECT_EQ(r.data["tasks"][0]["enable"], false);
     EXPECT_EQ(r.data["tasks"][0]["owner"], "root");
-    auto logs = tstest::LogsWith("Fail to get owner");
+    auto logs = LogsWith("Fail to get owner");
     ASSERT_EQ(logs.size(), 1u);
     EXPECT_EQ(logs[0].text, "ORVA.Core.TaskScheduler:69 Fail to get owner");
     std::vector<long> ids = {r.data["tasks"][0]["id"].asInt64(), item["id"].asInt64()};
@@ -224,24 +223,24 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
     firstIds = ids;
   }
   // The event scheduler failing means no event tasks.
-  tstest::SetEventTasks(events, false);
+  SetEventTasks(events, false);
   Reply r = Call(2, "list", "{}");
   ASSERT_TRUE(r.success) << r.envelope;
   EXPECT_EQ(Names(r), std::vector<std::string>{"stored"});
-  tstest::SetEventTasks(Json::Value(Json::arrayValue));
+  SetEventTasks(Json::Value(Json::arrayValue));
 }
 
 TEST_F(ModuleList, StoreFailureIs117AndEventsAreNotAsked) {
   // A folder where the database file should be: the store cannot open it.
-  root.WriteFile("var/lib/orva/scheduler.db/x", "");
-  const int callsBefore = tstest::EventListCalls();
-  tstest::ClearLogs();
+  root.Write("var/lib/orva/scheduler.db/x", "");
+  const int callsBefore = EventListCalls();
+  ClearLogs();
   Reply r = Call(2, "list", "{}");
   EXPECT_FALSE(r.success);
   EXPECT_EQ(r.code, 117);
   EXPECT_EQ(r.data, Parse(R"({"msg": "get task list failed"})"));
-  EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler:301 get task list failed. [0x").size(), 1u);
-  EXPECT_EQ(tstest::EventListCalls(), callsBefore);
+  EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler:301 get task list failed. [0x").size(), 1u);
+  EXPECT_EQ(EventListCalls(), callsBefore);
 }
 
 }  // namespace
@@ -263,7 +262,7 @@ long StatusKiB(const char* key) {
 // the request ends. (Memory, not time.)
 TEST_F(ModuleList, TenThousandTasksStayWithinTheMemoryBound) {
   const std::string script(300, 's');
-  const long id = tstest::AddTask({.name = "t", .action = "#common:run#: " + script, .command = script,
+  const long id = AddTask({.name = "t", .action = "#common:run#: " + script, .command = script,
                                    .appArgs = "{\"script\":\"" + script + "\"}"});
   // The other 9,999 as copies of it, in one transaction.
   sqlite3* db = nullptr;
