@@ -36,10 +36,7 @@ TEST(ModuleLib, RealOwnerFromParametersAndRequests) {
 
 // One line under "lib:" that holds `text`, and nothing else from the layer.
 void ExpectLibLine(const std::string& text) {
-  auto logs = LogsWith("lib:");
-  ASSERT_EQ(logs.size(), 1u);
-  EXPECT_NE(logs[0].text.find(text), std::string::npos) << logs[0].text;
-  EXPECT_EQ(logs[0].priority, LOG_ERR);
+  EXPECT_NE(ExpectOneLog("lib:", LOG_ERR).find(text), std::string::npos) << text;
   ClearLogs();
 }
 
@@ -152,9 +149,7 @@ TEST(ModuleLib, EscapedShellNameFailsLoudlyWhenEmpty) {
   for (const std::string name : {"", "\n\n"}) {
     ClearLogs();
     EXPECT_EQ(TS::EscapeShellName(name), "");
-    auto logs = LogsWith("escape cmd=" + name + " failed, errno=");
-    ASSERT_EQ(logs.size(), 1u);
-    EXPECT_EQ(logs[0].text.rfind("lib:", 0), 0u);
+    EXPECT_TRUE(ExpectOneLog("escape cmd=" + name + " failed, errno=").starts_with("lib:"));
   }
 }
 

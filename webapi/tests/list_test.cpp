@@ -200,9 +200,7 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
     EXPECT_FALSE(item.isMember("real_owner"));
     EXPECT_EQ(r.data["tasks"][0]["enable"], false);
     EXPECT_EQ(r.data["tasks"][0]["owner"], "root");
-    auto logs = LogsWith("Fail to get owner");
-    ASSERT_EQ(logs.size(), 1u);
-    EXPECT_EQ(logs[0].text, "ORVA.Core.TaskScheduler:69 Fail to get owner");
+    EXPECT_EQ(ExpectOneLog("Fail to get owner"), "ORVA.Core.TaskScheduler:69 Fail to get owner");
     std::vector<long> ids = {r.data["tasks"][0]["id"].asInt64(), item["id"].asInt64()};
     for (long id : ids) {
       EXPECT_GE(id, 1000);
@@ -223,11 +221,8 @@ TEST_F(ModuleList, StoreFailureIs117AndEventsAreNotAsked) {
   root.Write("var/lib/orva/scheduler.db/x", "");
   const int callsBefore = EventListCalls();
   ClearLogs();
-  Reply r = Call(2, "list", "{}");
-  EXPECT_FALSE(r.success);
-  EXPECT_EQ(r.code, 117);
-  EXPECT_EQ(r.data, Parse(R"({"msg": "get task list failed"})"));
-  EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler:301 get task list failed. [0x").size(), 1u);
+  ExpectReply(Call(2, "list", "{}"), 117, "get task list failed");
+  ExpectOneLog("ORVA.Core.TaskScheduler:301 get task list failed. [0x");
   EXPECT_EQ(EventListCalls(), callsBefore);
 }
 

@@ -13,16 +13,6 @@ using namespace orvatest;
 namespace {
 
 
-// One reply with `code` and {"msg": msg}; an empty `msg`: success with null data.
-void ExpectReply(const Reply& r, int code, const std::string& msg) {
-  EXPECT_EQ(r.replies, 1);
-  EXPECT_EQ(r.success, msg.empty());
-  EXPECT_EQ(r.code, code);
-  Json::Value want;
-  if (!msg.empty()) want["msg"] = msg;
-  EXPECT_EQ(r.data, want);
-}
-
 TEST(ModuleOps, ParameterShapes) {
   ModuleRoot root;
   const long id = AddTask({});

@@ -106,12 +106,7 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
     EXPECT_EQ(std::string(record.command), c.command ? std::string("/usr/orva/bin/orvarecycle") + c.command : "");
     EXPECT_EQ(std::string(record.action), c.command ? c.action : "");
     EXPECT_EQ(LogCount(), c.command ? 0u : 1u);
-    if (!c.command) {
-      auto lines = LogsWith(c.action);
-      ASSERT_EQ(lines.size(), 1u);
-      EXPECT_EQ(lines[0].priority, LOG_ERR);
-      EXPECT_EQ(lines[0].text.rfind("ORVA.Core.TaskScheduler.Recycle:", 0), 0u) << lines[0].text;
-    }
+    if (!c.command) EXPECT_TRUE(ExpectOneLog(c.action, LOG_ERR).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
   }
 }
 
@@ -176,11 +171,8 @@ TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
     Direct d;
     EXPECT_TRUE(d.handler.EnableRecycleBin(Parse(c.shares), Json::Value(c.mode)));
     EXPECT_EQ(BinsOn(root), c.on);
-    auto lines = LogsWith("ORVA.Core.TaskScheduler.Recycle:");
-    ASSERT_EQ(lines.size(), c.log ? 1u : 0u);
-    if (c.log) {
-      EXPECT_NE(lines[0].text.find(c.log), std::string::npos) << lines[0].text;
-    }
+    EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Recycle:").size(), c.log ? 1u : 0u);
+    if (c.log) EXPECT_TRUE(ExpectOneLog(c.log).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
   }
   // A share list that cannot be read fails the enumeration.
   ModuleRoot root;
@@ -280,9 +272,7 @@ TEST(ModuleRecycle, SetMergesTheFormIntoTheStoredObject) {
   for (const auto& [form, changes] : cases) {
     SCOPED_TRACE(form);
     const long id = AddRecycleTask(stored);
-    Json::Value params = TaskObject("recycle", Parse(form));
-    params["id"] = static_cast<Json::Int64>(id);
-    Reply set = Call(2, "set", params);
+    Reply set = Call(2, "set", SetObject(id, "recycle", Parse(form)));
     ASSERT_TRUE(set.success) << set.envelope;
     EXPECT_EQ(set.data, Parse(IdParams(id)));
     Json::Value expected = stored;
@@ -311,13 +301,9 @@ TEST(ModuleRecycle, FormRoundTripThroughSetAndGet) {
   EXPECT_EQ(got.data["extra"], form) << got.data["extra"].toStyledString();
 
   // A set that the kind refuses keeps the stored task.
-  Json::Value params = TaskObject("recycle", Parse(R"({"clean_share_policy": {"clean_all": false, "shares": []}})"));
-  params["id"] = static_cast<Json::Int64>(id);
   ClearLogs();
-  Reply set = Call(2, "set", params);
-  EXPECT_FALSE(set.success);
-  EXPECT_EQ(set.code, 117);
-  EXPECT_EQ(set.data, Parse(R"({"msg": "Invalid (app) object"})"));
+  const Json::Value none = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": []}})");
+  ExpectReply(Call(2, "set", SetObject(id, "recycle", none)), 117, "Invalid (app) object");
   ExpectOneLog("error selected_shares");
   EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
   EXPECT_EQ(Record(id).command, command);

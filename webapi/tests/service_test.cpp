@@ -118,9 +118,7 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
   ClearLogs();
   EXPECT_FALSE(ts::ServiceTaskAppArgsToJson(record, Json::Value(Json::objectValue), json));
   EXPECT_TRUE(json.isNull());
-  auto lines = LogsWith("ORVA.Core.TaskScheduler.Service:");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].text.find(" Package list must be json array."), std::string::npos);
+  EXPECT_TRUE(ExpectOneLog("ORVA.Core.TaskScheduler.Service:").ends_with(" Package list must be json array."));
 }
 
 // The stored selection follows the installed packages: gone ones drop out, new ones join
@@ -151,9 +149,7 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
   EXPECT_EQ(services[10], Parse(R"({"type": "package", "id": "delta", "name": "delta", "enable": false})"));
 
   // A set that only changes the action keeps the selection as it is now.
-  Json::Value params = TaskObject("service", Parse(R"({"action": "stop"})"));
-  params["id"] = static_cast<Json::Int64>(id);
-  ASSERT_TRUE(Call(2, "set", params).success);
+  ASSERT_TRUE(Call(2, "set", SetObject(id, "service", Parse(R"({"action": "stop"})"))).success);
   EXPECT_STREQ(Record(id).command,
                "/usr/orva/bin/orvaschedtool --stop-service WinShare;\n/usr/orva/bin/orvapkg stop alpha;\n");
   EXPECT_STREQ(Record(id).action, "#common:stop_service#: \"WinShare\" \"Alpha Next\"");
@@ -181,16 +177,13 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
     SCOPED_TRACE(form);
     const long id = AddServiceTask(before);  // each case starts from the same stored task
     ClearLogs();
-    Json::Value params = TaskObject("service", Parse(form));
-    params["id"] = static_cast<Json::Int64>(id);
-    Reply set = Call(2, "set", params);
-    EXPECT_EQ(set.success, command != nullptr) << set.envelope;
+    const Reply set = Call(2, "set", SetObject(id, "service", Parse(form)));
     if (command) {
+      EXPECT_TRUE(set.success) << set.envelope;
       EXPECT_STREQ(Record(id).command, command);
       continue;
     }
-    EXPECT_EQ(set.code, 4800);
-    EXPECT_EQ(set.data, Parse(R"({"msg": "invalid (app) object"})"));
+    ExpectReply(set, 4800, "invalid (app) object");
     ExpectOneLog("Convert task from json (app) failed.");
     EXPECT_EQ(std::string(Record(id).app_args), before);
     EXPECT_STREQ(Record(id).command, "true");
@@ -210,14 +203,12 @@ TEST(ModuleService, GetOfStoredForms) {
     SCOPED_TRACE(stored);
     const long id = AddServiceTask(stored);
     ClearLogs();
-    Reply got = Call(2, "get", IdParams(id));
-    EXPECT_EQ(got.success, action != nullptr) << got.envelope;
+    const Reply got = Call(2, "get", IdParams(id));
     if (action) {
-      EXPECT_EQ(got.data["extra"]["action"], action);
+      EXPECT_EQ(got.data["extra"]["action"], action) << got.envelope;
       continue;
     }
-    EXPECT_EQ(got.code, 117);
-    EXPECT_EQ(got.data, Parse(R"({"msg": "Failed to convert app object"})"));
+    ExpectReply(got, 117, "Failed to convert app object");
     EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
     ExpectOneLog("Convert task from json (app) failed. [0x");
   }
@@ -225,9 +216,7 @@ TEST(ModuleService, GetOfStoredForms) {
   const long id = AddServiceTask(R"({"service_action": "0", "service_store": []})");
   rmdir((root.path() + "/var/lib/orva/packages").c_str());
   ClearLogs();
-  Reply got = Call(2, "get", IdParams(id));
-  EXPECT_EQ(got.code, 117);
-  EXPECT_EQ(got.data, Parse(R"({"msg": "Failed to convert app object"})"));
+  ExpectReply(Call(2, "get", IdParams(id)), 117, "Failed to convert app object");
   EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Service:").size(), 2u);
   ExpectOneLog(" init PackageManager failed");
   ExpectOneLog(" Failed to enum packages");

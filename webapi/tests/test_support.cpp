@@ -70,6 +70,23 @@ std::vector<LogLine> LogsWith(const std::string& needle) {
   return out;
 }
 
+std::string ExpectOneLog(const std::string& needle, int priority) {
+  const std::vector<LogLine> lines = LogsWith(needle);
+  EXPECT_EQ(lines.size(), 1u) << needle;
+  if (lines.size() != 1) return "";
+  if (priority >= 0) EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
+  return lines[0].text;
+}
+
+void ExpectReply(const Reply& r, int code, const std::string& msg) {
+  EXPECT_EQ(r.replies, 1);
+  EXPECT_EQ(r.success, code == 0) << r.envelope;
+  EXPECT_EQ(r.code, code);
+  Json::Value want;
+  if (!msg.empty()) want["msg"] = msg;
+  EXPECT_EQ(r.data, want);
+}
+
 ModuleRoot::ModuleRoot() : TempRoot("orvat-module") {
   chmod(path().c_str(), 0755);  // runs as other users traverse it
   for (const char* sub : {"usr/orva/bin", "usr/orva/lib/webapi", "usr/orva/orvaman/webman/texts/en",

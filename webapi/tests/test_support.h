@@ -30,7 +30,8 @@ std::vector<LogLine> Logs();
 void ClearLogs();
 std::vector<LogLine> LogsWith(const std::string& needle);  // lines containing `needle`
 inline size_t LogCount() { return Logs().size(); }
-inline void ExpectOneLog(const std::string& needle) { EXPECT_EQ(LogsWith(needle).size(), 1u) << needle; }
+// Exactly one line holds `needle`; it was logged at `priority` (-1: any). Its text, or "".
+std::string ExpectOneLog(const std::string& needle, int priority = -1);
 
 // ---- a private system root with configuration, an empty store and UI texts ----
 class ModuleRoot : public TempRoot {
@@ -62,8 +63,17 @@ inline Reply Call(int version, const std::string& method, const char* params) {
   return Call(version, method, Parse(params));
 }
 
+// One reply with `code`, success only for 0, and data {"msg": msg} (null for an empty `msg`).
+void ExpectReply(const Reply& r, int code, const std::string& msg = "");
+
 // A task object of a create or set request, as the edit dialog sends it.
 Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name = "t1");
+// The same for a set of task `id`.
+inline Json::Value SetObject(long id, const std::string& type, const Json::Value& extra) {
+  Json::Value task = TaskObject(type, extra);
+  task["id"] = static_cast<Json::Int64>(id);
+  return task;
+}
 // "create" of `type`; the new id or -1.
 long Create(const std::string& type, const Json::Value& extra, int version = 2);
 
