@@ -398,6 +398,7 @@ TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
     ASSERT_GT(id, 0);
     EXPECT_EQ(std::string(Record(id).command), script);
     EXPECT_EQ(std::string(Record(id).action), "#common:run#: " + script);
+    EXPECT_EQ(std::string(Record(id).app_args), Json::FastWriter().write(extra));
     Reply got = Call(1, "get", IdParams(id));
     ASSERT_TRUE(got.success);
     EXPECT_EQ(got.data["extra"], extra);
@@ -408,25 +409,36 @@ TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
   EXPECT_EQ(got.data["type"], "script");
 }
 
-TEST(ModuleBeepScript, FixedValuesOfTheRecord) {
+// Each kind's fixed values of the record, and what a never-saved record reads back with (a
+// recycle create with an empty form, above and end to end, stands on the recycle kind's).
+TEST(ModuleBeepScript, FixedValuesAndNewTaskDefaults) {
   ModuleRoot root;
   const _tag_orva_sched_task_ fresh = FreshRecord();
-  const _tag_orva_sched_task_ beep = Record(Create("beep", Parse(R"({"beep_duration": 10})")));
-  EXPECT_STREQ(beep.edit_form, "ORVA.VEK.TaskScheduler.Beep.FormPanel");
-  EXPECT_STREQ(beep.app_name, "#beep:beep_title#");
-  EXPECT_EQ(beep.can_edit_owner, 0);
-  EXPECT_EQ(beep.can_run_task_same_time, fresh.can_run_task_same_time);  // never set by this kind
-  const _tag_orva_sched_task_ script = Record(Create("script", Parse(R"({"script": "true"})")));
-  EXPECT_STREQ(script.edit_form, "ORVA.VEK.TaskScheduler.Script.FormPanel");
-  EXPECT_STREQ(script.app_name, "#common:command_line#");
-  EXPECT_EQ(script.can_edit_owner, 1);
-  EXPECT_EQ(script.can_run_task_same_time, 0);
-  EXPECT_STREQ(script.app_args, "{\"script\":\"true\"}\n");
-  for (const _tag_orva_sched_task_* r : {&beep, &script}) {
-    EXPECT_EQ(r->simple_edit_form, 1);
-    EXPECT_EQ(r->can_edit_name, 1);
-    EXPECT_EQ(r->can_run_app_same_time, 1);
-    EXPECT_EQ(r->listable, 1);
+  const struct {
+    const char* type;
+    const char* extra;
+    const char* form;
+    const char* appName;
+    int canEditOwner;
+    int canRunTaskSameTime;
+    const char* defaults;  // "extra" of a new task
+  } kinds[] = {
+      {"beep", R"({"beep_duration": 10})", "ORVA.VEK.TaskScheduler.Beep.FormPanel", "#beep:beep_title#", 0,
+       fresh.can_run_task_same_time /* never set by this kind */, R"({"beep_duration": "60"})"},
+      {"script", R"({"script": "true"})", "ORVA.VEK.TaskScheduler.Script.FormPanel", "#common:command_line#", 1, 0,
+       R"({"script": ""})"},
+  };
+  for (const auto& k : kinds) {
+    SCOPED_TRACE(k.type);
+    const _tag_orva_sched_task_ r = Record(Create(k.type, Parse(k.extra)));
+    EXPECT_STREQ(r.edit_form, k.form);
+    EXPECT_STREQ(r.app_name, k.appName);
+    EXPECT_EQ(r.can_edit_owner, k.canEditOwner);
+    EXPECT_EQ(r.can_run_task_same_time, k.canRunTaskSameTime);
+    EXPECT_EQ(std::vector<int>({r.simple_edit_form, r.can_edit_name, r.can_run_app_same_time, r.listable}),
+              std::vector<int>({1, 1, 1, 1}));
+    const Reply got = Call(2, "get", std::string(R"({"id": -1, "type": ")") + k.type + "\"}");
+    EXPECT_EQ(got.data["extra"], Parse(k.defaults)) << got.envelope;
   }
 }
 
@@ -445,22 +457,6 @@ TEST(ModuleBeepScript, UnconvertibleValuesFailTheRequestAndStoreNothing) {
     EXPECT_EQ(Call(2, "create", TaskObject(type, Parse(extra))).code, 4800);
   }
   EXPECT_EQ(StoredCount(), 0);
-}
-
-// A record that was never saved reads back with each kind's defaults (a recycle create with
-// an empty form, above and end to end, already stands on the recycle kind's).
-TEST(ModuleBeepScript, NewTaskDefaults) {
-  ModuleRoot root;
-  const std::pair<const char*, const char*> cases[] = {
-      {"beep", R"({"beep_duration": "60"})"},
-      {"script", R"({"script": ""})"},
-  };
-  for (const auto& [type, extra] : cases) {
-    SCOPED_TRACE(type);
-    Reply got = Call(2, "get", std::string(R"({"id": -1, "type": ")") + type + "\"}");
-    ASSERT_TRUE(got.success) << got.envelope;
-    EXPECT_EQ(got.data["extra"], Parse(extra));
-  }
 }
 
 }  // namespace

@@ -53,8 +53,6 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
     const Json::Value installed = Parse(Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
     for (const std::string& id : ids) {
       EXPECT_TRUE(installed[id]["start"].isString() && installed[id]["stop"].isString()) << id;
-    }
-    for (const std::string& id : ids) {
       Json::Value& e = want["services"].append(Parse(R"({"type": "service", "enable": false})"));
       e["id"] = e["name"] = id;
     }
