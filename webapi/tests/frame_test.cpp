@@ -8,10 +8,10 @@
 #include "ORVA.Core.TaskScheduler.h"
 #include "test_support.h"
 
+using namespace orvatest;
+
 namespace {
 
-using tstest::Call;
-using tstest::Parse;
 
 const std::pair<int, const char*> kRows[] = {
     {1, "list"}, {2, "list"}, {1, "set_enable"}, {2, "set_enable"}, {1, "delete"}, {2, "delete"},
@@ -70,7 +70,7 @@ struct Handler {
 };
 
 TEST(ModuleFrame, DispatchOfUnknownMisplacedAndEmptyMethods) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const struct {
     int version;
     const char* method;  // null: no method at all
@@ -95,7 +95,7 @@ TEST(ModuleFrame, DispatchOfUnknownMisplacedAndEmptyMethods) {
 }
 
 TEST(ModuleFrame, FirstErrorWinsAndDataCombines) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const Json::Value extra = Parse(R"({"where": "x"})");
   const struct {
     std::function<void(TaskSchedulerHandler&)> steps;
@@ -123,8 +123,8 @@ TEST(ModuleFrame, FirstErrorWinsAndDataCombines) {
 }
 
 TEST(ModuleFrame, ViewAnswersTheStoresRunStatus) {
-  tstest::TempRoot root;
-  const long id = tstest::AddTask({});
+  ModuleRoot root;
+  const long id = AddTask({});
   ASSERT_GT(id, 0);
   const struct {
     std::string params;
@@ -137,28 +137,23 @@ TEST(ModuleFrame, ViewAnswersTheStoresRunStatus) {
       {R"({"id": true})", 4800, "main:302 Invalid paramters."},
       {R"({"id": null})", 4800, "main:302 Invalid paramters."},
       {R"({"id": 424242})", 117, "ORVA.Core.TaskScheduler:652 get run status failed [0x"},
-      {tstest::IdParams(id), 0, nullptr},
+      {IdParams(id), 0, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.params);
-    tstest::ClearLogs();
-    tstest::Reply r = Call(1, "view", c.params);
-    EXPECT_EQ(r.replies, 1);
-    EXPECT_EQ(r.code, c.code);
+    ClearLogs();
+    const Reply r = Call(1, "view", c.params);
     if (c.code == 0) {
-      ASSERT_TRUE(r.success) << r.envelope;
       Json::Value status;
       ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
-      EXPECT_EQ(r.data, status);
-      EXPECT_FALSE(r.data["running"].asBool());
+      EXPECT_TRUE(r.success && r.replies == 1 && r.data == status) << r.envelope;
       continue;
     }
-    EXPECT_EQ(r.data, c.code == 117 ? Parse(R"({"msg": "get run status failed"})") : Json::Value());
+    ExpectReply(r, c.code, c.code == 117 ? "get run status failed" : "");
     // The entry's refusal logs exactly one line and calls nothing else.
-    auto logs = c.code == 4800 ? tstest::Logs() : tstest::LogsWith(c.log);
-    ASSERT_EQ(logs.size(), 1u);
-    EXPECT_EQ(c.code == 4800 ? logs[0].text : logs[0].text.substr(0, strlen(c.log)), c.log);
-    EXPECT_EQ(logs[0].priority, LOG_ERR);
+    if (c.code == 4800) EXPECT_EQ(LogCount(), 1u);
+    const std::string line = ExpectOneLog(c.log, LOG_ERR);
+    EXPECT_TRUE(c.code == 4800 ? line == c.log : line.starts_with(c.log)) << line;
   }
 }
 

@@ -9,9 +9,10 @@
 
 namespace TS = ORVA::Core::TaskScheduler;
 
+using namespace orvatest;
+
 namespace {
 
-using tstest::Parse;
 
 TEST(ModuleLib, RealOwnerFromParametersAndRequests) {
   const struct {
@@ -35,17 +36,14 @@ TEST(ModuleLib, RealOwnerFromParametersAndRequests) {
 
 // One line under "lib:" that holds `text`, and nothing else from the layer.
 void ExpectLibLine(const std::string& text) {
-  auto logs = tstest::LogsWith("lib:");
-  ASSERT_EQ(logs.size(), 1u);
-  EXPECT_NE(logs[0].text.find(text), std::string::npos) << logs[0].text;
-  EXPECT_EQ(logs[0].priority, LOG_ERR);
-  tstest::ClearLogs();
+  EXPECT_NE(ExpectOneLog("lib:", LOG_ERR).find(text), std::string::npos) << text;
+  ClearLogs();
 }
 
 TEST(ModuleLib, StoreLayerAsTheSystemAndOnBehalfOfUsers) {
-  tstest::TempRoot root;
-  tstest::TestUser alice;
-  tstest::TestUser bob;
+  ModuleRoot root;
+  TestUser alice;
+  TestUser bob;
   ASSERT_TRUE(alice.Ok() && bob.Ok());
   _tag_orva_sched_task_ task;
   memset(&task, 0x5A, sizeof(task));
@@ -93,9 +91,9 @@ TEST(ModuleLib, StoreLayerAsTheSystemAndOnBehalfOfUsers) {
   ExpectLibLine("Failed to save task [" + bob.Name() + "][" + ids + "][" + ids + "]. [0x");
   EXPECT_FALSE(TS::RemoveTask(bob.Name(), id));
   ExpectLibLine("Failed to delete task [" + bob.Name() + "][" + ids + "]. [0x");
-  EXPECT_TRUE(tstest::TaskExists(id));
+  EXPECT_TRUE(TaskExists(id));
   EXPECT_TRUE(TS::RemoveTask(alice.Name(), id));
-  EXPECT_FALSE(tstest::TaskExists(id));
+  EXPECT_FALSE(TaskExists(id));
   EXPECT_FALSE(TS::RemoveTask(boost::none, id));
   ExpectLibLine("Failed to delete task " + ids + ". [0x");
 }
@@ -117,11 +115,11 @@ TEST(ModuleLib, AppKeysOfNamespacesAndOfStoredTasks) {
     EXPECT_EQ(TS::GetAppKeyFromNameSpace(ns), key);
   }
 
-  tstest::TempRoot root;
-  tstest::TestUser user;
+  ModuleRoot root;
+  TestUser user;
   ASSERT_TRUE(user.Ok());
-  const long beepId = tstest::AddTask({.app = "ORVA.VEK.TaskScheduler.Beep"});
-  const long otherId = tstest::AddTask({.app = ""});
+  const long beepId = AddTask({.app = "ORVA.VEK.TaskScheduler.Beep"});
+  const long otherId = AddTask({.app = ""});
   const struct {
     boost::optional<std::string> owner;
     long id;
@@ -136,10 +134,10 @@ TEST(ModuleLib, AppKeysOfNamespacesAndOfStoredTasks) {
   for (const auto& c : lookups) {
     SCOPED_TRACE(c.id);
     std::string key = "unchanged";
-    tstest::ClearLogs();
+    ClearLogs();
     EXPECT_EQ(TS::GetAppTypeByID(c.owner, c.id, key), c.key != nullptr);
     EXPECT_EQ(key, c.key ? c.key : "unchanged");
-    if (!c.key) tstest::ExpectOneLog(c.line);
+    if (!c.key) ExpectOneLog(c.line);
   }
 }
 
@@ -149,11 +147,9 @@ TEST(ModuleLib, EscapedShellNameFailsLoudlyWhenEmpty) {
   EXPECT_EQ(TS::EscapeShellName("plain_name-1.2"), "plain_name-1.2");
   // Empty, or needing more than twice the input (two newlines): empty and one line.
   for (const std::string name : {"", "\n\n"}) {
-    tstest::ClearLogs();
+    ClearLogs();
     EXPECT_EQ(TS::EscapeShellName(name), "");
-    auto logs = tstest::LogsWith("escape cmd=" + name + " failed, errno=");
-    ASSERT_EQ(logs.size(), 1u);
-    EXPECT_EQ(logs[0].text.rfind("lib:", 0), 0u);
+    EXPECT_TRUE(ExpectOneLog("escape cmd=" + name + " failed, errno=").starts_with("lib:"));
   }
 }
 
@@ -169,7 +165,7 @@ class ModuleTexts : public ::testing::Test {
     root.WriteAppTexts("myapp", "Vendor.App", R"({"common": {"ok": "App OK"}, "app": {"title": "My App"},
                                                   "a": {"b": "vendor AB"}})");
   }
-  tstest::TempRoot root;
+  ModuleRoot root;
 };
 
 TEST_F(ModuleTexts, ParserKeysAndLookups) {
@@ -217,9 +213,9 @@ TEST_F(ModuleTexts, AppTextsAreReadAtLookupTime) {
   EXPECT_EQ(parser.GetString("Vendor.App", "#app:title#"), "My App");
   // Rewritten (to a different size) after the parser was built: the next lookup sees it.
   const std::string file = "usr/orva/orvaman/webman/3rdparty/myapp/texts/en/strings.json";
-  root.WriteFile(file, R"({"app": {"title": "Renamed App"}})");
+  root.Write(file, R"({"app": {"title": "Renamed App"}})");
   EXPECT_EQ(parser.GetString("Vendor.App", "#app:title#"), "Renamed App");
-  root.WriteFile(file, "{not json");  // broken: the system texts answer
+  root.Write(file, "{not json");  // broken: the system texts answer
   EXPECT_EQ(parser.GetString("Vendor.App", "#common:ok#"), "OK");
 }
 

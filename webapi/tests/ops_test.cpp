@@ -8,24 +8,14 @@
 
 #include "test_support.h"
 
+using namespace orvatest;
+
 namespace {
 
-using tstest::Call;
-using tstest::Reply;
-
-// One reply with `code` and {"msg": msg}; an empty `msg`: success with null data.
-void ExpectReply(const Reply& r, int code, const std::string& msg) {
-  EXPECT_EQ(r.replies, 1);
-  EXPECT_EQ(r.success, msg.empty());
-  EXPECT_EQ(r.code, code);
-  Json::Value want;
-  if (!msg.empty()) want["msg"] = msg;
-  EXPECT_EQ(r.data, want);
-}
 
 TEST(ModuleOps, ParameterShapes) {
-  tstest::TempRoot root;
-  const long id = tstest::AddTask({});
+  ModuleRoot root;
+  const long id = AddTask({});
   const char* v1Element = "id must be an integer, enabled must be a boolean";
   const char* v2Element = "id must be an integer, enable must be a boolean";
   const struct {
@@ -64,20 +54,20 @@ TEST(ModuleOps, ParameterShapes) {
     SCOPED_TRACE(std::string(c.method) + " v" + std::to_string(c.version) + " " + c.params);
     ExpectReply(Call(c.version, c.method, c.params), *c.msg ? 4800 : 0, c.msg);
   }
-  EXPECT_TRUE(tstest::TaskEnabled(id));
+  EXPECT_TRUE(TaskEnabled(id));
 }
 
 // Bulk requests in order on system tasks 0-5 and alice's task M. In the texts $0-$5 and
 // $M stand for the ids, $A and $B for alice and bob. `after` lists tasks as enabled (+),
 // disabled (-), present (=) or gone (x).
 TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
-  tstest::TempRoot root;
-  tstest::TestUser alice;
-  tstest::TestUser bob;
+  ModuleRoot root;
+  TestUser alice;
+  TestUser bob;
   ASSERT_TRUE(alice.Ok() && bob.Ok());
   std::map<char, std::string> ids = {{'A', alice.Name()}, {'B', bob.Name()}};
-  for (char t : std::string("012345")) ids[t] = std::to_string(tstest::AddTask({.name = std::string(1, t)}));
-  ids['M'] = std::to_string(tstest::AddTask({.name = "alice's", .byUser = alice.Name()}));
+  for (char t : std::string("012345")) ids[t] = std::to_string(AddTask({.name = std::string(1, t)}));
+  ids['M'] = std::to_string(AddTask({.name = "alice's", .byUser = alice.Name()}));
   auto expand = [&](std::string text) {
     for (size_t p; (p = text.find('$')) != std::string::npos;) text.replace(p, 2, ids[text[p + 1]]);
     return text;
@@ -132,15 +122,15 @@ TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
   };
   for (const auto& s : steps) {
     SCOPED_TRACE(std::string(s.method) + " v" + std::to_string(s.version) + " " + s.params);
-    tstest::ClearLogs();
+    ClearLogs();
     ExpectReply(Call(s.version, s.method, expand(s.params)), s.code, s.msg);
-    for (const std::string& log : s.logs) tstest::ExpectOneLog(expand(log));
+    for (const std::string& log : s.logs) ExpectOneLog(expand(log));
     std::istringstream after(s.after);
     for (std::string t; after >> t;) {
       const long id = std::stol(ids[t[0]]);
-      EXPECT_EQ(tstest::TaskExists(id), t[1] != 'x') << t;
+      EXPECT_EQ(TaskExists(id), t[1] != 'x') << t;
       if (t[1] == '+' || t[1] == '-') {
-        EXPECT_EQ(tstest::TaskEnabled(id), t[1] == '+') << t;
+        EXPECT_EQ(TaskEnabled(id), t[1] == '+') << t;
       }
     }
   }
@@ -160,15 +150,15 @@ Json::Value WaitForLastRun(long id) {
 }
 
 TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const std::string runner = std::string(ORVA_BUILD_DIR) + "/bin/orva-schedrun";
   ASSERT_EQ(access(runner.c_str(), X_OK), 0) << runner;
   ASSERT_EQ(symlink(runner.c_str(), (root.path() + "/usr/orva/bin/orva-schedrun").c_str()), 0);
-  tstest::TestUser alice;
+  TestUser alice;
   ASSERT_TRUE(alice.Ok());
-  const long ids[] = {tstest::AddTask({}), tstest::AddTask({}), tstest::AddTask({})};
+  const long ids[] = {AddTask({}), AddTask({}), AddTask({})};
   const long mine =
-      tstest::AddTask({.name = "alice's", .command = "test \"$(id -un)\" = " + alice.Name(), .byUser = alice.Name()});
+      AddTask({.name = "alice's", .command = "test \"$(id -un)\" = " + alice.Name(), .byUser = alice.Name()});
   Reply r = Call(1, "run", "{\"task\": [" + std::to_string(ids[0]) + ", " + std::to_string(ids[1]) + "]}");
   ASSERT_TRUE(r.success) << r.envelope;
   r = Call(2, "run", "{\"tasks\": [{\"id\": " + std::to_string(mine) + ", \"real_owner\": \"" + alice.Name() + "\"}]}");
@@ -184,7 +174,7 @@ TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
   ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(ids[2]), untouched), 0);
   EXPECT_TRUE(untouched["last_run"].isNull());
   // "view" reports what the store records.
-  r = Call(1, "view", tstest::IdParams(mine));
+  r = Call(1, "view", IdParams(mine));
   ASSERT_TRUE(r.success);
   EXPECT_EQ(r.data["last_run"]["result"], "success");
 }

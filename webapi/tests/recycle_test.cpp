@@ -7,13 +7,11 @@
 #include "ORVA.Core.TaskScheduler.Recycle.h"
 #include "test_support.h"
 
+using namespace orvatest;
+
 namespace {
 
-using tstest::Call;
-using tstest::IdParams;
-using tstest::Parse;
-using tstest::Record;
-using Direct = tstest::Direct<TaskSchedulerRecycleHandler>;
+using Direct = orvatest::Direct<TaskSchedulerRecycleHandler>;
 
 const char kAll[] = "#share:share_clean_all_recycle_bin#";
 
@@ -88,14 +86,14 @@ const struct FlatCase {
 };
 
 TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
-  tstest::TempRoot root;
-  root.WriteFile("etc/orva/shares.json", R"([{"name": "docs"}, {"name": "media"}, {"name": "a b"}, {"name": "x"},
+  ModuleRoot root;
+  root.Write("etc/orva/shares.json", R"([{"name": "docs"}, {"name": "media"}, {"name": "a b"}, {"name": "x"},
                                              {"name": "y$z"}, {"name": "-t"}])");
   for (const FlatCase& c : kFlatCases) {
     SCOPED_TRACE(c.app);
-    tstest::ClearLogs();
+    ClearLogs();
     Direct d;
-    _tag_orva_sched_task_ record = tstest::FreshRecord();
+    _tag_orva_sched_task_ record = FreshRecord();
     Json::Value in;
     in["app"] = Parse(c.app);
     const bool ok = d.handler.ConvertFromJson_App(in, record);
@@ -107,44 +105,36 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
     EXPECT_EQ(ok, c.command != nullptr);
     EXPECT_EQ(std::string(record.command), c.command ? std::string("/usr/orva/bin/orvarecycle") + c.command : "");
     EXPECT_EQ(std::string(record.action), c.command ? c.action : "");
-    EXPECT_EQ(tstest::LogCount(), c.command ? 0u : 1u);
-    if (!c.command) {
-      auto lines = tstest::LogsWith(c.action);
-      ASSERT_EQ(lines.size(), 1u);
-      EXPECT_EQ(lines[0].priority, LOG_ERR);
-      EXPECT_EQ(lines[0].text.rfind("ORVA.Core.TaskScheduler.Recycle:", 0), 0u) << lines[0].text;
-    }
+    EXPECT_EQ(LogCount(), c.command ? 0u : 1u);
+    if (!c.command) EXPECT_TRUE(ExpectOneLog(c.action, LOG_ERR).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
   }
 }
 
 TEST(ModuleRecycle, ForbiddenExtensionCharactersFailWhileTheExceptionIsOn) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   for (const char* ext :
        {"tar.gz", "a b", "x^", "a\\b", "a?", "a/b", "a:b", "a*", "a`", "a$", "a\"", "a>", "a<", "a|"}) {
-    for (const char* check : {"on", "off"}) {
-      SCOPED_TRACE(std::string(ext) + " " + check);
-      tstest::ClearLogs();
+    for (const bool on : {true, false}) {
+      SCOPED_TRACE(std::string(ext) + (on ? " on" : " off"));
+      ClearLogs();
       Direct d;
-      _tag_orva_sched_task_ record = tstest::FreshRecord();
+      _tag_orva_sched_task_ record = FreshRecord();
       Json::Value in;
       in["app"] = Parse(R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension": [{"file_ext": "ok"}]}})");
-      in["app"]["advconfig"]["reserve_policy_extension_check"] = check;
+      in["app"]["advconfig"]["reserve_policy_extension_check"] = on ? "on" : "off";
       in["app"]["advconfig"]["reserve_policy_extension"][1]["file_ext"] = ext;
-      const bool on = std::string(check) == "on";
       EXPECT_EQ(d.handler.ConvertFromJson_App(in, record), !on);
       if (!on) continue;
       EXPECT_STREQ(record.command, "");
-      const std::vector<tstest::LogLine> logs = tstest::Logs();
-      ASSERT_EQ(logs.size(), 2u);
-      EXPECT_NE(logs[0].text.find(std::string("Invalid file extension arguments [") + ext + "]"), std::string::npos)
-          << logs[0].text;
-      EXPECT_NE(logs[1].text.find("Failed to check clean policy, json app={"), std::string::npos) << logs[1].text;
+      EXPECT_EQ(LogCount(), 2u);
+      ExpectOneLog(std::string("Invalid file extension arguments [") + ext + "]");
+      ExpectOneLog("Failed to check clean policy, json app={");
     }
   }
 }
 
 // The shares of the root's shares.json whose recycle bin is on, blank-separated.
-std::string BinsOn(const tstest::TempRoot& root) {
+std::string BinsOn(const ModuleRoot& root) {
   std::ifstream in(root.path() + "/etc/orva/shares.json");
   std::stringstream text;
   text << in.rdbuf();
@@ -176,31 +166,28 @@ TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.mode) + " " + c.shares);
-    tstest::TempRoot root;
-    root.WriteFile("etc/orva/shares.json", kShares);
+    ModuleRoot root;
+    root.Write("etc/orva/shares.json", kShares);
     Direct d;
     EXPECT_TRUE(d.handler.EnableRecycleBin(Parse(c.shares), Json::Value(c.mode)));
     EXPECT_EQ(BinsOn(root), c.on);
-    auto lines = tstest::LogsWith("ORVA.Core.TaskScheduler.Recycle:");
-    ASSERT_EQ(lines.size(), c.log ? 1u : 0u);
-    if (c.log) {
-      EXPECT_NE(lines[0].text.find(c.log), std::string::npos) << lines[0].text;
-    }
+    EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Recycle:").size(), c.log ? 1u : 0u);
+    if (c.log) EXPECT_TRUE(ExpectOneLog(c.log).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
   }
   // A share list that cannot be read fails the enumeration.
-  tstest::TempRoot root;
-  root.WriteFile("etc/orva/shares.json", "{broken");
+  ModuleRoot root;
+  root.Write("etc/orva/shares.json", "{broken");
   Direct d;
   EXPECT_FALSE(d.handler.EnableRecycleBin(Json::Value(Json::arrayValue), Json::Value("all")));
-  EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler.Recycle:").size(), 1u);
-  tstest::ExpectOneLog("enum share failed");
+  EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Recycle:").size(), 1u);
+  ExpectOneLog("enum share failed");
 }
 
 // Saving with "enableRecycle" switches the bins on at once; the flag is not stored.
 TEST(ModuleRecycle, CreateWithEnableRecycleSwitchesBinsAndDoesNotStoreIt) {
-  tstest::TempRoot root;
-  root.WriteFile("etc/orva/shares.json", kShares);
-  const long id = tstest::Create("recycle", Parse(R"({"enableRecycle": "select",
+  ModuleRoot root;
+  root.Write("etc/orva/shares.json", kShares);
+  const long id = Create("recycle", Parse(R"({"enableRecycle": "select",
                                  "clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]}})"));
   EXPECT_EQ(BinsOn(root), "docs web");
   const _tag_orva_sched_task_ r = Record(id);
@@ -210,12 +197,12 @@ TEST(ModuleRecycle, CreateWithEnableRecycleSwitchesBinsAndDoesNotStoreIt) {
 }
 
 long AddRecycleTask(const Json::Value& flat) {
-  return tstest::AddTask({.app = "ORVA.VEK.TaskScheduler.Recycle", .appArgs = Json::FastWriter().write(flat)});
+  return AddTask({.app = "ORVA.VEK.TaskScheduler.Recycle", .appArgs = Json::FastWriter().write(flat)});
 }
 
 // Stored flat object -> form on get.
 TEST(ModuleRecycle, GetReshapesTheStoredObject) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const char* none = R"("reserve_policy": {"size_greater_check": false, "size_smaller_check": false,
                                            "extension_check": false})";
   const std::pair<std::string, std::string> cases[] = {
@@ -240,7 +227,7 @@ TEST(ModuleRecycle, GetReshapesTheStoredObject) {
   };
   for (const auto& [stored, form] : cases) {
     SCOPED_TRACE(stored);
-    tstest::Reply got = Call(2, "get", IdParams(AddRecycleTask(Parse(stored))));
+    Reply got = Call(2, "get", IdParams(AddRecycleTask(Parse(stored))));
     ASSERT_TRUE(got.success) << got.envelope;
     EXPECT_EQ(got.data["extra"], Parse(form)) << got.data["extra"].toStyledString();
     EXPECT_EQ(got.data["type"], "recycle");
@@ -249,8 +236,8 @@ TEST(ModuleRecycle, GetReshapesTheStoredObject) {
 
 // Set merges the form into the stored flat object; values of the wrong type are skipped.
 TEST(ModuleRecycle, SetMergesTheFormIntoTheStoredObject) {
-  tstest::TempRoot root;
-  root.WriteFile("etc/orva/shares.json", R"([{"name": "a"}, {"name": "b"}, {"name": "c"}])");
+  ModuleRoot root;
+  root.Write("etc/orva/shares.json", R"([{"name": "a"}, {"name": "b"}, {"name": "c"}])");
   const Json::Value stored = Parse(R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a"],
       "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "7",
       "clean_policy_by_size_sort_type": "Delete old files first", "clean_policy_by_time_day": "3",
@@ -285,9 +272,7 @@ TEST(ModuleRecycle, SetMergesTheFormIntoTheStoredObject) {
   for (const auto& [form, changes] : cases) {
     SCOPED_TRACE(form);
     const long id = AddRecycleTask(stored);
-    Json::Value params = tstest::TaskObject("recycle", Parse(form));
-    params["id"] = static_cast<Json::Int64>(id);
-    tstest::Reply set = Call(2, "set", params);
+    Reply set = Call(2, "set", SetObject(id, "recycle", Parse(form)));
     ASSERT_TRUE(set.success) << set.envelope;
     EXPECT_EQ(set.data, Parse(IdParams(id)));
     Json::Value expected = stored;
@@ -299,37 +284,29 @@ TEST(ModuleRecycle, SetMergesTheFormIntoTheStoredObject) {
   }
 }
 
-// What the form shows after a set is what it sent; a rejected set keeps the stored task.
+// What the form shows after a create is what it sent; a rejected set keeps the stored task.
 TEST(ModuleRecycle, FormRoundTripThroughSetAndGet) {
-  tstest::TempRoot root;
-  root.WriteFile("etc/orva/shares.json", kShares);
+  ModuleRoot root;
+  root.Write("etc/orva/shares.json", kShares);
   const Json::Value form = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": ["docs", "media"]},
       "clean_file_policy": {"policy": "size", "size": 100, "sort_type": 1,
         "reserve_policy": {"size_greater_check": false, "size_smaller_check": true, "size_smaller": 1,
                            "extension_check": true, "extension": [{"file_ext": "doc"}, {"file_ext": "pdf"}]}}})");
-  const long id = tstest::Create("recycle", form);
-  EXPECT_STREQ(Record(id).command,
-               "/usr/orva/bin/orvarecycle --clean docs media -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576");
-  tstest::Reply got = Call(2, "get", IdParams(id));
+  const long id = Create("recycle", form);
+  const std::string command =
+      "/usr/orva/bin/orvarecycle --clean docs media -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576";
+  EXPECT_EQ(Record(id).command, command);
+  Reply got = Call(2, "get", IdParams(id));
   ASSERT_TRUE(got.success);
   EXPECT_EQ(got.data["extra"], form) << got.data["extra"].toStyledString();
 
-  // A set that changes only the policy keeps the shares and exceptions.
-  Json::Value params = tstest::TaskObject("recycle", Parse(R"({"clean_file_policy": {"policy": "time", "time": 9}})"));
-  params["id"] = static_cast<Json::Int64>(id);
-  ASSERT_TRUE(Call(2, "set", params).success);
-  const std::string kept = "/usr/orva/bin/orvarecycle --clean docs media -t 9 -file_ext=doc.pdf -l 1048576";
-  EXPECT_EQ(Record(id).command, kept);
-
-  tstest::ClearLogs();
-  params["extra"] = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": []}})");
-  tstest::Reply set = Call(2, "set", params);
-  EXPECT_FALSE(set.success);
-  EXPECT_EQ(set.code, 117);
-  EXPECT_EQ(set.data, Parse(R"({"msg": "Invalid (app) object"})"));
-  tstest::ExpectOneLog("error selected_shares");
-  EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
-  EXPECT_EQ(Record(id).command, kept);
+  // A set that the kind refuses keeps the stored task.
+  ClearLogs();
+  const Json::Value none = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": []}})");
+  ExpectReply(Call(2, "set", SetObject(id, "recycle", none)), 117, "Invalid (app) object");
+  ExpectOneLog("error selected_shares");
+  EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
+  EXPECT_EQ(Record(id).command, command);
 }
 
 }  // namespace

@@ -4,9 +4,11 @@
 
 #include "test_support.h"
 
+using namespace orvatest;
+
 namespace {
 
-std::string ActionOf(const tstest::Reply& r, const std::string& name) {
+std::string ActionOf(const Reply& r, const std::string& name) {
   for (const Json::Value& t : r.data["tasks"]) {
     if (t["name"] == name) return t["action"].asString();
   }
@@ -14,13 +16,13 @@ std::string ActionOf(const tstest::Reply& r, const std::string& name) {
 }
 
 TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
-  tstest::TempRoot root;
-  tstest::SetEventTasks(Json::Value(Json::arrayValue));
+  ModuleRoot root;
+  SetEventTasks(Json::Value(Json::arrayValue));
   root.WriteTexts("en", R"({"common": {"start_service": "Start service", "stop_service": "Stop service"},
                             "network": {"win_share_service": "Windows file service"}})");
   ASSERT_EQ(rmdir((root.path() + "/var/lib/orva/packages").c_str()), 0);
 
-  tstest::TaskSeed service;
+  TaskSeed service;
   service.name = "svc";
   service.app = "ORVA.VEK.TaskScheduler.Service";
   service.appName = "#service:service_subject#";
@@ -30,65 +32,65 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
       R"({"name":"FileXfer","display_name":"","enabled":false,"service_type":1},)"
       R"({"name":"pkga","display_name":"Old Name","enabled":true,"service_type":2}]})";
   service.action = R"(#common:start_service#: "WinShare" "Old Name")";
-  long serviceId = tstest::AddTask(service);
+  long serviceId = AddTask(service);
   ASSERT_GT(serviceId, 0);
-  tstest::AddTask({.name = "beep", .app = "ORVA.VEK.TaskScheduler.Beep", .action = "WinShare #common:stop_service#"});
+  AddTask({.name = "beep", .app = "ORVA.VEK.TaskScheduler.Beep", .action = "WinShare #common:stop_service#"});
 
   // A stored action so long that the rewritten one would not fit: it stays as it is.
-  tstest::TaskSeed full = service;
+  TaskSeed full = service;
   full.name = "full";
   std::string head = R"(#common:start_service#: "WinShare" ")";
   full.action = head + std::string(ORVA_SCHED_ACTION_MAX - 2 - head.size(), 'p') + "\"";
   ASSERT_EQ(full.action.size(), static_cast<size_t>(ORVA_SCHED_ACTION_MAX - 1));
-  ASSERT_GT(tstest::AddTask(full), 0);
+  ASSERT_GT(AddTask(full), 0);
 
   // 1. Packages cannot be enumerated: the stored action, rewritten and translated, and
   //    the two log lines.
-  tstest::ClearLogs();
-  tstest::Reply r = tstest::Call(2, "list", Json::Value(Json::objectValue));
+  ClearLogs();
+  Reply r = Call(2, "list", Json::Value(Json::objectValue));
   ASSERT_TRUE(r.success) << r.envelope;
   EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "Old Name")");
   EXPECT_EQ(ActionOf(r, "beep"), "WinShare Stop service");
   EXPECT_EQ(ActionOf(r, "full"), "Start service" + full.action.substr(strlen("#common:start_service#")));
-  auto replaceLogs = tstest::LogsWith("replace string failed");
+  auto replaceLogs = LogsWith("replace string failed");
   ASSERT_EQ(replaceLogs.size(), 1u);
   EXPECT_EQ(replaceLogs[0].text, "ORVA.Core.TaskScheduler:174 replace string failed");
   // Every service task of the listing tries the enumeration again.
-  auto enumLogs = tstest::LogsWith("ORVA.Core.TaskScheduler:190 Failed to enum packages");
+  auto enumLogs = LogsWith("ORVA.Core.TaskScheduler:190 Failed to enum packages");
   ASSERT_EQ(enumLogs.size(), 2u);
   EXPECT_EQ(enumLogs[0].priority, LOG_ERR);
-  auto fallback = tstest::LogsWith("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
+  auto fallback = LogsWith("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
                                    std::to_string(serviceId) + "]");
   ASSERT_EQ(fallback.size(), 1u);
-  EXPECT_EQ(tstest::LogsWith(":214 Unable to update service task package display names [").size(), 2u);
+  EXPECT_EQ(LogsWith(":214 Unable to update service task package display names [").size(), 2u);
   EXPECT_EQ(fallback[0].priority, LOG_WARNING);
 
   // 2. The package appears renamed: the next listing enumerates again and shows the new
   //    name; the stored task keeps the old one. Unparsable arguments fall back.
-  root.WriteFile("var/lib/orva/packages/pkga/package.json",
+  root.Write("var/lib/orva/packages/pkga/package.json",
                  R"({"name":"pkga","display_name":"New Name","version":"1.0","service":true,)"
                  R"("control":{"start":"true","stop":"true"}})");
-  tstest::TaskSeed broken = service;
+  TaskSeed broken = service;
   broken.name = "broken";
   broken.appArgs = "not json";
   broken.action = "#common:stop_service#: \"WinShare\"";
-  long brokenId = tstest::AddTask(broken);
-  tstest::ClearLogs();
-  r = tstest::Call(2, "list", Json::Value(Json::objectValue));
+  long brokenId = AddTask(broken);
+  ClearLogs();
+  r = Call(2, "list", Json::Value(Json::objectValue));
   ASSERT_TRUE(r.success) << r.envelope;
   EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
-  EXPECT_EQ(std::string(tstest::Record(serviceId).action), R"(#common:start_service#: "WinShare" "Old Name")");
+  EXPECT_EQ(std::string(Record(serviceId).action), R"(#common:start_service#: "WinShare" "Old Name")");
   EXPECT_EQ(ActionOf(r, "broken"), "Stop service: \"Windows file service\"");
-  EXPECT_EQ(tstest::LogsWith("Failed to enum packages").size(), 0u);
+  EXPECT_EQ(LogsWith("Failed to enum packages").size(), 0u);
   const std::string brokenTag = "[" + std::to_string(brokenId) + "]";
-  tstest::ExpectOneLog("ORVA.Core.TaskScheduler:201 Failed to convert service task app args from json " + brokenTag);
-  tstest::ExpectOneLog(":214 Unable to update service task package display names " + brokenTag);
+  ExpectOneLog("ORVA.Core.TaskScheduler:201 Failed to convert service task app args from json " + brokenTag);
+  ExpectOneLog(":214 Unable to update service task package display names " + brokenTag);
 
   // 3. Renamed again: this process keeps what it enumerated first.
-  root.WriteFile("var/lib/orva/packages/pkga/package.json",
+  root.Write("var/lib/orva/packages/pkga/package.json",
                  R"({"name":"pkga","display_name":"Newest Name","version":"1.1","service":true,)"
                  R"("control":{"start":"true","stop":"true"}})");
-  r = tstest::Call(1, "list", Json::Value(Json::objectValue));
+  r = Call(1, "list", Json::Value(Json::objectValue));
   ASSERT_TRUE(r.success) << r.envelope;
   EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
 }

@@ -6,27 +6,25 @@
 #include "ORVA.Core.TaskScheduler.Service.h"
 #include "test_support.h"
 
+using namespace orvatest;
+
 namespace {
 
-using tstest::Call;
-using tstest::IdParams;
-using tstest::Parse;
-using tstest::Record;
 namespace ts = ORVA::Core::TaskScheduler;
 
-void AddPackage(const tstest::TempRoot& root, const std::string& name, const std::string& manifest) {
-  root.WriteFile("var/lib/orva/packages/" + name + "/package.json", manifest);
+void AddPackage(const ModuleRoot& root, const std::string& name, const std::string& manifest) {
+  root.Write("var/lib/orva/packages/" + name + "/package.json", manifest);
 }
 
 // Three packages: one offered with a display name, one not offered, one unreadable.
-void StandardPackages(const tstest::TempRoot& root) {
+void StandardPackages(const ModuleRoot& root) {
   AddPackage(root, "alpha", R"({"name": "alpha", "display_name": "Alpha Pro", "service": true})");
   AddPackage(root, "beta", R"({"name": "beta", "display_name": "Beta", "service": false})");
   AddPackage(root, "gamma", "{broken");
 }
 
 long AddServiceTask(const std::string& appArgs) {
-  return tstest::AddTask({.app = "ORVA.VEK.TaskScheduler.Service", .appArgs = appArgs});
+  return AddTask({.app = "ORVA.VEK.TaskScheduler.Service", .appArgs = appArgs});
 }
 
 TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
@@ -38,25 +36,23 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
   };
   for (const auto& [conf, unixShare] : confs) {
     SCOPED_TRACE(conf);
-    tstest::TempRoot root;
-    root.WriteFile("etc/orva/orva.conf", conf);
+    ModuleRoot root;
+    root.Write("etc/orva/orva.conf", conf);
     StandardPackages(root);
     Json::Value packages(Json::arrayValue);
     ASSERT_TRUE(ts::EnumInstalledPackagesAsJson(packages));
     EXPECT_EQ(packages, Parse(R"([{"display_name": "Alpha Pro", "enabled": false, "name": "alpha", "service_type": 2},
                                   {"display_name": "gamma", "enabled": false, "name": "gamma", "service_type": 2}])"));
-    tstest::Reply got = Call(2, "get", R"({"id": -1, "type": "service"})");
+    Reply got = Call(2, "get", R"({"id": -1, "type": "service"})");
     ASSERT_TRUE(got.success) << got.envelope;
     Json::Value want = Parse(R"({"action": "stop", "services": []})");
     std::vector<std::string> ids = {"WinShare", "MacShare", "PrinterBeacon", "LoginGuard",
                                     "FileXfer", "FileXferTls", "FileXferSsh", "ClockServer"};
     if (unixShare) ids.insert(ids.begin() + 3, "UnixShare");
     // Each one offered can be started and stopped through the installed services.json.
-    const Json::Value installed = Parse(orvatest::Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
+    const Json::Value installed = Parse(Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
     for (const std::string& id : ids) {
       EXPECT_TRUE(installed[id]["start"].isString() && installed[id]["stop"].isString()) << id;
-    }
-    for (const std::string& id : ids) {
       Json::Value& e = want["services"].append(Parse(R"({"type": "service", "enable": false})"));
       e["id"] = e["name"] = id;
     }
@@ -97,10 +93,10 @@ const struct {
 };
 
 TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   for (const auto& c : kFromCases) {
     SCOPED_TRACE(c.app);
-    _tag_orva_sched_task_ record = tstest::FreshRecord();
+    _tag_orva_sched_task_ record = FreshRecord();
     Json::Value json;
     json["app"] = Parse(c.app);
     EXPECT_EQ(ts::ServiceTaskAppArgsFromJson(json, record), c.command != nullptr);
@@ -115,22 +111,20 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
     EXPECT_STREQ(record.action, c.action ? c.action : "");
   }
   // The package list handed to the reverse direction must be an array.
-  _tag_orva_sched_task_ record = tstest::FreshRecord();
+  _tag_orva_sched_task_ record = FreshRecord();
   Json::Value json;
-  tstest::ClearLogs();
+  ClearLogs();
   EXPECT_FALSE(ts::ServiceTaskAppArgsToJson(record, Json::Value(Json::objectValue), json));
   EXPECT_TRUE(json.isNull());
-  auto lines = tstest::LogsWith("ORVA.Core.TaskScheduler.Service:");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].text.find(" Package list must be json array."), std::string::npos);
+  EXPECT_TRUE(ExpectOneLog("ORVA.Core.TaskScheduler.Service:").ends_with(" Package list must be json array."));
 }
 
 // The stored selection follows the installed packages: gone ones drop out, new ones join
 // unselected, display names are today's.
 TEST(ModuleService, SelectionFollowsInstalledPackages) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   StandardPackages(root);
-  const long id = tstest::Create("service", Parse(R"({"action": "start", "services": [
+  const long id = Create("service", Parse(R"({"action": "start", "services": [
       {"id": "WinShare", "enable": true}, {"id": "alpha", "enable": true}, {"id": "gamma", "enable": true}]})"));
   EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --start-service WinShare;\n"
                                    "/usr/orva/bin/orvapkg start alpha;\n/usr/orva/bin/orvapkg start gamma;\n");
@@ -141,7 +135,7 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
   AddPackage(root, "alpha", R"({"name": "alpha", "display_name": "Alpha Next", "service": true})");
   AddPackage(root, "delta", R"({"name": "delta", "control": {"start": "a", "stop": "b"}})");
   AddPackage(root, "aaa", R"({"name": "aaa", "display_name": "First", "service": true})");
-  tstest::Reply got = Call(2, "get", IdParams(id));
+  Reply got = Call(2, "get", IdParams(id));
   ASSERT_TRUE(got.success) << got.envelope;
   const Json::Value& services = got.data["extra"]["services"];
   EXPECT_EQ(got.data["extra"]["action"], "start");
@@ -153,19 +147,17 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
   EXPECT_EQ(services[10], Parse(R"({"type": "package", "id": "delta", "name": "delta", "enable": false})"));
 
   // A set that only changes the action keeps the selection as it is now.
-  Json::Value params = tstest::TaskObject("service", Parse(R"({"action": "stop"})"));
-  params["id"] = static_cast<Json::Int64>(id);
-  ASSERT_TRUE(Call(2, "set", params).success);
+  ASSERT_TRUE(Call(2, "set", SetObject(id, "service", Parse(R"({"action": "stop"})"))).success);
   EXPECT_STREQ(Record(id).command,
                "/usr/orva/bin/orvaschedtool --stop-service WinShare;\n/usr/orva/bin/orvapkg stop alpha;\n");
   EXPECT_STREQ(Record(id).action, "#common:stop_service#: \"WinShare\" \"Alpha Next\"");
 }
 
 TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   StandardPackages(root);
   const Json::Value form = Parse(R"({"action": "stop", "services": [{"id": "MacShare", "enable": true}]})");
-  const std::string before = Record(tstest::Create("service", form)).app_args;
+  const std::string before = Record(Create("service", form)).app_args;
   const std::pair<const char*, const char*> cases[] = {  // form, command after it (null: refused)
       {R"({"action": "start"})", "/usr/orva/bin/orvaschedtool --start-service MacShare;\n"},
       {R"({"services": [{"id": "MacShare", "enable": false}, {"id": "nosuch", "enable": true},
@@ -182,25 +174,22 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
   for (const auto& [form, command] : cases) {
     SCOPED_TRACE(form);
     const long id = AddServiceTask(before);  // each case starts from the same stored task
-    tstest::ClearLogs();
-    Json::Value params = tstest::TaskObject("service", Parse(form));
-    params["id"] = static_cast<Json::Int64>(id);
-    tstest::Reply set = Call(2, "set", params);
-    EXPECT_EQ(set.success, command != nullptr) << set.envelope;
+    ClearLogs();
+    const Reply set = Call(2, "set", SetObject(id, "service", Parse(form)));
     if (command) {
+      EXPECT_TRUE(set.success) << set.envelope;
       EXPECT_STREQ(Record(id).command, command);
       continue;
     }
-    EXPECT_EQ(set.code, 4800);
-    EXPECT_EQ(set.data, Parse(R"({"msg": "invalid (app) object"})"));
-    tstest::ExpectOneLog("Convert task from json (app) failed.");
+    ExpectReply(set, 4800, "invalid (app) object");
+    ExpectOneLog("Convert task from json (app) failed.");
     EXPECT_EQ(std::string(Record(id).app_args), before);
     EXPECT_STREQ(Record(id).command, "true");
   }
 }
 
 TEST(ModuleService, GetOfStoredForms) {
-  tstest::TempRoot root;
+  ModuleRoot root;
   const std::pair<const char*, const char*> cases[] = {  // stored, action shown (null: fails)
       {R"({"service_action": "2", "service_store": [{"name": "WinShare", "enabled": true, "service_type": 1}]})",
        "start"},
@@ -211,29 +200,25 @@ TEST(ModuleService, GetOfStoredForms) {
   for (const auto& [stored, action] : cases) {
     SCOPED_TRACE(stored);
     const long id = AddServiceTask(stored);
-    tstest::ClearLogs();
-    tstest::Reply got = Call(2, "get", IdParams(id));
-    EXPECT_EQ(got.success, action != nullptr) << got.envelope;
+    ClearLogs();
+    const Reply got = Call(2, "get", IdParams(id));
     if (action) {
-      EXPECT_EQ(got.data["extra"]["action"], action);
+      EXPECT_EQ(got.data["extra"]["action"], action) << got.envelope;
       continue;
     }
-    EXPECT_EQ(got.code, 117);
-    EXPECT_EQ(got.data, Parse(R"({"msg": "Failed to convert app object"})"));
-    EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
-    tstest::ExpectOneLog("Convert task from json (app) failed. [0x");
+    ExpectReply(got, 117, "Failed to convert app object");
+    EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
+    ExpectOneLog("Convert task from json (app) failed. [0x");
   }
   // Packages that cannot be enumerated fail the get.
   const long id = AddServiceTask(R"({"service_action": "0", "service_store": []})");
   rmdir((root.path() + "/var/lib/orva/packages").c_str());
-  tstest::ClearLogs();
-  tstest::Reply got = Call(2, "get", IdParams(id));
-  EXPECT_EQ(got.code, 117);
-  EXPECT_EQ(got.data, Parse(R"({"msg": "Failed to convert app object"})"));
-  EXPECT_EQ(tstest::LogsWith("ORVA.Core.TaskScheduler.Service:").size(), 2u);
-  tstest::ExpectOneLog(" init PackageManager failed");
-  tstest::ExpectOneLog(" Failed to enum packages");
-  tstest::ExpectOneLog("convert task to json (app) faield. id:[" + std::to_string(id) + "] [0x");
+  ClearLogs();
+  ExpectReply(Call(2, "get", IdParams(id)), 117, "Failed to convert app object");
+  EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Service:").size(), 2u);
+  ExpectOneLog(" init PackageManager failed");
+  ExpectOneLog(" Failed to enum packages");
+  ExpectOneLog("convert task to json (app) faield. id:[" + std::to_string(id) + "] [0x");
 }
 
 }  // namespace

@@ -21,7 +21,7 @@
 namespace {
 
 std::mutex gLogMutex;
-std::vector<tstest::LogLine> gLogs;
+std::vector<orvatest::LogLine> gLogs;
 
 void Capture(int priority, const char* format, va_list ap) {
   char buffer[8192];
@@ -50,7 +50,7 @@ void __syslog_chk(int priority, int, const char* format, ...) {
 void __vsyslog_chk(int priority, int, const char* format, va_list ap) { Capture(priority, format, ap); }
 }
 
-namespace tstest {
+namespace orvatest {
 
 std::vector<LogLine> Logs() {
   std::lock_guard<std::mutex> lock(gLogMutex);
@@ -70,7 +70,24 @@ std::vector<LogLine> LogsWith(const std::string& needle) {
   return out;
 }
 
-TempRoot::TempRoot() : orvatest::TempRoot("orvat-module") {
+std::string ExpectOneLog(const std::string& needle, int priority) {
+  const std::vector<LogLine> lines = LogsWith(needle);
+  EXPECT_EQ(lines.size(), 1u) << needle;
+  if (lines.size() != 1) return "";
+  if (priority >= 0) EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
+  return lines[0].text;
+}
+
+void ExpectReply(const Reply& r, int code, const std::string& msg) {
+  EXPECT_EQ(r.replies, 1);
+  EXPECT_EQ(r.success, code == 0) << r.envelope;
+  EXPECT_EQ(r.code, code);
+  Json::Value want;
+  if (!msg.empty()) want["msg"] = msg;
+  EXPECT_EQ(r.data, want);
+}
+
+ModuleRoot::ModuleRoot() : TempRoot("orvat-module") {
   chmod(path().c_str(), 0755);  // runs as other users traverse it
   for (const char* sub : {"usr/orva/bin", "usr/orva/lib/webapi", "usr/orva/orvaman/webman/texts/en",
                           "var/lib/orva/packages", "run/orva"}) {
@@ -81,14 +98,14 @@ TempRoot::TempRoot() : orvatest::TempRoot("orvat-module") {
   ClearLogs();
 }
 
-void TempRoot::WriteTexts(const std::string& lang, const std::string& json) const {
-  WriteFile("usr/orva/orvaman/webman/texts/" + lang + "/strings.json", json);
+void ModuleRoot::WriteTexts(const std::string& lang, const std::string& json) const {
+  Write("usr/orva/orvaman/webman/texts/" + lang + "/strings.json", json);
 }
 
-void TempRoot::WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& json) const {
+void ModuleRoot::WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& json) const {
   const std::string dir = "usr/orva/orvaman/webman/3rdparty/" + app;
-  WriteFile(dir + "/config.json", "{\"namespace\": \"" + nameSpace + "\"}");
-  WriteFile(dir + "/texts/en/strings.json", json);
+  Write(dir + "/config.json", "{\"namespace\": \"" + nameSpace + "\"}");
+  Write(dir + "/texts/en/strings.json", json);
 }
 
 const ORVA::APITableRow* FindRow(int version, const std::string& method) {
@@ -112,13 +129,6 @@ Reply Call(int version, const std::string& method, const Json::Value& params, co
   reply.data = response.GetData();
   reply.envelope = response.GetEnvelope();
   return reply;
-}
-
-Json::Value ServerCall(int version, const std::string& method, const Json::Value& params) {
-  const ORVA::APITableRow* row = FindRow(version, method);
-  if (!row) return Json::Value();
-  ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, "admin", "en");
-  return ORVA::APIRegistry::Instance().Call(*row, request);
 }
 
 Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name) {
@@ -232,4 +242,4 @@ void SetEventTasks(const Json::Value& data, bool reply) {
 
 int EventListCalls() { return gEventCalls; }
 
-}  // namespace tstest
+}  // namespace orvatest

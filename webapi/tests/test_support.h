@@ -19,7 +19,7 @@
 
 extern "C" ORVA::APITableRow gTable[];
 
-namespace tstest {
+namespace orvatest {
 
 // ---- syslog of the whole process (syslog, vsyslog and their _chk forms are interposed) ----
 struct LogLine {
@@ -30,19 +30,19 @@ std::vector<LogLine> Logs();
 void ClearLogs();
 std::vector<LogLine> LogsWith(const std::string& needle);  // lines containing `needle`
 inline size_t LogCount() { return Logs().size(); }
-inline void ExpectOneLog(const std::string& needle) { EXPECT_EQ(LogsWith(needle).size(), 1u) << needle; }
+// Exactly one line holds `needle`; it was logged at `priority` (-1: any). Its text, or "".
+std::string ExpectOneLog(const std::string& needle, int priority = -1);
 
 // ---- a private system root with configuration, an empty store and UI texts ----
-class TempRoot : public orvatest::TempRoot {
+class ModuleRoot : public TempRoot {
  public:
-  TempRoot();
-  void WriteFile(const std::string& relative, const std::string& content) const { Write(relative, content); }
+  ModuleRoot();
   void WriteTexts(const std::string& lang, const std::string& json) const;
   // A 3rd-party app's own texts under namespace `nameSpace`.
   void WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& json) const;
 };
 
-inline Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
+inline Json::Value Parse(const std::string& text) { return ParseJson(text); }
 inline std::string IdParams(long id) { return "{\"id\": " + std::to_string(id) + "}"; }
 
 // ---- calls of the entry functions, in-process ----
@@ -62,11 +62,18 @@ inline Reply Call(int version, const std::string& method, const std::string& par
 inline Reply Call(int version, const std::string& method, const char* params) {
   return Call(version, method, Parse(params));
 }
-// Through the registry as the server calls: the envelope, a throwing module answered by 100.
-Json::Value ServerCall(int version, const std::string& method, const Json::Value& params);
+
+// One reply with `code`, success only for 0, and data {"msg": msg} (null for an empty `msg`).
+void ExpectReply(const Reply& r, int code, const std::string& msg = "");
 
 // A task object of a create or set request, as the edit dialog sends it.
 Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name = "t1");
+// The same for a set of task `id`.
+inline Json::Value SetObject(long id, const std::string& type, const Json::Value& extra) {
+  Json::Value task = TaskObject(type, extra);
+  task["id"] = static_cast<Json::Int64>(id);
+  return task;
+}
 // "create" of `type`; the new id or -1.
 long Create(const std::string& type, const Json::Value& extra, int version = 2);
 
@@ -97,8 +104,6 @@ int StoredCount();                      // every stored task
 void SetEventTasks(const Json::Value& data, bool reply = true);
 int EventListCalls();
 
-using TestUser = orvatest::TestUser;
-
 // A handler of kind H around a request with `params`, for calling its operations directly.
 template <typename H>
 struct Direct {
@@ -111,4 +116,4 @@ struct Direct {
   H handler;
 };
 
-}  // namespace tstest
+}  // namespace orvatest

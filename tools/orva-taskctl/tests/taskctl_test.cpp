@@ -13,17 +13,25 @@
 
 namespace {
 
+Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
+
 class TaskctlTest : public ::testing::Test {
  protected:
   orvatest::Result Run(std::vector<std::string> args) {
     args.insert(args.begin(), {ORVA_TASKCTL_PATH, "--root", temp_.path()});
     return orvatest::Spawn(args, temp_.path());
   }
-  static Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
   Json::Value Show(long id) {
     orvatest::Result r = Run({"show", std::to_string(id)});
     EXPECT_EQ(r.status, 0) << r.err;
     return Parse(r.out);
+  }
+  // The ids that "list" prints, one JSON object a line.
+  std::vector<long> Listed() {
+    std::istringstream lines(Run({"list"}).out);
+    std::vector<long> ids;
+    for (std::string line; std::getline(lines, line);) ids.push_back(Parse(line)["id"].asInt());
+    return ids;
   }
 
   orvatest::TempRoot temp_{"orva-taskctl-test"};
@@ -72,17 +80,9 @@ TEST_F(TaskctlTest, AddShowListRemove) {
   EXPECT_EQ(mine["can_run_app_same_time"], true);
   EXPECT_NE(mine["next_trigger_time"], "N/A");  // daily from today
 
-  auto listed = [&] {
-    orvatest::Result list = Run({"list"});
-    EXPECT_EQ(list.status, 0) << list.err;
-    std::istringstream lines(list.out);
-    std::vector<long> ids;
-    for (std::string line; std::getline(lines, line);) ids.push_back(Parse(line)["id"].asInt());
-    return ids;
-  };
-  EXPECT_EQ(listed(), (std::vector<long>{1, 40}));
+  EXPECT_EQ(Listed(), (std::vector<long>{1, 40}));
   EXPECT_EQ(Run({"remove", "1"}).status, 0);
-  EXPECT_EQ(listed(), (std::vector<long>{40}));
+  EXPECT_EQ(Listed(), (std::vector<long>{40}));
   EXPECT_EQ(Run({"remove", "1"}).status, 1);
   EXPECT_EQ(Run({"show", "1"}).status, 1);
   EXPECT_EQ(Run({"show", "-1"}).status, 1);

@@ -64,6 +64,12 @@ TEST_F(SchedToolTest, StartAndStopServices) {
   r = orvatest::Spawn({"/bin/sh", "-c", kTool + " --root " + root_ + " --start-service " + word}, root_);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(Has("odd"));
+
+  // Without a speaker device the buzzer says what it did instead.
+  r = Run({"--beep", "1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(r.out.rfind("beeped 1 second(s) through the PC speaker", 0) == 0 ||
+              r.out.find("rang the console bell") != std::string::npos) << r.out;
 }
 
 struct FailCase {
@@ -76,19 +82,13 @@ TEST_F(SchedToolTest, FailuresAndUsage) {
   const std::vector<FailCase> cases = {
       {{"--start-service", "WinShare", "NoSuch"}, 1, "unknown service \"NoSuch\""},
       {{"--stop-service", "winshare"}, 1, "unknown service \"winshare\""},
-      {{"--start-service", "Broken"}, 1, "failed with status 4"},
-      {{"--stop-service", "Broken"}, 1, "killed by signal 9"},
-      {{"--stop-service", "NoStop"}, 1, "has no stop command"},
-      {{}, 2, "one of --beep"},
-      {{"--start-service"}, 2, "at least one service"},
-      {{"--beep"}, 2, "1 to 600"},
-      {{"--beep", "0"}, 2, "1 to 600"},
-      {{"--beep", "601"}, 2, "1 to 600"},
-      {{"--beep", "5s"}, 2, "1 to 600"},
+      {{"--start-service", "Broken"}, 1, "failed with status 4"}, {{"--stop-service", "Broken"}, 1, "killed by signal 9"},
+      {{"--stop-service", "NoStop"}, 1, "has no stop command"}, {{}, 2, "one of --beep"},
+      {{"--start-service"}, 2, "at least one service"}, {{"--beep"}, 2, "1 to 600"}, {{"--beep", "0"}, 2, "1 to 600"},
+      {{"--beep", "601"}, 2, "1 to 600"}, {{"--beep", "5s"}, 2, "1 to 600"},
       {{"--beep", "1", "--start-service", "WinShare"}, 2, "only one of"},
       {{"--start-service", "WinShare", "--device", "/dev/null"}, 2, "--device goes with --beep"},
-      {{"--frobnicate"}, 2, "unexpected argument"},
-      {{"--beep", "1", "--device", "/dev/null"}, 1, "cannot play a tone"},
+      {{"--frobnicate"}, 2, "unexpected argument"}, {{"--beep", "1", "--device", "/dev/null"}, 1, "cannot play a tone"},
   };
   for (const FailCase& c : cases) {
     SCOPED_TRACE(orvatest::Shown(c.args));
@@ -102,14 +102,6 @@ TEST_F(SchedToolTest, FailuresAndUsage) {
   const Result r = Run({"--start-service", "WinShare"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("services.json"), std::string::npos);
-}
-
-TEST_F(SchedToolTest, BeepSaysWhatItDid) {
-  const Result r = Run({"--beep", "1"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  const bool speaker = r.out.rfind("beeped 1 second(s) through the PC speaker", 0) == 0;
-  const bool bell = r.out.find("rang the console bell") != std::string::npos;
-  EXPECT_TRUE(speaker || bell) << r.out;
 }
 
 // With uinput a virtual speaker shows the exact tone events: on, then off.
