@@ -151,7 +151,9 @@ TEST(ModuleFrame, ViewAnswersTheStoresRunStatus) {
     }
     ExpectReply(r, c.code, c.code == 117 ? "get run status failed" : "");
     // The entry's refusal logs exactly one line and calls nothing else.
-    if (c.code == 4800) EXPECT_EQ(LogCount(), 1u);
+    if (c.code == 4800) {
+      EXPECT_EQ(LogCount(), 1u);
+    }
     const std::string line = ExpectOneLog(c.log, LOG_ERR);
     EXPECT_TRUE(c.code == 4800 ? line == c.log : line.starts_with(c.log)) << line;
   }

@@ -1,5 +1,9 @@
 // "list", versions 1 and 2: paging, sorting, version filter, event tasks and the items.
+#include <sqlite3.h>
+#include <string.h>
+
 #include <algorithm>
+#include <fstream>
 
 #include "test_support.h"
 
@@ -227,3 +231,50 @@ TEST_F(ModuleList, StoreFailureIs117AndEventsAreNotAsked) {
 }
 
 }  // namespace
+
+namespace {
+
+long StatusKiB(const char* key) {
+  std::ifstream in("/proc/self/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind(key, 0) == 0) return std::stol(line.substr(strlen(key)));
+  }
+  return -1;
+}
+
+}  // namespace
+
+// A listing of 10,000 tasks stays within 40 MB of growth and gives the memory back when
+// the request ends. (Memory, not time.)
+TEST_F(ModuleList, TenThousandTasksStayWithinTheMemoryBound) {
+  const std::string script(300, 's');
+  const long id = AddTask({.name = "t", .action = "#common:run#: " + script, .command = script,
+                                   .appArgs = "{\"script\":\"" + script + "\"}"});
+  // The other 9,999 as copies of it, in one transaction.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(ORVASchedStoreDbPath().c_str(), &db), SQLITE_OK);
+  std::string columns;
+  sqlite3_stmt* st = nullptr;
+  sqlite3_prepare_v2(db, "SELECT name FROM pragma_table_info('tasks') WHERE name != 'id'", -1, &st, nullptr);
+  while (sqlite3_step(st) == SQLITE_ROW) {
+    columns += std::string(columns.empty() ? "" : ",") + reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
+  }
+  sqlite3_finalize(st);
+  const std::string clone =
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 9999) INSERT INTO tasks(" + columns +
+      ") SELECT " + columns + " FROM tasks, n WHERE id = " + std::to_string(id);
+  ASSERT_EQ(sqlite3_exec(db, clone.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  sqlite3_close(db);
+
+  Call(2, "list", R"({"limit": 1})");  // what every first request sets up once, and kept memory
+  const long idle = StatusKiB("VmRSS:");
+  std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts from here
+  Reply r = Call(2, "list", R"({"offset": 5000, "limit": 50, "sort_by": "action"})");
+  ASSERT_TRUE(r.success) << r.envelope;
+  EXPECT_EQ(r.data["total"], 10000);
+  EXPECT_EQ(r.data["tasks"][0]["action"].asString().size(), strlen("Run: ") + script.size());
+  const long peak = StatusKiB("VmHWM:"), after = StatusKiB("VmRSS:");
+  EXPECT_LE(peak - idle, 40 * 1000 * 1000 / 1024) << "peak growth KiB";
+  EXPECT_LE(after - idle, 5 * 1000 * 1000 / 1024) << "growth kept after the request, KiB";
+}

@@ -106,7 +106,9 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
     EXPECT_EQ(std::string(record.command), c.command ? std::string("/usr/orva/bin/orvarecycle") + c.command : "");
     EXPECT_EQ(std::string(record.action), c.command ? c.action : "");
     EXPECT_EQ(LogCount(), c.command ? 0u : 1u);
-    if (!c.command) EXPECT_TRUE(ExpectOneLog(c.action, LOG_ERR).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
+    if (!c.command) {
+      EXPECT_TRUE(ExpectOneLog(c.action, LOG_ERR).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
+    }
   }
 }
 
@@ -172,7 +174,9 @@ TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
     EXPECT_TRUE(d.handler.EnableRecycleBin(Parse(c.shares), Json::Value(c.mode)));
     EXPECT_EQ(BinsOn(root), c.on);
     EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Recycle:").size(), c.log ? 1u : 0u);
-    if (c.log) EXPECT_TRUE(ExpectOneLog(c.log).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
+    if (c.log) {
+      EXPECT_TRUE(ExpectOneLog(c.log).starts_with("ORVA.Core.TaskScheduler.Recycle:"));
+    }
   }
   // A share list that cannot be read fails the enumeration.
   ModuleRoot root;

@@ -74,7 +74,9 @@ std::string ExpectOneLog(const std::string& needle, int priority) {
   const std::vector<LogLine> lines = LogsWith(needle);
   EXPECT_EQ(lines.size(), 1u) << needle;
   if (lines.size() != 1) return "";
-  if (priority >= 0) EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
+  if (priority >= 0) {
+    EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
+  }
   return lines[0].text;
 }
 
