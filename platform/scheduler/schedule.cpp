@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "core/log.h"
 #include "core/lookup_epoch.h"
 #include "internal.h"
 
@@ -107,7 +108,7 @@ time_t WallToInstant(int64_t wall) {
 
 bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& s) {
   auto bad = [](const char* what) {
-    syslog(LOG_ERR, "%s:%d invalid schedule: %s", __FILE_NAME__, __LINE__, what);
+    ORVA_LOG(LOG_ERR, "invalid schedule: %s", what);
     return false;
   };
   bool ok = true;

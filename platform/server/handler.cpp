@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "core/conf.h"
+#include "core/json_read.h"
+#include "core/log.h"
 #include "core/lookup_epoch.h"
 #include "core/root.h"
 #include "core/user.h"
@@ -38,16 +40,6 @@ std::string WriteJson(const Json::Value& v) {
   std::ostringstream out;
   writer->write(v, &out);
   return out.str();
-}
-
-Json::CharReader& StrictReader() {
-  static const std::unique_ptr<Json::CharReader> reader = [] {
-    Json::CharReaderBuilder b;
-    Json::CharReaderBuilder::strictMode(&b.settings_);
-    b["stackLimit"] = kJsonDepthLimit + 8;
-    return std::unique_ptr<Json::CharReader>(b.newCharReader());
-  }();
-  return *reader;
 }
 
 // The configured default language, read again only when orva.conf changes.
@@ -113,14 +105,6 @@ std::string CookieValue(const Request& req, const std::string& name) {
   return "";
 }
 
-std::string UserNameOf(uid_t uid) {
-  PORVAUSER user = nullptr;
-  std::string name;
-  if (ORVAUserGetByUID(uid, &user) >= 0 && user != nullptr && user->szName != nullptr) name = user->szName;
-  ORVAUserFree(user);
-  return name;
-}
-
 std::string SetCookieValue(const std::string& id) {
   if (id.empty()) {
     return std::string(kSessionCookie) + "=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict";
@@ -152,9 +136,9 @@ void NoteLogin(const Json::Value& envelope, const Json::Value& params, const Pee
   const Json::Value& code = envelope["error"]["code"];
   if (code != 401 && code != 402) return;  // a malformed request guesses nothing
   const int failures = store.LoginFailed(keys);
-  syslog(LOG_NOTICE, "%s:%d failed login %s from %s (%d in a row; the next waits %.1f s)", __FILE_NAME__, __LINE__,
-         keys.size() > 1 ? ("of \"" + params["account"].asString() + "\"").c_str() : "with a token",
-         keys[0].c_str() + 8, failures, ORVA::SessionStore::LoginDelay(failures));
+  ORVA_LOG(LOG_NOTICE, "failed login %s from %s (%d in a row; the next waits %.1f s)",
+           keys.size() > 1 ? ("of \"" + params["account"].asString() + "\"").c_str() : "with a token",
+           keys[0].c_str() + 8, failures, ORVA::SessionStore::LoginDelay(failures));
 }
 
 Response HandleEntry(const Request& req, const Peer& peer) {
@@ -162,17 +146,12 @@ Response HandleEntry(const Request& req, const Peer& peer) {
   const bool keep = req.keep_alive();
   const std::string& body = req.body();
   if (JsonDepth(body, kJsonDepthLimit) > kJsonDepthLimit) {
-    syslog(LOG_WARNING, "%s:%d request nested deeper than %d refused", __FILE_NAME__, __LINE__, kJsonDepthLimit);
+    ORVA_LOG(LOG_WARNING, "request nested deeper than %d refused", kJsonDepthLimit);
     return ErrorResponse(ORVA::WEBAPI_ERR_BAD_REQUEST, ver, keep);
   }
   Json::Value root;
   std::string errs;
-  bool parsed = false;
-  try {
-    parsed = StrictReader().parse(body.data(), body.data() + body.size(), &root, &errs);
-  } catch (const std::exception&) {
-    parsed = false;
-  }
+  const bool parsed = ORVA::JsonParse(body, &root, &errs);
   if (!parsed || !root.isObject() || !root["api"].isString() || root["api"].asString().empty() ||
       !(root["version"].type() == Json::intValue || root["version"].type() == Json::uintValue) ||
       !root["version"].isInt() || !root["method"].isString() || root["method"].asString().empty() ||
@@ -195,9 +174,9 @@ Response HandleEntry(const Request& req, const Peer& peer) {
   std::string sessionLang;
   bool csrfRefused = false;
   if (peer.local) {
-    user = UserNameOf(peer.uid);
+    user = ORVA::UserName(peer.uid);
     if (user.empty()) {
-      syslog(LOG_WARNING, "%s:%d uid %u on the socket has no account", __FILE_NAME__, __LINE__, peer.uid);
+      ORVA_LOG(LOG_WARNING, "uid %u on the socket has no account", peer.uid);
     }
   } else {
     std::string cookie = CookieValue(req, kSessionCookie);
@@ -220,8 +199,7 @@ Response HandleEntry(const Request& req, const Peer& peer) {
       return ErrorResponse(csrfRefused ? ORVA::WEBAPI_ERR_PERMISSION : ORVA::WEBAPI_ERR_NOT_LOGGED_IN, ver, keep);
     }
     if (level == ORVA::API_AUTH_ADMIN && ORVAUserIsAdmin(user.c_str()) != 1) {
-      syslog(LOG_NOTICE, "%s:%d %s may not call %s v%d %s", __FILE_NAME__, __LINE__, user.c_str(), api.c_str(), version,
-             method.c_str());
+      ORVA_LOG(LOG_NOTICE, "%s may not call %s v%d %s", user.c_str(), api.c_str(), version, method.c_str());
       return ErrorResponse(ORVA::WEBAPI_ERR_PERMISSION, ver, keep);
     }
   }
@@ -281,7 +259,7 @@ Response HandleStatic(const Request& req) {
   }
   close(fd);
   if (got != content.size()) {
-    syslog(LOG_ERR, "%s:%d short read of %s", __FILE_NAME__, __LINE__, file.c_str());
+    ORVA_LOG(LOG_ERR, "short read of %s", file.c_str());
     return TextResponse(http::status::internal_server_error, "Read error\n", ver, false);
   }
   Response res{http::status::ok, ver};
@@ -417,7 +395,7 @@ bool ResolveStaticPath(const std::string& target, std::string* file, int* status
   std::string realStr = real;
   if (realStr.compare(0, baseStr.size(), baseStr) != 0 || realStr.size() <= baseStr.size() ||
       (baseStr != "/" && realStr[baseStr.size()] != '/')) {
-    syslog(LOG_WARNING, "%s:%d refused %s: it leads out of the webman folder", __FILE_NAME__, __LINE__, target.c_str());
+    ORVA_LOG(LOG_WARNING, "refused %s: it leads out of the webman folder", target.c_str());
     return false;
   }
   if (stat(real, &st) != 0 || !S_ISREG(st.st_mode)) return false;
@@ -434,13 +412,9 @@ double LoginWaitSeconds(const Request& req, const Peer& peer) {
   }
   Json::Value root;
   std::string errs;
-  try {
-    if (!StrictReader().parse(body.data(), body.data() + body.size(), &root, &errs) || !root.isObject() ||
-        !IsLogin(root["api"].isString() ? root["api"].asString() : "",
-                 root["method"].isString() ? root["method"].asString() : "")) {
-      return 0;
-    }
-  } catch (const std::exception&) {
+  if (!ORVA::JsonParse(body, &root, &errs) || !root.isObject() ||
+      !IsLogin(root["api"].isString() ? root["api"].asString() : "",
+               root["method"].isString() ? root["method"].asString() : "")) {
     return 0;
   }
   return ORVA::SessionStore::Instance().LoginWait(LoginKeys(root["params"], peer));

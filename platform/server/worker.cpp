@@ -16,6 +16,7 @@
 #include <optional>
 #include <set>
 
+#include "core/log.h"
 #include "core/root.h"
 #include "server.h"
 #include "webapi/registry.h"
@@ -78,8 +79,7 @@ class ThrottledLog {
     ++count_;
     const Clock::time_point now = Clock::now();
     if (logged_ && now - last_ < std::chrono::seconds(10)) return;
-    syslog(LOG_WARNING, "%s:%d %s: %s (%d time(s) since the last report)", __FILE_NAME__, __LINE__, what_,
-           detail.c_str(), count_);
+    ORVA_LOG(LOG_WARNING, "%s: %s (%d time(s) since the last report)", what_, detail.c_str(), count_);
     logged_ = true;
     last_ = now;
     count_ = 0;
@@ -213,11 +213,11 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
 
   void ReadFailed(beast::error_code ec) {
     if (ec == http::error::body_limit) {
-      syslog(LOG_WARNING, "%s:%d request body over %zu bytes refused", __FILE_NAME__, __LINE__, kBodyLimit);
+      ORVA_LOG(LOG_WARNING, "request body over %zu bytes refused", kBodyLimit);
       return Reply(ErrorResponse(ORVA::WEBAPI_ERR_TOO_LARGE, 11, false));
     }
     if (ec == http::error::header_limit) {
-      syslog(LOG_WARNING, "%s:%d request header over %zu bytes refused", __FILE_NAME__, __LINE__, kHeaderLimit);
+      ORVA_LOG(LOG_WARNING, "request header over %zu bytes refused", kHeaderLimit);
       Response res{http::status::request_header_fields_too_large, 11};
       res.keep_alive(false);
       res.prepare_payload();
@@ -375,7 +375,7 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
           ucred cred{};
           socklen_t len = sizeof cred;
           if (getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
-            syslog(LOG_ERR, "%s:%d SO_PEERCRED failed: %m", __FILE_NAME__, __LINE__);
+            ORVA_LOG(LOG_ERR, "SO_PEERCRED failed: %m");
             beast::error_code ignored;
             socket.close(ignored);
             return self->Accept();
@@ -434,7 +434,7 @@ int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts, const WorkerLoad&
       tcpListener->Start();
     }
   } catch (const std::exception& e) {
-    syslog(LOG_ERR, "%s:%d worker cannot use the listening sockets: %s", __FILE_NAME__, __LINE__, e.what());
+    ORVA_LOG(LOG_ERR, "worker cannot use the listening sockets: %s", e.what());
     return 1;
   }
 

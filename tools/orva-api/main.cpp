@@ -14,6 +14,7 @@
 #include <boost/beast/http.hpp>
 #include <json/json.h>
 
+#include "core/json_read.h"
 #include "core/root.h"
 
 namespace asio = boost::asio;
@@ -31,13 +32,6 @@ void Usage(FILE* out) {
           "  --root DIR   system root (default: $ORVA_ROOT, else /)\n"
           "  --help       this text\n"
           "Example: orva-api ORVA.API.Info 1 query\n");
-}
-
-bool ParseJson(const std::string& text, Json::Value* out, std::string* errs) {
-  Json::CharReaderBuilder b;
-  Json::CharReaderBuilder::strictMode(&b.settings_);
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  return r->parse(text.data(), text.data() + text.size(), out, errs);
 }
 
 }  // namespace
@@ -75,7 +69,7 @@ int main(int argc, char** argv) {
   if (nargs == 4) {
     Json::Value params;
     std::string errs;
-    if (!ParseJson(argv[optind + 3], &params, &errs) || !params.isObject()) {
+    if (!ORVA::JsonParse(argv[optind + 3], &params, &errs) || !params.isObject()) {
       fprintf(stderr, "orva-api: PARAMS-JSON must be a JSON object: %s\n", errs.c_str());
       return 2;
     }
@@ -102,7 +96,7 @@ int main(int argc, char** argv) {
     const std::string& text = parser.get().body();
     Json::Value reply;
     std::string errs;
-    if (!ParseJson(text, &reply, &errs) || !reply.isObject()) {
+    if (!ORVA::JsonParse(text, &reply, &errs) || !reply.isObject()) {
       fprintf(stderr, "orva-api: the server's reply is not JSON (HTTP %u): %s\n", parser.get().result_int(),
               text.c_str());
       return 2;

@@ -6,18 +6,17 @@
 #include <string.h>
 #include <syslog.h>
 
-#include <memory>
 #include <string>
 
+#include "core/json_read.h"
 #include "core/kelc.h"
 #include "core/root.h"
 #include "core/user.h"
 #include "scheduler/task.h"
 #include "scheduler/task_json.h"
+#include "scheduler/task_ptr.h"
 
 namespace {
-
-using TaskPtr = std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)>;
 
 void Usage(FILE* out) {
   fprintf(out,
@@ -42,14 +41,6 @@ std::string StoreError() {
   char buf[64];
   snprintf(buf, sizeof(buf), " [0x%04X %s:%d]", KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
   return buf;
-}
-
-std::string UserName(unsigned uid) {
-  PORVAUSER u = nullptr;
-  std::string name;
-  if (ORVAUserGetByUID(uid, &u) == 0) name = u->szName;
-  ORVAUserFree(u);
-  return name;
 }
 
 bool UserUid(const std::string& name, unsigned& uid) {
@@ -84,9 +75,9 @@ Json::Value ToJson(const ORVA_SCHED_TASK& t) {
   o["app_args"] = ORVASchedTaskGetAppArgs(t);
   o["edit_form"] = ORVASchedTaskGetEditForm(t);
   o["event"] = ORVASchedTaskGetEvent(t);
-  o["owner"] = UserName(ORVASchedTaskGetOwner(t));
+  o["owner"] = ORVA::UserName(ORVASchedTaskGetOwner(t));
   bool byUser = ORVASchedTaskGetMarker(t) == ORVA_SCHED_MARKER_BY_USER;
-  o["real_owner"] = byUser ? Json::Value(UserName(ORVASchedTaskGetRealOwner(t))) : Json::Value();
+  o["real_owner"] = byUser ? Json::Value(ORVA::UserName(ORVASchedTaskGetRealOwner(t))) : Json::Value();
   o["enabled"] = ORVASchedTaskIsEnabled(t);
   o["listable"] = ORVASchedTaskIsListable(t);
   o["can_edit_from_ui"] = ORVASchedTaskIsCanEditFromUI(t);
@@ -112,11 +103,8 @@ typedef void (*FlagSetter)(ORVA_SCHED_TASK*, int);
 
 int Add(const char* text) {
   Json::Value in;
-  Json::CharReaderBuilder rb;
-  rb["strictRoot"] = true;
   std::string errs;
-  std::unique_ptr<Json::CharReader> reader(rb.newCharReader());
-  if (!reader->parse(text, text + strlen(text), &in, &errs) || !in.isObject()) {
+  if (!ORVA::JsonParse(text, &in, &errs) || !in.isObject()) {
     return Error("the task must be a JSON object");
   }
   static const struct {
@@ -148,7 +136,7 @@ int Add(const char* text) {
       {"can_run_app_same_time", ORVASchedCTaskSetCanRunAppSameTime},
       {"can_run_task_same_time", ORVASchedCTaskSetCanRunTaskSameTime},
   };
-  TaskPtr task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  ORVASchedTaskPtr task(ORVASchedTaskAllocFast());
   if (!task) return Error("out of memory");
   ORVA_SCHED_TASK* t = task.get();
 
@@ -216,7 +204,7 @@ int Add(const char* text) {
 }
 
 int Show(long id) {
-  TaskPtr task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  ORVASchedTaskPtr task(ORVASchedTaskAllocFast());
   if (!task) return Error("out of memory");
   if (id == -1 || ORVASchedTaskLoad(id, task.get()) != 0) {
     return Error("no task " + std::to_string(id) + StoreError());

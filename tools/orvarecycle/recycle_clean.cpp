@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include "core/log.h"
+
 namespace orvarecycle {
 namespace {
 
@@ -87,7 +89,7 @@ void Walk(int dirFd, dev_t dev, std::vector<std::string>& prefix, const Options&
           std::vector<Entry>& out, Stats& stats) {
   std::vector<std::string> names;
   if (!ListNames(dirFd, names)) {
-    syslog(LOG_ERR, "cannot read folder .recycle/%s: %m", Joined(prefix).c_str());
+    ORVA_LOG(LOG_ERR, "cannot read folder .recycle/%s: %m", Joined(prefix).c_str());
     ++stats.errors;
     return;
   }
@@ -96,7 +98,7 @@ void Walk(int dirFd, dev_t dev, std::vector<std::string>& prefix, const Options&
     struct stat st;
     if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       if (errno != ENOENT) {
-        syslog(LOG_ERR, "cannot stat .recycle/%s/%s: %m", Joined(prefix).c_str(), name.c_str());
+        ORVA_LOG(LOG_ERR, "cannot stat .recycle/%s/%s: %m", Joined(prefix).c_str(), name.c_str());
         ++stats.errors;
       }
       continue;
@@ -104,23 +106,22 @@ void Walk(int dirFd, dev_t dev, std::vector<std::string>& prefix, const Options&
     prefix.push_back(name);
     if (S_ISDIR(st.st_mode)) {
       if (st.st_dev != dev) {
-        syslog(LOG_WARNING, "not entering .recycle/%s: another file system is mounted there",
-               Joined(prefix).c_str());
+        ORVA_LOG(LOG_WARNING, "not entering .recycle/%s: another file system is mounted there", Joined(prefix).c_str());
         ++stats.skippedMounts;
       } else if (prefix.size() > static_cast<size_t>(kMaxDepth)) {
-        syslog(LOG_ERR, "not entering .recycle/%s: deeper than %d folders", Joined(prefix).c_str(), kMaxDepth);
+        ORVA_LOG(LOG_ERR, "not entering .recycle/%s: deeper than %d folders", Joined(prefix).c_str(), kMaxDepth);
         ++stats.errors;
       } else {
         const int sub = OpenSubdir(dirFd, name.c_str());
         struct stat sst;
         if (sub < 0) {
           if (errno != ENOENT) {
-            syslog(LOG_ERR, "cannot open .recycle/%s: %m", Joined(prefix).c_str());
+            ORVA_LOG(LOG_ERR, "cannot open .recycle/%s: %m", Joined(prefix).c_str());
             ++stats.errors;
           }
         } else if (fstat(sub, &sst) != 0 || sst.st_dev != st.st_dev || sst.st_ino != st.st_ino) {
           // Replaced between the stat and the open: leave it for the next run.
-          syslog(LOG_WARNING, "folder .recycle/%s changed while being read; skipped", Joined(prefix).c_str());
+          ORVA_LOG(LOG_WARNING, "folder .recycle/%s changed while being read; skipped", Joined(prefix).c_str());
           close(sub);
         } else {
           Walk(sub, dev, prefix, opts, out, stats);
@@ -187,7 +188,7 @@ Outcome Delete(ParentCache& parents, const Entry& e, Stats& stats) {
   const std::string shown = Joined(e.path);
   const int fd = parents.Open(e.path);
   if (fd < 0) {
-    syslog(LOG_ERR, "cannot reach .recycle/%s: %m", shown.c_str());
+    ORVA_LOG(LOG_ERR, "cannot reach .recycle/%s: %m", shown.c_str());
     return Outcome::Failed;
   }
   struct stat st;
@@ -195,18 +196,18 @@ Outcome Delete(ParentCache& parents, const Entry& e, Stats& stats) {
     if (errno == ENOENT) {
       return Outcome::Gone;
     }
-    syslog(LOG_ERR, "cannot stat .recycle/%s: %m", shown.c_str());
+    ORVA_LOG(LOG_ERR, "cannot stat .recycle/%s: %m", shown.c_str());
     return Outcome::Failed;
   }
   if (st.st_dev != e.dev || st.st_ino != e.ino || S_ISDIR(st.st_mode)) {
-    syslog(LOG_WARNING, ".recycle/%s changed since it was read; left in place", shown.c_str());
+    ORVA_LOG(LOG_WARNING, ".recycle/%s changed since it was read; left in place", shown.c_str());
     return Outcome::LeftInPlace;
   }
   if (unlinkat(fd, e.path.back().c_str(), 0) != 0) {
     if (errno == ENOENT) {
       return Outcome::Gone;
     }
-    syslog(LOG_ERR, "cannot delete .recycle/%s: %m", shown.c_str());
+    ORVA_LOG(LOG_ERR, "cannot delete .recycle/%s: %m", shown.c_str());
     return Outcome::Failed;
   }
   ++stats.removedFiles;
@@ -236,7 +237,7 @@ void RemoveEmptyFolders(int dirFd, dev_t dev, std::vector<std::string>& prefix, 
     if (unlinkat(dirFd, name.c_str(), AT_REMOVEDIR) == 0) {
       ++stats.removedDirs;
     } else if (errno != ENOTEMPTY && errno != EEXIST && errno != ENOENT) {
-      syslog(LOG_ERR, "cannot remove folder .recycle/%s: %m", Joined(prefix).c_str());
+      ORVA_LOG(LOG_ERR, "cannot remove folder .recycle/%s: %m", Joined(prefix).c_str());
       ++stats.errors;
     }
     prefix.pop_back();
@@ -445,7 +446,7 @@ std::vector<size_t> SelectForDeletion(const std::vector<Entry>& entries, const O
 bool CleanBin(int binFd, const Options& opts, time_t now, Stats& stats) {
   struct stat st;
   if (fstat(binFd, &st) != 0) {
-    syslog(LOG_ERR, "cannot stat the recycle bin: %m");
+    ORVA_LOG(LOG_ERR, "cannot stat the recycle bin: %m");
     ++stats.errors;
     return false;
   }

@@ -18,11 +18,13 @@
 #include <json/json.h>
 
 #include <algorithm>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "core/json_read.h"
+#include "core/log.h"
 #include "core/root.h"
+#include "core/shell.h"
 
 namespace {
 
@@ -49,12 +51,12 @@ volatile sig_atomic_t gStop = 0;
 void OnSignal(int) { gStop = 1; }
 
 void Fail(const std::string& msg) {
-  syslog(LOG_ERR, "%s", msg.c_str());
+  ORVA_LOG(LOG_ERR, "%s", msg.c_str());
   fprintf(stderr, "orvaschedtool: %s\n", msg.c_str());
 }
 
 void Info(const std::string& msg) {
-  syslog(LOG_INFO, "%s", msg.c_str());
+  ORVA_LOG(LOG_INFO, "%s", msg.c_str());
   printf("%s\n", msg.c_str());
   fflush(stdout);
 }
@@ -175,36 +177,16 @@ int Beep(int seconds, const std::string& device) {
   return 1;
 }
 
-int RunShell(const std::string& command) {
-  fflush(stdout);
-  fflush(stderr);
-  const pid_t pid = fork();
-  if (pid < 0) {
-    return -1;
-  }
-  if (pid == 0) {
-    signal(SIGTERM, SIG_DFL);
-    signal(SIGINT, SIG_DFL);
-    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return status;
-}
-
 int Services(bool start, const std::vector<std::string>& ids) {
   const std::string file = ORVA::ORVAPathMap("/etc/orva/services.json");
-  std::ifstream in(file);
-  if (!in) {
+  Json::Value services;
+  std::string errs;
+  const bool read = ORVA::JsonReadFile(file, &services, &errs);
+  if (!read && errno != EINVAL) {
     Fail("cannot read " + file + ": " + strerror(errno));
     return 1;
   }
-  Json::CharReaderBuilder builder;
-  Json::Value services;
-  std::string errs;
-  if (!Json::parseFromStream(builder, in, &services, &errs) || !services.isObject()) {
+  if (!read || !services.isObject()) {
     Fail("malformed " + file + (errs.empty() ? ": not an object" : ": " + errs));
     return 1;
   }
@@ -229,7 +211,10 @@ int Services(bool start, const std::vector<std::string>& ids) {
   }
   int failed = 0;
   for (const std::string& id : todo) {
-    const int status = RunShell(services[id][verb].asString());
+    const int status = ORVA::RunShell(services[id][verb].asString(), [] {
+      signal(SIGTERM, SIG_DFL);
+      signal(SIGINT, SIG_DFL);
+    });
     if (status == 0) {
       Info(std::string(start ? "started" : "stopped") + " service " + id);
       continue;
