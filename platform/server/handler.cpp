@@ -60,7 +60,7 @@ std::string DefaultLanguage() {
 // Every reply: the page may not be framed (clickjacking), types are not sniffed, and
 // nothing leaks in a Referer. The policy allows what the page uses: its own files (ES
 // modules, the style sheet, icons, texts) and calls to its own origin; no inline code.
-void SetSecurityHeaders(Response& res) {
+void SetSecurityHeaders(http::fields& res) {
   res.set("Content-Security-Policy",
           "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'self'");
   res.set("X-Content-Type-Options", "nosniff");
@@ -234,7 +234,8 @@ const char* ContentType(const std::string& path) {
   return "application/octet-stream";
 }
 
-Response HandleStatic(const Request& req) {
+// Sent from the open file: nothing is read into memory first.
+AnyResponse HandleStatic(const Request& req) {
   const unsigned ver = req.version();
   const bool keep = req.keep_alive();
   std::string file;
@@ -243,33 +244,36 @@ Response HandleStatic(const Request& req) {
     return TextResponse(static_cast<http::status>(status), status == 400 ? "Bad request\n" : "Not found\n", ver,
                         keep);
   }
-  int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   struct stat st;
   if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     if (fd >= 0) close(fd);
     return TextResponse(http::status::not_found, "Not found\n", ver, keep);
   }
-  std::string content(static_cast<size_t>(st.st_size), '\0');
-  size_t got = 0;
-  while (got < content.size()) {
-    ssize_t n = read(fd, content.data() + got, content.size() - got);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    got += static_cast<size_t>(n);
+  auto headers = [&](auto& res) {
+    res.set(http::field::content_type, ContentType(file));
+    SetSecurityHeaders(res);
+    res.set(http::field::cache_control, "no-cache");
+    res.keep_alive(keep);
+  };
+  if (req.method() == http::verb::head) {  // the length alone: a file body would be sent
+    close(fd);
+    Response res{http::status::ok, ver};
+    headers(res);
+    res.content_length(st.st_size);
+    return res;
   }
-  close(fd);
-  if (got != content.size()) {
-    ORVA_LOG(LOG_ERR, "short read of %s", file.c_str());
+  FileResponse res{http::status::ok, ver};
+  headers(res);
+  boost::beast::file f;
+  f.native_handle(fd);
+  boost::beast::error_code ec;
+  res.body().reset(std::move(f), ec);
+  if (ec) {
+    ORVA_LOG(LOG_ERR, "cannot read %s: %s", file.c_str(), ec.message().c_str());
     return TextResponse(http::status::internal_server_error, "Read error\n", ver, false);
   }
-  Response res{http::status::ok, ver};
-  res.set(http::field::content_type, ContentType(file));
-  SetSecurityHeaders(res);
-  res.set(http::field::cache_control, "no-cache");
-  res.keep_alive(keep);
-  res.body() = std::move(content);
   res.prepare_payload();
-  if (req.method() == http::verb::head) res.body().clear();
   return res;
 }
 
@@ -420,7 +424,7 @@ double LoginWaitSeconds(const Request& req, const Peer& peer) {
   return ORVA::SessionStore::Instance().LoginWait(LoginKeys(root["params"], peer));
 }
 
-Response HandleRequest(const Request& req, const Peer& peer) {
+AnyResponse HandleRequest(const Request& req, const Peer& peer) {
   ORVALookupEpochNext();  // nothing cached for an earlier request is reused
   std::string target(req.target());
   std::string path = target.substr(0, target.find('?'));

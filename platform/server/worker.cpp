@@ -254,22 +254,25 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
     }
     Request req = std::move(*held_);
     held_.reset();
-    Response res = HandleRequest(req, peer_);
-    if (gDraining) res.keep_alive(false);
+    AnyResponse res = HandleRequest(req, peer_);
+    if (gDraining) std::visit([](auto& r) { r.keep_alive(false); }, res);
     Reply(std::move(res));
   }
 
-  void Reply(Response res) {
-    res_ = std::make_shared<Response>(std::move(res));
+  void Reply(AnyResponse res) {
+    res_ = std::make_shared<AnyResponse>(std::move(res));
     stream_.expires_after(std::chrono::seconds(t_.writeSeconds));
     auto self = this->shared_from_this();
-    http::async_write(stream_, *res_, [self](beast::error_code ec, size_t) {
-      bool keep = self->res_->keep_alive();
-      self->res_.reset();
-      if (ec) return self->Close();
-      if (!keep) return self->LingerClose();
-      self->WaitForRequest();
-    });
+    std::visit(
+        [&](auto& r) {
+          http::async_write(stream_, r, [self, keep = r.keep_alive()](beast::error_code ec, size_t) {
+            self->res_.reset();
+            if (ec) return self->Close();
+            if (!keep) return self->LingerClose();
+            self->WaitForRequest();
+          });
+        },
+        *res_);
   }
 
   // Half-closes and reads what the client still sends (a refused large body) before
@@ -307,7 +310,7 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<Request> held_;
-  std::shared_ptr<Response> res_;
+  std::shared_ptr<AnyResponse> res_;
   Peer peer_;
   Timeouts t_;
   bool idle_ = false;
