@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <netdb.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -27,6 +26,7 @@
 
 #include "core/file.h"
 #include "core/log.h"
+#include "core/options.h"
 #include "core/root.h"
 #include "server.h"
 #include "webapi/session.h"
@@ -187,21 +187,22 @@ struct Supervisor {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string root;
   std::string listenSpec;
   int nworkers = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
   if (nworkers < 1) nworkers = 1;
   orvad::Timeouts timeouts;
   static const option opts[] = {
-      {"root", required_argument, nullptr, 'r'},           {"listen", required_argument, nullptr, 'l'},
-      {"workers", required_argument, nullptr, 'w'},        {"header-timeout", required_argument, nullptr, 'H'},
-      {"idle-timeout", required_argument, nullptr, 'I'},  {"help", no_argument, nullptr, 'h'},
+      ORVA::kRootOption,
+      {"listen", required_argument, nullptr, 'l'},
+      {"workers", required_argument, nullptr, 'w'},
+      {"header-timeout", required_argument, nullptr, 'H'},
+      {"idle-timeout", required_argument, nullptr, 'I'},
+      {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
   int c;
-  while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
+  while ((c = ORVA::GetOpt(argc, argv, "", opts)) != -1) {
     switch (c) {
-      case 'r': root = optarg; break;
       case 'l': listenSpec = optarg; break;
       case 'w':
         if (!ParseInt(optarg, 1, 256, &nworkers)) {
@@ -231,7 +232,6 @@ int main(int argc, char** argv) {
     Usage(stderr);
     return 2;
   }
-  if (!root.empty()) ORVA::ORVARootSet(root);
   openlog("orva-webapid", LOG_PID | LOG_PERROR, LOG_DAEMON);
   signal(SIGPIPE, SIG_IGN);
 

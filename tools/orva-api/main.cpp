@@ -2,7 +2,6 @@
 // Unix socket run/orva/webapi.sock as the calling account, prints the reply and exits
 // 0 on success, 1 on an API error, 2 when the call could not be made.
 #include <errno.h>
-#include <getopt.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +14,7 @@
 #include <json/json.h>
 
 #include "core/json_read.h"
+#include "core/options.h"
 #include "core/root.h"
 
 namespace asio = boost::asio;
@@ -38,14 +38,13 @@ void Usage(FILE* out) {
 
 int main(int argc, char** argv) {
   static const option opts[] = {
-      {"root", required_argument, nullptr, 'r'},
+      ORVA::kRootOption,
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
   int c;
-  while ((c = getopt_long(argc, argv, "+", opts, nullptr)) != -1) {
+  while ((c = ORVA::GetOpt(argc, argv, "+", opts)) != -1) {
     switch (c) {
-      case 'r': ORVA::ORVARootSet(optarg); break;
       case 'h': Usage(stdout); return 0;
       default: Usage(stderr); return 2;
     }

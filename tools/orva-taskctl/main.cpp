@@ -1,6 +1,5 @@
 // orva-taskctl: raw task records for other packages and for tests.
 //   orva-taskctl [--root DIR] add JSON | show ID | list | remove ID
-#include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,6 +9,7 @@
 
 #include "core/json_read.h"
 #include "core/kelc.h"
+#include "core/options.h"
 #include "core/root.h"
 #include "core/user.h"
 #include "scheduler/task.h"
@@ -236,16 +236,13 @@ int Remove(long id) {
 int main(int argc, char** argv) {
   openlog("orva-taskctl", LOG_PID, LOG_USER);
   static const struct option kOptions[] = {
-      {"root", required_argument, nullptr, 'r'},
+      ORVA::kRootOption,
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
   int opt;
-  while ((opt = getopt_long(argc, argv, "+", kOptions, nullptr)) != -1) {
+  while ((opt = ORVA::GetOpt(argc, argv, "+", kOptions)) != -1) {
     switch (opt) {
-      case 'r':
-        ORVA::ORVARootSet(optarg);
-        break;
       case 'h':
         Usage(stdout);
         return 0;

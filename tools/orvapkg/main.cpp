@@ -11,6 +11,7 @@
 #include <string>
 
 #include "core/log.h"
+#include "core/options.h"
 #include "core/root.h"
 #include "core/shell.h"
 #include "pkg/package_manager.h"
@@ -44,17 +45,19 @@ int main(int argc, char** argv) {
     fprintf(stderr, "orvapkg: %s\n%s", msg.c_str(), kUsage);
     return 2;
   };
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
+  static const option kOptions[] = {ORVA::kRootOption, {"help", no_argument, nullptr, 'h'}, {}};
+  opterr = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, ":h", kOptions)) != -1;) {
+    if (c == 'h') {
       fputs(kUsage, stdout);
       return 0;
-    } else if (a == "--root") {
-      if (++i >= argc) return usage("--root needs a folder");
-      ORVA::ORVARootSet(argv[i]);
-    } else if (!a.empty() && a[0] == '-') {
-      return usage("unknown option \"" + a + "\"");
-    } else if (verb.empty()) {
+    }
+    const std::string a = argv[optind - 1];
+    return usage(c == ':' ? a + " needs a value" : "unknown option \"" + a + "\"");
+  }
+  for (int i = optind; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (verb.empty()) {
       if (a != "start" && a != "stop") return usage("the action is start or stop, not \"" + a + "\"");
       verb = a;
     } else if (name.empty()) {

@@ -23,6 +23,7 @@
 
 #include "core/json_read.h"
 #include "core/log.h"
+#include "core/options.h"
 #include "core/root.h"
 #include "core/shell.h"
 
@@ -256,32 +257,34 @@ int main(int argc, char** argv) {
     fprintf(stderr, "orvaschedtool: %s\n%s", msg.c_str(), kUsage);
     return 2;
   };
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
+  static const option kOptions[] = {ORVA::kRootOption,
+                                    {"device", required_argument, nullptr, 'd'},
+                                    {"beep", required_argument, nullptr, 'b'},
+                                    {"start-service", no_argument, nullptr, 's'},
+                                    {"stop-service", no_argument, nullptr, 't'},
+                                    {"help", no_argument, nullptr, 'h'},
+                                    {}};
+  opterr = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, ":h", kOptions)) != -1;) {
+    if (c == 'h') {
       fputs(kUsage, stdout);
       return 0;
-    } else if (a == "--root") {
-      if (++i >= argc) return usage("--root needs a folder");
-      ORVA::ORVARootSet(argv[i]);
-    } else if (a == "--device") {
-      if (++i >= argc) return usage("--device needs a path");
-      device = argv[i];
-    } else if (a == "--beep" || a == "--start-service" || a == "--stop-service") {
+    } else if (c == 'd') {
+      device = optarg;
+    } else if (c == 'b' || c == 's' || c == 't' || (c == ':' && optopt == 'b')) {
       if (mode != kNone) return usage("only one of --beep, --start-service and --stop-service may be given");
-      if (a == "--beep") {
-        mode = kBeep;
-        if (++i >= argc || !ParseSeconds(argv[i], seconds)) {
-          return usage("--beep needs a number of seconds from 1 to 600");
-        }
-      } else {
-        mode = a == "--start-service" ? kStart : kStop;
+      mode = c == 's' ? kStart : c == 't' ? kStop : kBeep;
+      if (mode == kBeep && (c == ':' || !ParseSeconds(optarg, seconds))) {
+        return usage("--beep needs a number of seconds from 1 to 600");
       }
-    } else if (!a.empty() && a[0] != '-' && (mode == kStart || mode == kStop)) {
-      ids.push_back(a);
     } else {
-      return usage("unexpected argument \"" + a + "\"");
+      return usage(c == ':' ? std::string(argv[optind - 1]) + " needs a value"
+                            : "unexpected argument \"" + std::string(argv[optind - 1]) + "\"");
     }
+  }
+  for (int i = optind; i < argc; ++i) {
+    if (mode != kStart && mode != kStop) return usage("unexpected argument \"" + std::string(argv[i]) + "\"");
+    ids.push_back(argv[i]);
   }
   if (mode == kNone) return usage("one of --beep, --start-service or --stop-service is needed");
   if ((mode == kStart || mode == kStop) && ids.empty()) return usage("name at least one service id");

@@ -3,8 +3,8 @@
 // the run (start, end, exit code or signal, the tail of the output) in the store.
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <grp.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
@@ -12,7 +12,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
-#include <poll.h>
 #include <sys/mount.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -27,6 +26,7 @@
 #include "core/file.h"
 #include "core/kelc.h"
 #include "core/log.h"
+#include "core/options.h"
 #include "core/root.h"
 #include "scheduler/run_log.h"
 #include "scheduler/task.h"
@@ -409,7 +409,7 @@ int main(int argc, char** argv) {
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 
   static const struct option kOptions[] = {
-      {"root", required_argument, nullptr, 'r'},
+      ORVA::kRootOption,
       {"trigger", required_argument, nullptr, 't'},
       {"event-task", required_argument, nullptr, 'e'},
       {"help", no_argument, nullptr, 'h'},
@@ -419,11 +419,8 @@ int main(int argc, char** argv) {
   const char* trigger = nullptr;
   const char* eventId = nullptr;
   int opt;
-  while ((opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+  while ((opt = ORVA::GetOpt(argc, argv, "", kOptions)) != -1) {
     switch (opt) {
-      case 'r':
-        ORVA::ORVARootSet(optarg);
-        break;
       case 't':
         trigger = optarg;
         break;

@@ -29,6 +29,7 @@
 
 #include "core/file.h"
 #include "core/log.h"
+#include "core/options.h"
 #include "core/root.h"
 #include "scheduler/task.h"
 #include "scheduler_core.h"
@@ -328,20 +329,20 @@ int Serve() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  static const option kOptions[] = {
+      ORVA::kRootOption, {"event", required_argument, nullptr, 'e'}, {"help", no_argument, nullptr, 'h'}, {}};
   std::string event;
   bool haveEvent = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
+  opterr = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, "h", kOptions)) != -1 || optind < argc;) {
+    if (c == 'h') {
       fputs(kUsage, stdout);
       return 0;
-    } else if (a == "--root" && i + 1 < argc) {
-      ORVA::ORVARootSet(argv[++i]);
-    } else if (a == "--event" && i + 1 < argc) {
-      event = argv[++i];
+    } else if (c == 'e') {
+      event = optarg;
       haveEvent = true;
     } else {
-      fprintf(stderr, "orva-schedulerd: unexpected argument \"%s\"\n%s", a.c_str(), kUsage);
+      fprintf(stderr, "orva-schedulerd: unexpected argument \"%s\"\n%s", argv[c == -1 ? optind : optind - 1], kUsage);
       return 2;
     }
   }
