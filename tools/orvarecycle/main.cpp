@@ -150,9 +150,6 @@ int main(int argc, char** argv) {
     fputs(kUsage, stdout);
     return 0;
   }
-  if (!opts.root.empty()) {
-    ORVA::ORVARootSet(opts.root);
-  }
 
   // Every name must be a known share before anything is touched.
   PKELC_SZLIST list = KELCSzListAlloc(16);

@@ -10,8 +10,10 @@
 
 #include <algorithm>
 #include <numeric>
+#include <sstream>
 
 #include "core/log.h"
+#include "core/options.h"
 
 namespace orvarecycle {
 namespace {
@@ -255,84 +257,83 @@ bool ParseArgs(int argc, char** argv, Options& opts, std::string& error) {
     opts.op = op;
     return true;
   };
-  auto value = [&](int& i, const char* flag, uint64_t& out) {
-    if (i + 1 >= argc) {
-      error = std::string(flag) + " needs a value";
+  auto value = [&](const char* flag, uint64_t& out) {
+    if (!ParseBytes(optarg, out)) {
+      error = std::string(flag) + " needs a non-negative whole number, not \"" + optarg + "\"";
       return false;
     }
-    if (!ParseBytes(argv[i + 1], out)) {
-      error = std::string(flag) + " needs a non-negative whole number, not \"" + argv[i + 1] + "\"";
-      return false;
-    }
-    ++i;
     return true;
   };
-  bool endOfOptions = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
+  // One dash is enough for a long option: -file_ext=EXT is one.
+  enum { kClean = 0x200, kEnable, kDisable, kFileExt };
+  static const option kOptions[] = {ORVA::kRootOption,
+                                    {"clean", no_argument, nullptr, kClean},
+                                    {"enable", no_argument, nullptr, kEnable},
+                                    {"disable", no_argument, nullptr, kDisable},
+                                    {"file_ext", required_argument, nullptr, kFileExt},
+                                    {"help", no_argument, nullptr, 'h'},
+                                    {}};
+  opterr = 0;
+  optind = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, ":t:s:o:m:l:h", kOptions, true)) != -1;) {
+    const std::string flag = argv[optind - 1];
     uint64_t v = 0;
-    if (endOfOptions || a.empty() || a[0] != '-') {
-      if (a.empty()) {
-        error = "an empty share name was given";
-        return false;
-      }
-      opts.shares.push_back(a);
-    } else if (a == "--") {
-      endOfOptions = true;
-    } else if (a == "--help" || a == "-h") {
-      opts.help = true;
-    } else if (a == "--root") {
-      if (i + 1 >= argc) {
-        error = "--root needs a folder";
-        return false;
-      }
-      opts.root = argv[++i];
-    } else if (a.rfind("--root=", 0) == 0) {
-      opts.root = a.substr(7);
-    } else if (a == "--clean") {
-      if (!setOp(Op::Clean, "--clean")) return false;
-    } else if (a == "--enable") {
-      if (!setOp(Op::Enable, "--enable")) return false;
-    } else if (a == "--disable") {
-      if (!setOp(Op::Disable, "--disable")) return false;
-    } else if (a == "-t") {
-      if (!value(i, "-t", v)) return false;
-      opts.maxAgeDays = v;
-    } else if (a == "-s") {
-      if (!value(i, "-s", v)) return false;
-      opts.sizeLimit = v;
-    } else if (a == "-o") {
-      if (!value(i, "-o", v)) return false;
-      if (v != kOldestFirst && v != kLargestFirst) {
-        error = "-o must be 2 (largest files first) or 1 (oldest files first)";
-        return false;
-      }
-      opts.order = static_cast<int>(v);
-      opts.orderGiven = true;
-    } else if (a == "-m") {
-      if (!value(i, "-m", v)) return false;
-      opts.keepLarger = v;
-    } else if (a == "-l") {
-      if (!value(i, "-l", v)) return false;
-      opts.keepSmaller = v;
-    } else if (a.rfind("-file_ext=", 0) == 0) {
-      // Dot-separated; empty items (from an empty extension) add nothing.
-      const std::string list = a.substr(10);
-      size_t start = 0;
-      while (start <= list.size()) {
-        size_t dot = list.find('.', start);
-        if (dot == std::string::npos) {
-          dot = list.size();
+    switch (c) {
+      case 'h': opts.help = true; break;
+      case kClean:
+        if (!setOp(Op::Clean, "--clean")) return false;
+        break;
+      case kEnable:
+        if (!setOp(Op::Enable, "--enable")) return false;
+        break;
+      case kDisable:
+        if (!setOp(Op::Disable, "--disable")) return false;
+        break;
+      case 't':
+        if (!value("-t", v)) return false;
+        opts.maxAgeDays = v;
+        break;
+      case 's':
+        if (!value("-s", v)) return false;
+        opts.sizeLimit = v;
+        break;
+      case 'o':
+        if (!value("-o", v)) return false;
+        if (v != kOldestFirst && v != kLargestFirst) {
+          error = "-o must be 2 (largest files first) or 1 (oldest files first)";
+          return false;
         }
-        if (dot > start) {
-          opts.keepExt.push_back(Lower(list.substr(start, dot - start)));
+        opts.order = static_cast<int>(v);
+        opts.orderGiven = true;
+        break;
+      case 'm':
+        if (!value("-m", v)) return false;
+        opts.keepLarger = v;
+        break;
+      case 'l':
+        if (!value("-l", v)) return false;
+        opts.keepSmaller = v;
+        break;
+      case kFileExt: {
+        // Dot-separated; empty items (from an empty extension) add nothing.
+        std::istringstream items(optarg);
+        for (std::string item; std::getline(items, item, '.');) {
+          if (!item.empty()) opts.keepExt.push_back(Lower(item));
         }
-        start = dot + 1;
+        break;
       }
-    } else {
-      error = "unknown option \"" + a + "\"";
+      case ':': error = flag + " needs a value"; return false;
+      default: error = "unknown option \"" + flag + "\""; return false;
+    }
+  }
+  // "--" ends the options: every word after it is a share name.
+  const bool endOfOptions = optind > 1 && strcmp(argv[optind - 1], "--") == 0;
+  for (int i = optind; i < argc; ++i) {
+    if (!*argv[i]) {
+      error = "an empty share name was given";
       return false;
     }
+    opts.shares.push_back(argv[i]);
   }
   if (opts.help) {
     return true;
