@@ -17,11 +17,10 @@ bool JsonParse(std::string_view text, Json::Value* out, std::string* errs) {
     Json::CharReaderBuilder::strictMode(&b.settings_);
     return std::unique_ptr<Json::CharReader>(b.newCharReader());
   }();
-  std::string ignored;
   try {
-    return reader->parse(text.data(), text.data() + text.size(), out, errs ? errs : &ignored);
+    return reader->parse(text.data(), text.data() + text.size(), out, errs);
   } catch (const std::exception& e) {  // nested too deeply
-    if (errs) *errs = e.what();
+    *errs = e.what();
     return false;
   }
 }
@@ -29,11 +28,10 @@ bool JsonParse(std::string_view text, Json::Value* out, std::string* errs) {
 bool JsonReadFile(const std::string& path, Json::Value* out, std::string* errs) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
-    if (errs) *errs = std::string("cannot read: ") + strerror(errno);
+    *errs = std::string("cannot read: ") + strerror(errno);
     return false;
   }
-  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (JsonParse(text, out, errs)) return true;
+  if (JsonParse(std::string(std::istreambuf_iterator<char>(in), {}), out, errs)) return true;
   errno = EINVAL;
   return false;
 }

@@ -26,7 +26,7 @@
 
 #include "core/file.h"
 #include "core/log.h"
-#include "core/options.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "server.h"
 #include "webapi/session.h"

@@ -14,7 +14,7 @@
 #include <json/json.h>
 
 #include "core/json_read.h"
-#include "core/options.h"
+#include "core/program.h"
 #include "core/root.h"
 
 namespace asio = boost::asio;

@@ -9,7 +9,7 @@
 
 #include "core/json_read.h"
 #include "core/kelc.h"
-#include "core/options.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "core/user.h"
 #include "scheduler/task.h"

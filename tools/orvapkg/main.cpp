@@ -11,9 +11,8 @@
 #include <string>
 
 #include "core/log.h"
-#include "core/options.h"
+#include "core/program.h"
 #include "core/root.h"
-#include "core/shell.h"
 #include "pkg/package_manager.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <sstream>
 
 #include "core/log.h"
-#include "core/options.h"
+#include "core/program.h"
 
 namespace orvarecycle {
 namespace {

@@ -23,9 +23,8 @@
 
 #include "core/json_read.h"
 #include "core/log.h"
-#include "core/options.h"
+#include "core/program.h"
 #include "core/root.h"
-#include "core/shell.h"
 
 namespace {
 

@@ -26,7 +26,7 @@
 #include "core/file.h"
 #include "core/kelc.h"
 #include "core/log.h"
-#include "core/options.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "scheduler/run_log.h"
 #include "scheduler/task.h"

@@ -29,7 +29,7 @@
 
 #include "core/file.h"
 #include "core/log.h"
-#include "core/options.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "scheduler/task.h"
 #include "scheduler_core.h"
