@@ -1,4 +1,4 @@
-// An owning pointer to a task record or a list of them.
+// An owning pointer to one task record (a list is freed with ORVASchedTaskListFree).
 #pragma once
 
 #include <memory>
