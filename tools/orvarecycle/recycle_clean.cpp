@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <numeric>
 #include <sstream>
 
@@ -249,81 +250,55 @@ void RemoveEmptyFolders(int dirFd, dev_t dev, std::vector<std::string>& prefix, 
 }  // namespace
 
 bool ParseArgs(int argc, char** argv, Options& opts, std::string& error) {
-  auto setOp = [&](Op op, const char* flag) {
-    if (opts.op != Op::None) {
-      error = std::string("only one of --clean, --enable and --disable may be given (") + flag + ")";
-      return false;
-    }
-    opts.op = op;
-    return true;
-  };
-  auto value = [&](const char* flag, uint64_t& out) {
-    if (!ParseBytes(optarg, out)) {
-      error = std::string(flag) + " needs a non-negative whole number, not \"" + optarg + "\"";
-      return false;
-    }
-    return true;
-  };
   // One dash is enough for a long option: -file_ext=EXT is one.
-  enum { kClean = 0x200, kEnable, kDisable, kFileExt };
+  enum { kFileExt = 0x200 };
   static const option kOptions[] = {ORVA::kRootOption,
-                                    {"clean", no_argument, nullptr, kClean},
-                                    {"enable", no_argument, nullptr, kEnable},
-                                    {"disable", no_argument, nullptr, kDisable},
+                                    {"clean", no_argument, nullptr, 'C'},
+                                    {"enable", no_argument, nullptr, 'E'},
+                                    {"disable", no_argument, nullptr, 'D'},
                                     {"file_ext", required_argument, nullptr, kFileExt},
                                     {"help", no_argument, nullptr, 'h'},
                                     {}};
+  static const std::map<int, std::optional<uint64_t> Options::*> kNumbers = {{'t', &Options::maxAgeDays},
+                                                                             {'s', &Options::sizeLimit},
+                                                                             {'m', &Options::keepLarger},
+                                                                             {'l', &Options::keepSmaller}};
   opterr = 0;
   optind = 0;
   for (int c; (c = ORVA::GetOpt(argc, argv, ":t:s:o:m:l:h", kOptions, true)) != -1;) {
     const std::string flag = argv[optind - 1];
     uint64_t v = 0;
-    switch (c) {
-      case 'h': opts.help = true; break;
-      case kClean:
-        if (!setOp(Op::Clean, "--clean")) return false;
-        break;
-      case kEnable:
-        if (!setOp(Op::Enable, "--enable")) return false;
-        break;
-      case kDisable:
-        if (!setOp(Op::Disable, "--disable")) return false;
-        break;
-      case 't':
-        if (!value("-t", v)) return false;
-        opts.maxAgeDays = v;
-        break;
-      case 's':
-        if (!value("-s", v)) return false;
-        opts.sizeLimit = v;
-        break;
-      case 'o':
-        if (!value("-o", v)) return false;
-        if (v != kOldestFirst && v != kLargestFirst) {
-          error = "-o must be 2 (largest files first) or 1 (oldest files first)";
-          return false;
-        }
+    if (c == 'h') {
+      opts.help = true;
+    } else if (c == 'C' || c == 'E' || c == 'D') {
+      if (opts.op != Op::None) {
+        error = "only one of --clean, --enable and --disable may be given (" + flag + ")";
+        return false;
+      }
+      opts.op = c == 'C' ? Op::Clean : c == 'E' ? Op::Enable : Op::Disable;
+    } else if (kNumbers.count(c) || c == 'o') {
+      if (!ParseBytes(optarg, v)) {
+        error = std::string("-") + static_cast<char>(c) + " needs a non-negative whole number, not \"" + optarg + "\"";
+        return false;
+      }
+      if (c != 'o') {
+        opts.*kNumbers.at(c) = v;
+      } else if (v != kOldestFirst && v != kLargestFirst) {
+        error = "-o must be 2 (largest files first) or 1 (oldest files first)";
+        return false;
+      } else {
         opts.order = static_cast<int>(v);
         opts.orderGiven = true;
-        break;
-      case 'm':
-        if (!value("-m", v)) return false;
-        opts.keepLarger = v;
-        break;
-      case 'l':
-        if (!value("-l", v)) return false;
-        opts.keepSmaller = v;
-        break;
-      case kFileExt: {
-        // Dot-separated; empty items (from an empty extension) add nothing.
-        std::istringstream items(optarg);
-        for (std::string item; std::getline(items, item, '.');) {
-          if (!item.empty()) opts.keepExt.push_back(Lower(item));
-        }
-        break;
       }
-      case ':': error = flag + " needs a value"; return false;
-      default: error = "unknown option \"" + flag + "\""; return false;
+    } else if (c == kFileExt) {
+      // Dot-separated; empty items (from an empty extension) add nothing.
+      std::istringstream items(optarg);
+      for (std::string item; std::getline(items, item, '.');) {
+        if (!item.empty()) opts.keepExt.push_back(Lower(item));
+      }
+    } else {
+      error = c == ':' ? flag + " needs a value" : "unknown option \"" + flag + "\"";
+      return false;
     }
   }
   // "--" ends the options: every word after it is a share name.
