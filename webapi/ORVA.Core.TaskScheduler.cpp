@@ -17,6 +17,7 @@
 #include "core/kelc.h"
 #include "core/user.h"
 #include "scheduler/task.h"
+#include "scheduler/task_ptr.h"
 
 using ORVA::Core::TaskScheduler::GetRealOwner;
 
@@ -90,26 +91,6 @@ const struct {
 };
 
 const char kServiceNameSpace[] = "ORVA.VEK.TaskScheduler.Service";
-
-struct UserHolder {
-  PORVAUSER user = nullptr;
-  ~UserHolder() {
-    if (user) {
-      ORVAUserFree(user);
-    }
-  }
-  // The user name of `uid`, or "" when the uid has no user.
-  std::string NameOf(uid_t uid) {
-    if (ORVAUserGetByUID(uid, &user) < 0 || !user || !user->szName) {
-      return std::string();
-    }
-    return user->szName;
-  }
-};
-
-struct TaskFree {
-  void operator()(ORVA_SCHED_TASK* task) const { ORVASchedTaskFree(task); }
-};
 
 }  // namespace
 
@@ -348,8 +329,6 @@ bool TaskSchedulerHandler::ListDataCommon(int version, Json::Value& result) {
     return false;
   }
 
-  UserHolder ownerUser;
-  UserHolder realOwnerUser;
   // The page ends where offset + limit, as a 32-bit sum, meets the index.
   int32_t pageEnd = static_cast<int32_t>(static_cast<uint32_t>(offset) + static_cast<uint32_t>(limit));
   int i = 0;
@@ -381,9 +360,9 @@ bool TaskSchedulerHandler::ListDataCommon(int version, Json::Value& result) {
     std::string nextTrigger = ORVASchedTaskGetNextTriggerTime(*task);
     item["next_trigger_time"] = nextTrigger == "N/A" ? std::string("-") : nextTrigger;
     if (version == 2 && task->marker == -2) {
-      item["real_owner"] = realOwnerUser.NameOf(ORVASchedTaskGetRealOwner(*task));
+      item["real_owner"] = ORVA::UserName(ORVASchedTaskGetRealOwner(*task));
     }
-    item["owner"] = ownerUser.NameOf(task->owner);
+    item["owner"] = ORVA::UserName(task->owner);
 
     if (0 == strcasecmp(type.c_str(), "service")) {
       for (int row = 0; serviceActionReplaceTable[row].needle; ++row) {
@@ -422,7 +401,7 @@ bool TaskSchedulerHandler::SetEnableData_v1(Json::Value&) {
     SetError(4800, "tasks must be an array");
     return false;
   }
-  std::unique_ptr<ORVA_SCHED_TASK, TaskFree> task(ORVASchedTaskAllocFast());
+  ORVASchedTaskPtr task(ORVASchedTaskAllocFast());
   if (!task) {
     syslog(LOG_ERR, "%s:%d Failed to new task %ld. [0x%04X %s:%d]", kSrc, 560, -1L, KELCErrGet(), ErrFile(),
            KELCErrorGetLine());

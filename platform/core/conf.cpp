@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/root.h"
 
 namespace {
@@ -65,7 +66,7 @@ std::string OrvaConf::Def(const char* key, const char* defaultValue) const {
   std::ifstream in(path_);
   if (!in) {
     if (errno != ENOENT) {
-      syslog(LOG_ERR, "%s:%d cannot read %s: %s", "conf", __LINE__, path_.c_str(), strerror(errno));
+      ORVA_LOG(LOG_ERR, "cannot read %s: %s", path_.c_str(), strerror(errno));
       KELC_ERR_SET(KELC_ERR_IO);
     } else {
       KELC_ERR_SET(KELC_ERR_NOT_FOUND);

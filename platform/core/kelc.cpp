@@ -6,6 +6,8 @@
 #include <string.h>
 #include <syslog.h>
 
+#include "core/log.h"
+
 namespace {
 
 struct LastError {
@@ -53,7 +55,7 @@ PKELC_SZLIST KELCSzListAlloc(int initialCount) {
   if (!list || !items) {
     free(list);
     free(items);
-    syslog(LOG_ERR, "%s:%d string list of %d items: out of memory", "kelc", __LINE__, initialCount);
+    ORVA_LOG(LOG_ERR, "string list of %d items: out of memory", initialCount);
     KELC_ERR_SET(KELC_ERR_OUT_OF_MEMORY);
     return nullptr;
   }

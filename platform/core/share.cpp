@@ -9,9 +9,8 @@
 
 #include <json/json.h>
 
-#include <fstream>
-#include <sstream>
-
+#include "core/json_read.h"
+#include "core/log.h"
 #include "core/root.h"
 
 extern "C" int ORVAShareEnum(PKELC_SZLIST* ppList, unsigned int flags) {
@@ -23,30 +22,26 @@ extern "C" int ORVAShareEnum(PKELC_SZLIST* ppList, unsigned int flags) {
     return 0;  // no kind of share selected
   }
   const std::string path = ORVA::ORVAPathMap("/etc/orva/shares.json");
-  std::ifstream in(path);
-  if (!in) {
-    if (errno == ENOENT) {
-      return 0;  // a system without shares
-    }
-    syslog(LOG_ERR, "%s:%d cannot read %s: %s", "share", __LINE__, path.c_str(), strerror(errno));
+  Json::Value root;
+  std::string errs;
+  const bool read = ORVA::JsonReadFile(path, &root, &errs);
+  if (!read && errno == ENOENT) {
+    return 0;  // a system without shares
+  }
+  if (!read && errno != EINVAL) {
+    ORVA_LOG(LOG_ERR, "cannot read %s: %s", path.c_str(), strerror(errno));
     KELC_ERR_SET(KELC_ERR_IO);
     return -1;
   }
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["failIfExtra"] = true;
-  Json::Value root;
-  std::string errs;
-  if (!Json::parseFromStream(builder, in, &root, &errs) || !root.isArray()) {
-    syslog(LOG_ERR, "%s:%d malformed %s: %s", "share", __LINE__, path.c_str(),
-           errs.empty() ? "not an array" : errs.c_str());
+  if (!read || !root.isArray()) {
+    ORVA_LOG(LOG_ERR, "malformed %s: %s", path.c_str(), errs.empty() ? "not an array" : errs.c_str());
     KELC_ERR_SET(KELC_ERR_PARSE);
     return -1;
   }
   // Validate everything before appending anything, so a bad file adds no names.
   for (const Json::Value& entry : root) {
     if (!entry.isObject() || !entry["name"].isString() || entry["name"].asString().empty()) {
-      syslog(LOG_ERR, "%s:%d malformed %s: share without a name", "share", __LINE__, path.c_str());
+      ORVA_LOG(LOG_ERR, "malformed %s: share without a name", path.c_str());
       KELC_ERR_SET(KELC_ERR_PARSE);
       return -1;
     }

@@ -16,6 +16,7 @@
 
 #include "core/conf.h"
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/lookup_epoch.h"
 
 namespace {
@@ -40,7 +41,7 @@ int LookupUser(Lookup lookup, struct passwd* pw, std::vector<char>& buf) {
       KELC_ERR_SET(KELC_ERR_NO_USER);
       return 0;
     }
-    syslog(LOG_ERR, "%s:%d user lookup failed: %s", "user", __LINE__, strerror(rc));
+    ORVA_LOG(LOG_ERR, "user lookup failed: %s", strerror(rc));
     KELC_ERR_SET(KELC_ERR_IO);
     return -1;
   }
@@ -253,3 +254,11 @@ int ORVAUserIsAdmin(const char* name) {
 }
 
 }  // extern "C"
+
+std::string ORVA::UserName(uid_t uid) {
+  PORVAUSER user = nullptr;
+  std::string name;
+  if (ORVAUserGetByUID(uid, &user) == 0 && user->szName) name = user->szName;
+  ORVAUserFree(user);
+  return name;
+}

@@ -17,7 +17,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/json_read.h"
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/root.h"
 
 namespace ORVA {
@@ -99,15 +101,10 @@ Json::Value LoadObject(const std::string& path) {
   }
 
   gParseCount.fetch_add(1, std::memory_order_relaxed);
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["failIfExtra"] = true;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value value;
   std::string errs;
-  if (!reader->parse(text.data(), text.data() + text.size(), &value, &errs) || !value.isObject()) {
-    syslog(LOG_ERR, "%s:%d malformed %s: %s", "vek_parser", __LINE__, path.c_str(),
-           errs.empty() ? "not an object" : errs.c_str());
+  if (!ORVA::JsonParse(text, &value, &errs) || !value.isObject()) {
+    ORVA_LOG(LOG_ERR, "malformed %s: %s", path.c_str(), errs.empty() ? "not an object" : errs.c_str());
     KELC_ERR_SET(KELC_ERR_PARSE);
     value = Json::Value(Json::objectValue);  // cached too: a bad file is not re-parsed until it changes
   }

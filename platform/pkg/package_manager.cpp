@@ -11,9 +11,10 @@
 #include <json/json.h>
 
 #include <algorithm>
-#include <fstream>
 
+#include "core/json_read.h"
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/root.h"
 
 namespace ORVAPackageTool {
@@ -44,7 +45,7 @@ PackageManager::PackageManager() : dir_(ORVA::ORVAPathMap("/var/lib/orva/package
 bool PackageManager::init() {
   DIR* d = opendir(dir_.c_str());
   if (!d) {
-    syslog(LOG_ERR, "%s:%d cannot read %s: %s", "package_manager", __LINE__, dir_.c_str(), strerror(errno));
+    ORVA_LOG(LOG_ERR, "cannot read %s: %s", dir_.c_str(), strerror(errno));
     KELC_ERR_SET(errno == ENOENT ? KELC_ERR_NOT_FOUND : (errno == EACCES ? KELC_ERR_PERMISSION : KELC_ERR_IO));
     ready_ = false;
     return false;
@@ -62,7 +63,7 @@ std::vector<std::string> PackageManager::enumPackages(const char* filter, unsign
   }
   DIR* d = opendir(dir_.c_str());
   if (!d) {
-    syslog(LOG_ERR, "%s:%d cannot read %s: %s", "package_manager", __LINE__, dir_.c_str(), strerror(errno));
+    ORVA_LOG(LOG_ERR, "cannot read %s: %s", dir_.c_str(), strerror(errno));
     KELC_ERR_SET(KELC_ERR_IO);
     return names;
   }
@@ -96,19 +97,15 @@ bool PackageManager::getPackageInfo(const std::string& name, PackageInfo& info, 
     return false;
   }
   const std::string manifest = dir_ + "/" + name + "/package.json";
-  std::ifstream in(manifest);
-  if (!in) {
+  Json::Value root;
+  std::string errs;
+  const bool read = ORVA::JsonReadFile(manifest, &root, &errs);
+  if (!read && errno != EINVAL) {
     KELC_ERR_SET(errno == ENOENT ? KELC_ERR_NOT_FOUND : KELC_ERR_IO);
     return false;
   }
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["failIfExtra"] = true;
-  Json::Value root;
-  std::string errs;
-  if (!Json::parseFromStream(builder, in, &root, &errs) || !root.isObject()) {
-    syslog(LOG_ERR, "%s:%d malformed %s: %s", "package_manager", __LINE__, manifest.c_str(),
-           errs.empty() ? "not an object" : errs.c_str());
+  if (!read || !root.isObject()) {
+    ORVA_LOG(LOG_ERR, "malformed %s: %s", manifest.c_str(), errs.empty() ? "not an object" : errs.c_str());
     KELC_ERR_SET(KELC_ERR_PARSE);
     return false;
   }
@@ -128,8 +125,7 @@ bool PackageManager::getPackageInfo(const std::string& name, PackageInfo& info, 
     ok = false;
   }
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d malformed %s: wrong member type or name", "package_manager", __LINE__,
-           manifest.c_str());
+    ORVA_LOG(LOG_ERR, "malformed %s: wrong member type or name", manifest.c_str());
     KELC_ERR_SET(KELC_ERR_PARSE);
     return false;
   }

@@ -14,11 +14,12 @@
 
 #include <json/json.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 
+#include "core/file.h"
+#include "core/json_read.h"
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/root.h"
 
 namespace {
@@ -28,43 +29,25 @@ const char kTempPrefix[] = ".shares.json.";
 // Reads shares.json into `root` (an empty array when the file does not exist).
 // Every entry must be an object with a non-empty string "name".
 bool ReadShares(const std::string& path, Json::Value& root) {
-  std::ifstream in(path);
-  if (!in) {
-    if (errno == ENOENT) {
-      root = Json::Value(Json::arrayValue);
-      return true;
-    }
-    syslog(LOG_ERR, "%s:%d cannot read %s: %s", "recycle", __LINE__, path.c_str(), strerror(errno));
+  std::string errs;
+  bool ok = ORVA::JsonReadFile(path, &root, &errs);
+  if (!ok && errno == ENOENT) {
+    root = Json::Value(Json::arrayValue);
+    return true;
+  }
+  if (!ok && errno != EINVAL) {
+    ORVA_LOG(LOG_ERR, "%s: %s", path.c_str(), errs.c_str());
     KELC_ERR_SET(KELC_ERR_IO);
     return false;
   }
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["failIfExtra"] = true;
-  std::string errs;
-  bool ok = Json::parseFromStream(builder, in, &root, &errs) && root.isArray();
+  ok = ok && root.isArray();
   for (Json::ArrayIndex i = 0; ok && i < root.size(); ++i) {
     ok = root[i].isObject() && root[i]["name"].isString() && !root[i]["name"].asString().empty();
   }
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d malformed %s", "recycle", __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "malformed %s", path.c_str());
     KELC_ERR_SET(KELC_ERR_PARSE);
     return false;
-  }
-  return true;
-}
-
-bool WriteAll(int fd, const std::string& data) {
-  size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return false;
-    }
-    done += static_cast<size_t>(n);
   }
   return true;
 }
@@ -89,28 +72,11 @@ void RemoveStaleTemps(int dirFd) {
   closedir(d);
 }
 
-// Replaces `path` (in folder `dir`, open as dirFd) by `text` atomically.
-bool ReplaceFile(const std::string& dir, int dirFd, const std::string& path, const std::string& text) {
-  mode_t mode = 0644;
+// Replaces `path` by `text` atomically, keeping its permissions.
+bool ReplaceFile(const std::string& path, const std::string& text) {
   struct stat st;
-  if (stat(path.c_str(), &st) == 0) {
-    mode = st.st_mode & 07777;
-  }
-  std::string tmp = dir + "/" + kTempPrefix + "XXXXXX";
-  int fd = mkostemp(tmp.data(), O_CLOEXEC);
-  if (fd < 0) {
-    syslog(LOG_ERR, "%s:%d cannot create %s: %s", "recycle", __LINE__, tmp.c_str(), strerror(errno));
-    KELC_ERR_SET(KELC_ERR_IO);
-    return false;
-  }
-  bool ok = fchmod(fd, mode) == 0 && WriteAll(fd, text) && fsync(fd) == 0;
-  ok = (close(fd) == 0) && ok;
-  if (ok && rename(tmp.c_str(), path.c_str()) == 0) {
-    fsync(dirFd);  // make the rename itself durable
-    return true;
-  }
-  syslog(LOG_ERR, "%s:%d cannot write %s: %s", "recycle", __LINE__, path.c_str(), strerror(errno));
-  unlink(tmp.c_str());
+  if (ORVA::WriteFileAtomic(path, text, stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0644)) return true;
+  ORVA_LOG(LOG_ERR, "cannot write %s: %m", path.c_str());
   KELC_ERR_SET(KELC_ERR_IO);
   return false;
 }
@@ -130,7 +96,7 @@ int ORVARecycleStatusSet(const char* share, int enable) {
   // The folder's own descriptor is the lock: the file itself is replaced by rename.
   int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dirFd < 0) {
-    syslog(LOG_ERR, "%s:%d cannot open %s: %s", "recycle", __LINE__, dir.c_str(), strerror(errno));
+    ORVA_LOG(LOG_ERR, "cannot open %s: %s", dir.c_str(), strerror(errno));
     KELC_ERR_SET(KELC_ERR_IO);
     return -1;
   }
@@ -161,7 +127,7 @@ int ORVARecycleStatusSet(const char* share, int enable) {
       entry = &root.append(home);
     }
     if (!entry) {
-      syslog(LOG_ERR, "%s:%d no share named %s", "recycle", __LINE__, share);
+      ORVA_LOG(LOG_ERR, "no share named %s", share);
       KELC_ERR_SET(KELC_ERR_NOT_FOUND);
     } else if ((*entry)["recycle_bin"].isBool() && (*entry)["recycle_bin"].asBool() == (enable == 1)) {
       rc = 0;  // already so: no rewrite
@@ -170,7 +136,7 @@ int ORVARecycleStatusSet(const char* share, int enable) {
       Json::StreamWriterBuilder wb;
       wb["indentation"] = "  ";
       wb["emitUTF8"] = true;
-      if (ReplaceFile(dir, dirFd, path, Json::writeString(wb, root) + "\n")) {
+      if (ReplaceFile(path, Json::writeString(wb, root) + "\n")) {
         rc = 0;
       }
     }

@@ -13,6 +13,7 @@
 #include "internal.h"
 #include "scheduler/task_fields.h"
 #include "scheduler/task_json.h"
+#include "scheduler/task_ptr.h"
 
 namespace {
 
@@ -25,13 +26,7 @@ bool Fail(int code, const char* what, int line) {
 }
 #define FAIL(code, what) Fail((code), (what), __LINE__)
 
-std::string UserName(unsigned uid) {
-  PORVAUSER user = nullptr;
-  std::string name;
-  if (ORVAUserGetByUID(uid, &user) == 0) name = user->szName;
-  ORVAUserFree(user);
-  return name;
-}
+using ORVA::UserName;
 
 // The member `key` of `parent`, which must be an object (or absent/null: empty).
 bool Member(const Json::Value& json, const char* key, const Json::Value*& out) {
@@ -117,8 +112,7 @@ bool FromJsonBasic(const Json::Value& json, _tag_orva_sched_task_& task, const c
     userUid = u->uid;
     ORVAUserFree(u);
   }
-  std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)> copy(
-      static_cast<ORVA_SCHED_TASK*>(malloc(sizeof(ORVA_SCHED_TASK))), ORVASchedTaskFree);
+  ORVASchedTaskPtr copy(static_cast<ORVA_SCHED_TASK*>(malloc(sizeof(ORVA_SCHED_TASK))));
   if (!copy) return FAIL(KELC_ERR_OUT_OF_MEMORY, "basic: out of memory");
   *copy = orva_sched::Full(task);
   ORVA_SCHED_TASK& t = *copy;

@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/log.h"
 #include "internal.h"
 
 namespace orva_sched {
@@ -200,8 +201,8 @@ void LoadUnlisted(int64_t id, ORVA_SCHED_TASK& t) {
     found = conn.db() && ReadUnlisted(conn.db(), id, t);
   }
   if (!found) {
-    syslog(LOG_WARNING, "%s:%d listed task [%ld] is gone: its command, app arguments and edit form read empty",
-           __FILE_NAME__, __LINE__, static_cast<long>(id));
+    ORVA_LOG(LOG_WARNING, "listed task [%ld] is gone: its command, app arguments and edit form read empty",
+             static_cast<long>(id));
   }
 }
 
@@ -243,8 +244,7 @@ void FillCopy(ORVA_SCHED_TASK& t, const Tag& tag) {
       found = conn.db() ? ReadTask(conn.db(), tag.id, tmp.get()) : -1;
     }
     if (found != 1) {
-      syslog(LOG_WARNING, "%s:%d task [%ld] of a freed listing is gone: its copy reads empty", __FILE_NAME__, __LINE__,
-             static_cast<long>(tag.id));
+      ORVA_LOG(LOG_WARNING, "task [%ld] of a freed listing is gone: its copy reads empty", static_cast<long>(tag.id));
       memset(tmp.get(), 0, sizeof(ORVA_SCHED_TASK));
       tmp->id = tag.id;
       tmp->saved = 1;
@@ -350,7 +350,7 @@ Listing* ListingNew(size_t capacity, sqlite3* db) {
   char* base = static_cast<char*>(Map(baseBytes));
   ListEntry* entries = static_cast<ListEntry*>(Map(capacity * sizeof(ListEntry)));
   if (!base || !entries) {
-    syslog(LOG_ERR, "%s:%d cannot map a listing of %zu tasks: %m", __FILE_NAME__, __LINE__, capacity);
+    ORVA_LOG(LOG_ERR, "cannot map a listing of %zu tasks: %m", capacity);
     if (base) Unmap(base, baseBytes);
     if (entries) Unmap(entries, capacity * sizeof(ListEntry));
     SCHED_ERR(KELC_ERR_OUT_OF_MEMORY);

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "core/log.h"
 #include "core/user.h"
 #include "internal.h"
 #include "scheduler/task_fields.h"
@@ -287,7 +288,7 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
   const auto* found = std::find_if(std::begin(kKeys), std::end(kKeys),
                                    [key](const auto& row) { return strcmp(row.first, key) == 0; });
   if (found == std::end(kKeys)) {
-    syslog(LOG_ERR, "%s:%d unknown sort key [%s]", __FILE_NAME__, __LINE__, key);
+    ORVA_LOG(LOG_ERR, "unknown sort key [%s]", key);
     SCHED_ERR(ORVA_SCHED_ERR_INVALID);
     return -1;
   }

@@ -4,9 +4,11 @@
 #include <time.h>
 
 #include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <string>
 
+#include "core/log.h"
 #include "core/lookup_epoch.h"
 #include "internal.h"
 
@@ -32,34 +34,11 @@ void ZoneCheck() {
   lastTz = tz ? tz : "";
 }
 
-// Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's algorithm).
-int64_t DaysFromCivil(int64_t y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const unsigned yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
+using namespace std::chrono;
 
-unsigned DayOfMonth(int64_t z) {
-  z += 719468;
-  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const unsigned doe = static_cast<unsigned>(z - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  return doy - (153 * mp + 2) / 5 + 1;
-}
-
-// 0 = Sunday.
-unsigned Weekday(int64_t z) { return static_cast<unsigned>((z % 7 + 11) % 7); }
-
-bool IsLeap(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
-
-unsigned DaysInMonth(unsigned y, unsigned m) {
-  static const unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  return m == 2 && IsLeap(y) ? 29 : kDays[m - 1];
+// Days since 1970-01-01 of a civil date.
+int64_t DaysFromCivil(int y, unsigned m, unsigned d) {
+  return sys_days{year{y} / month{m} / day{d}}.time_since_epoch().count();
 }
 
 long OffsetAt(time_t t) {
@@ -107,14 +86,14 @@ time_t WallToInstant(int64_t wall) {
 
 bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& s) {
   auto bad = [](const char* what) {
-    syslog(LOG_ERR, "%s:%d invalid schedule: %s", __FILE_NAME__, __LINE__, what);
+    ORVA_LOG(LOG_ERR, "invalid schedule: %s", what);
     return false;
   };
   bool ok = true;
   if (s.repeat > ORVA_SCHED_REPEAT_ONCE) {
     ok = bad("repeat");
   } else if (s.month != 0 && (s.year < 1970 || s.year > 9999 || s.month > 12 || s.day < 1 ||
-                              s.day > DaysInMonth(s.year, s.month))) {
+                              !(year{s.year} / month{s.month} / day{s.day}).ok())) {
     ok = bad("date");
   } else if (s.month == 0 && (s.year != 0 || s.day != 0)) {
     ok = bad("date");
@@ -143,7 +122,7 @@ bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& s) {
 }
 
 time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) {
-  if (s.month == 0 || s.month > 12 || s.day < 1 || s.day > 31 || s.repeat > ORVA_SCHED_REPEAT_ONCE ||
+  if (s.year > 9999 || s.month == 0 || s.month > 12 || s.day < 1 || s.day > 31 || s.repeat > ORVA_SCHED_REPEAT_ONCE ||
       s.hour > 23 || s.min > 59) {
     return -1;  // no (usable) schedule
   }
@@ -175,10 +154,11 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
     }
   }
   for (int64_t d = first; d <= last; ++d) {
-    if (s.repeat == ORVA_SCHED_REPEAT_WEEKLY && !(s.week_mask & (1u << Weekday(d)))) {
+    const sys_days date{days{d}};
+    if (s.repeat == ORVA_SCHED_REPEAT_WEEKLY && !(s.week_mask & (1u << weekday{date}.c_encoding()))) {
       continue;
     }
-    if (s.repeat == ORVA_SCHED_REPEAT_MONTHLY && DayOfMonth(d) != s.day) {
+    if (s.repeat == ORVA_SCHED_REPEAT_MONTHLY && year_month_day{date}.day() != day{s.day}) {
       continue;
     }
     for (unsigned m = d == today ? todayMin : firstMin; m < 24 * 60; m += step) {

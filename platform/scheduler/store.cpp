@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "core/log.h"
 #include "core/user.h"
 #include "internal.h"
 #include "scheduler/task_fields.h"
@@ -216,14 +217,13 @@ void BindTask(Stmt& st, const ORVA_SCHED_TASK& t) {
 // task runs as that user.
 bool CheckSavable(const ORVA_SCHED_TASK& t) {
   if (t.id > ORVA_SCHED_TASK_ID_MAX) {
-    syslog(LOG_ERR, "%s:%d task [%ld] not saved: ids above %ld are not given out", __FILE_NAME__, __LINE__,
-           static_cast<long>(t.id), ORVA_SCHED_TASK_ID_MAX);
+    ORVA_LOG(LOG_ERR, "task [%ld] not saved: ids above %ld are not given out", static_cast<long>(t.id),
+             ORVA_SCHED_TASK_ID_MAX);
     SCHED_ERR(ORVA_SCHED_ERR_INVALID);
     return false;
   }
   if (t.truncated) {
-    syslog(LOG_ERR, "%s:%d task [%ld] not saved: %s is too long", __FILE_NAME__, __LINE__, static_cast<long>(t.id),
-           TruncatedField(t.truncated));
+    ORVA_LOG(LOG_ERR, "task [%ld] not saved: %s is too long", static_cast<long>(t.id), TruncatedField(t.truncated));
     SCHED_ERR(ORVA_SCHED_ERR_TOO_LONG);
     return false;
   }
@@ -231,8 +231,7 @@ bool CheckSavable(const ORVA_SCHED_TASK& t) {
     return false;
   }
   if (t.marker == ORVA_SCHED_MARKER_BY_USER && t.owner != t.real_owner) {
-    syslog(LOG_ERR, "%s:%d task [%ld] of uid %u would run as uid %u", __FILE_NAME__, __LINE__,
-           static_cast<long>(t.id), t.real_owner, t.owner);
+    ORVA_LOG(LOG_ERR, "task [%ld] of uid %u would run as uid %u", static_cast<long>(t.id), t.real_owner, t.owner);
     SCHED_ERR(ORVA_SCHED_ERR_NOT_OWNER);
     return false;
   }
@@ -278,7 +277,7 @@ namespace {
 bool UserUid(const char* user, unsigned int& uid) {
   PORVAUSER u = nullptr;
   if (!user || !*user || ORVAUserGetByName(user, &u) != 0) {
-    syslog(LOG_ERR, "%s:%d no such user [%s]", __FILE_NAME__, __LINE__, user ? user : "(null)");
+    ORVA_LOG(LOG_ERR, "no such user [%s]", user ? user : "(null)");
     SCHED_ERR(ORVA_SCHED_ERR_NO_USER);
     return false;
   }
@@ -384,8 +383,7 @@ int ORVASchedTaskSaveByUser(const char* user, ORVA_SCHED_TASK* pTask) {
   }
   if (!UserUid(user, uid)) return -1;
   if (pTask->owner != uid) {
-    syslog(LOG_ERR, "%s:%d user [%s] may not save a task that runs as uid %u", __FILE_NAME__, __LINE__, user,
-           pTask->owner);
+    ORVA_LOG(LOG_ERR, "user [%s] may not save a task that runs as uid %u", user, pTask->owner);
     SCHED_ERR(ORVA_SCHED_ERR_NOT_OWNER);
     return -1;
   }
@@ -541,7 +539,7 @@ bool CheckEventTask(const ORVASchedEventTask& t) {
   }
   ORVAUserFree(u);
   if (bad) {
-    syslog(LOG_ERR, "%s:%d event task [%ld] not saved: bad %s", __FILE_NAME__, __LINE__, t.id, bad);
+    ORVA_LOG(LOG_ERR, "event task [%ld] not saved: bad %s", t.id, bad);
     SCHED_ERR(code);
     return false;
   }

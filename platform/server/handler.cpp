@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "core/conf.h"
+#include "core/json_read.h"
+#include "core/log.h"
 #include "core/lookup_epoch.h"
 #include "core/root.h"
 #include "core/user.h"
@@ -40,16 +42,6 @@ std::string WriteJson(const Json::Value& v) {
   return out.str();
 }
 
-Json::CharReader& StrictReader() {
-  static const std::unique_ptr<Json::CharReader> reader = [] {
-    Json::CharReaderBuilder b;
-    Json::CharReaderBuilder::strictMode(&b.settings_);
-    b["stackLimit"] = kJsonDepthLimit + 8;
-    return std::unique_ptr<Json::CharReader>(b.newCharReader());
-  }();
-  return *reader;
-}
-
 // The configured default language, read again only when orva.conf changes.
 std::string DefaultLanguage() {
   static std::string cached;
@@ -68,7 +60,7 @@ std::string DefaultLanguage() {
 // Every reply: the page may not be framed (clickjacking), types are not sniffed, and
 // nothing leaks in a Referer. The policy allows what the page uses: its own files (ES
 // modules, the style sheet, icons, texts) and calls to its own origin; no inline code.
-void SetSecurityHeaders(Response& res) {
+void SetSecurityHeaders(http::fields& res) {
   res.set("Content-Security-Policy",
           "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'self'");
   res.set("X-Content-Type-Options", "nosniff");
@@ -113,14 +105,6 @@ std::string CookieValue(const Request& req, const std::string& name) {
   return "";
 }
 
-std::string UserNameOf(uid_t uid) {
-  PORVAUSER user = nullptr;
-  std::string name;
-  if (ORVAUserGetByUID(uid, &user) >= 0 && user != nullptr && user->szName != nullptr) name = user->szName;
-  ORVAUserFree(user);
-  return name;
-}
-
 std::string SetCookieValue(const std::string& id) {
   if (id.empty()) {
     return std::string(kSessionCookie) + "=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict";
@@ -152,9 +136,9 @@ void NoteLogin(const Json::Value& envelope, const Json::Value& params, const Pee
   const Json::Value& code = envelope["error"]["code"];
   if (code != 401 && code != 402) return;  // a malformed request guesses nothing
   const int failures = store.LoginFailed(keys);
-  syslog(LOG_NOTICE, "%s:%d failed login %s from %s (%d in a row; the next waits %.1f s)", __FILE_NAME__, __LINE__,
-         keys.size() > 1 ? ("of \"" + params["account"].asString() + "\"").c_str() : "with a token",
-         keys[0].c_str() + 8, failures, ORVA::SessionStore::LoginDelay(failures));
+  ORVA_LOG(LOG_NOTICE, "failed login %s from %s (%d in a row; the next waits %.1f s)",
+           keys.size() > 1 ? ("of \"" + params["account"].asString() + "\"").c_str() : "with a token",
+           keys[0].c_str() + 8, failures, ORVA::SessionStore::LoginDelay(failures));
 }
 
 Response HandleEntry(const Request& req, const Peer& peer) {
@@ -162,17 +146,12 @@ Response HandleEntry(const Request& req, const Peer& peer) {
   const bool keep = req.keep_alive();
   const std::string& body = req.body();
   if (JsonDepth(body, kJsonDepthLimit) > kJsonDepthLimit) {
-    syslog(LOG_WARNING, "%s:%d request nested deeper than %d refused", __FILE_NAME__, __LINE__, kJsonDepthLimit);
+    ORVA_LOG(LOG_WARNING, "request nested deeper than %d refused", kJsonDepthLimit);
     return ErrorResponse(ORVA::WEBAPI_ERR_BAD_REQUEST, ver, keep);
   }
   Json::Value root;
   std::string errs;
-  bool parsed = false;
-  try {
-    parsed = StrictReader().parse(body.data(), body.data() + body.size(), &root, &errs);
-  } catch (const std::exception&) {
-    parsed = false;
-  }
+  const bool parsed = ORVA::JsonParse(body, &root, &errs);
   if (!parsed || !root.isObject() || !root["api"].isString() || root["api"].asString().empty() ||
       !(root["version"].type() == Json::intValue || root["version"].type() == Json::uintValue) ||
       !root["version"].isInt() || !root["method"].isString() || root["method"].asString().empty() ||
@@ -195,9 +174,9 @@ Response HandleEntry(const Request& req, const Peer& peer) {
   std::string sessionLang;
   bool csrfRefused = false;
   if (peer.local) {
-    user = UserNameOf(peer.uid);
+    user = ORVA::UserName(peer.uid);
     if (user.empty()) {
-      syslog(LOG_WARNING, "%s:%d uid %u on the socket has no account", __FILE_NAME__, __LINE__, peer.uid);
+      ORVA_LOG(LOG_WARNING, "uid %u on the socket has no account", peer.uid);
     }
   } else {
     std::string cookie = CookieValue(req, kSessionCookie);
@@ -220,8 +199,7 @@ Response HandleEntry(const Request& req, const Peer& peer) {
       return ErrorResponse(csrfRefused ? ORVA::WEBAPI_ERR_PERMISSION : ORVA::WEBAPI_ERR_NOT_LOGGED_IN, ver, keep);
     }
     if (level == ORVA::API_AUTH_ADMIN && ORVAUserIsAdmin(user.c_str()) != 1) {
-      syslog(LOG_NOTICE, "%s:%d %s may not call %s v%d %s", __FILE_NAME__, __LINE__, user.c_str(), api.c_str(), version,
-             method.c_str());
+      ORVA_LOG(LOG_NOTICE, "%s may not call %s v%d %s", user.c_str(), api.c_str(), version, method.c_str());
       return ErrorResponse(ORVA::WEBAPI_ERR_PERMISSION, ver, keep);
     }
   }
@@ -256,7 +234,8 @@ const char* ContentType(const std::string& path) {
   return "application/octet-stream";
 }
 
-Response HandleStatic(const Request& req) {
+// Sent from the open file: nothing is read into memory first.
+AnyResponse HandleStatic(const Request& req) {
   const unsigned ver = req.version();
   const bool keep = req.keep_alive();
   std::string file;
@@ -265,33 +244,36 @@ Response HandleStatic(const Request& req) {
     return TextResponse(static_cast<http::status>(status), status == 400 ? "Bad request\n" : "Not found\n", ver,
                         keep);
   }
-  int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   struct stat st;
   if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     if (fd >= 0) close(fd);
     return TextResponse(http::status::not_found, "Not found\n", ver, keep);
   }
-  std::string content(static_cast<size_t>(st.st_size), '\0');
-  size_t got = 0;
-  while (got < content.size()) {
-    ssize_t n = read(fd, content.data() + got, content.size() - got);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    got += static_cast<size_t>(n);
+  auto headers = [&](auto& res) {
+    res.set(http::field::content_type, ContentType(file));
+    SetSecurityHeaders(res);
+    res.set(http::field::cache_control, "no-cache");
+    res.keep_alive(keep);
+  };
+  if (req.method() == http::verb::head) {  // the length alone: a file body would be sent
+    close(fd);
+    Response res{http::status::ok, ver};
+    headers(res);
+    res.content_length(st.st_size);
+    return res;
   }
-  close(fd);
-  if (got != content.size()) {
-    syslog(LOG_ERR, "%s:%d short read of %s", __FILE_NAME__, __LINE__, file.c_str());
+  FileResponse res{http::status::ok, ver};
+  headers(res);
+  boost::beast::file f;
+  f.native_handle(fd);
+  boost::beast::error_code ec;
+  res.body().reset(std::move(f), ec);
+  if (ec) {
+    ORVA_LOG(LOG_ERR, "cannot read %s: %s", file.c_str(), ec.message().c_str());
     return TextResponse(http::status::internal_server_error, "Read error\n", ver, false);
   }
-  Response res{http::status::ok, ver};
-  res.set(http::field::content_type, ContentType(file));
-  SetSecurityHeaders(res);
-  res.set(http::field::cache_control, "no-cache");
-  res.keep_alive(keep);
-  res.body() = std::move(content);
   res.prepare_payload();
-  if (req.method() == http::verb::head) res.body().clear();
   return res;
 }
 
@@ -417,7 +399,7 @@ bool ResolveStaticPath(const std::string& target, std::string* file, int* status
   std::string realStr = real;
   if (realStr.compare(0, baseStr.size(), baseStr) != 0 || realStr.size() <= baseStr.size() ||
       (baseStr != "/" && realStr[baseStr.size()] != '/')) {
-    syslog(LOG_WARNING, "%s:%d refused %s: it leads out of the webman folder", __FILE_NAME__, __LINE__, target.c_str());
+    ORVA_LOG(LOG_WARNING, "refused %s: it leads out of the webman folder", target.c_str());
     return false;
   }
   if (stat(real, &st) != 0 || !S_ISREG(st.st_mode)) return false;
@@ -434,19 +416,15 @@ double LoginWaitSeconds(const Request& req, const Peer& peer) {
   }
   Json::Value root;
   std::string errs;
-  try {
-    if (!StrictReader().parse(body.data(), body.data() + body.size(), &root, &errs) || !root.isObject() ||
-        !IsLogin(root["api"].isString() ? root["api"].asString() : "",
-                 root["method"].isString() ? root["method"].asString() : "")) {
-      return 0;
-    }
-  } catch (const std::exception&) {
+  if (!ORVA::JsonParse(body, &root, &errs) || !root.isObject() ||
+      !IsLogin(root["api"].isString() ? root["api"].asString() : "",
+               root["method"].isString() ? root["method"].asString() : "")) {
     return 0;
   }
   return ORVA::SessionStore::Instance().LoginWait(LoginKeys(root["params"], peer));
 }
 
-Response HandleRequest(const Request& req, const Peer& peer) {
+AnyResponse HandleRequest(const Request& req, const Peer& peer) {
   ORVALookupEpochNext();  // nothing cached for an earlier request is reused
   std::string target(req.target());
   std::string path = target.substr(0, target.find('?'));

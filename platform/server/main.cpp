@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <netdb.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -25,6 +24,9 @@
 #include <string>
 #include <vector>
 
+#include "core/file.h"
+#include "core/log.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "server.h"
 #include "webapi/session.h"
@@ -57,29 +59,17 @@ bool ParseInt(const char* s, int min, int max, int* out) {
   return true;
 }
 
-bool WriteFileAtomic(const std::string& path, const std::string& text, mode_t mode) {
-  std::string tmp = path + ".tmp";
-  unlink(tmp.c_str());
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0) {
-    syslog(LOG_ERR, "%s:%d cannot create %s: %m", __FILE_NAME__, __LINE__, tmp.c_str());
-    return false;
-  }
-  bool ok = fchmod(fd, mode) == 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ok = close(fd) == 0 && ok;
-  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-    syslog(LOG_ERR, "%s:%d cannot write %s: %m", __FILE_NAME__, __LINE__, path.c_str());
-    unlink(tmp.c_str());
-    return false;
-  }
-  return true;
+bool WriteFile(const std::string& path, const std::string& text, mode_t mode) {
+  if (ORVA::WriteFileAtomic(path, text, mode)) return true;
+  ORVA_LOG(LOG_ERR, "cannot write %s: %m", path.c_str());
+  return false;
 }
 
 int OpenUnixSocket(const std::string& path) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   if (path.size() >= sizeof addr.sun_path) {
-    syslog(LOG_ERR, "%s:%d socket path too long: %s", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "socket path too long: %s", path.c_str());
     return -1;
   }
   memcpy(addr.sun_path, path.c_str(), path.size() + 1);
@@ -87,7 +77,7 @@ int OpenUnixSocket(const std::string& path) {
   if (fd < 0) return -1;
   // A socket file that nobody answers on is left over from a server that died.
   if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
-    syslog(LOG_ERR, "%s:%d another server is running on %s", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "another server is running on %s", path.c_str());
     close(fd);
     return -1;
   }
@@ -96,7 +86,7 @@ int OpenUnixSocket(const std::string& path) {
   fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || chmod(path.c_str(), 0666) != 0 ||
       listen(fd, 256) != 0) {
-    syslog(LOG_ERR, "%s:%d cannot listen on %s: %m", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "cannot listen on %s: %m", path.c_str());
     if (fd >= 0) close(fd);
     return -1;
   }
@@ -107,7 +97,7 @@ int OpenUnixSocket(const std::string& path) {
 int OpenTcpSocket(const std::string& address, std::string* bound) {
   size_t colon = address.rfind(':');
   if (colon == std::string::npos || colon == 0) {
-    syslog(LOG_ERR, "%s:%d --listen wants ADDR:PORT, not \"%s\"", __FILE_NAME__, __LINE__, address.c_str());
+    ORVA_LOG(LOG_ERR, "--listen wants ADDR:PORT, not \"%s\"", address.c_str());
     return -1;
   }
   std::string host = address.substr(0, colon);
@@ -119,14 +109,14 @@ int OpenTcpSocket(const std::string& address, std::string* bound) {
   addrinfo* res = nullptr;
   int rc = getaddrinfo(host.c_str(), port.c_str(), &hints, &res);
   if (rc != 0 || res == nullptr) {
-    syslog(LOG_ERR, "%s:%d cannot resolve %s: %s", __FILE_NAME__, __LINE__, address.c_str(), gai_strerror(rc));
+    ORVA_LOG(LOG_ERR, "cannot resolve %s: %s", address.c_str(), gai_strerror(rc));
     return -1;
   }
   int fd = socket(res->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int one = 1;
   if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
       bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 512) != 0) {
-    syslog(LOG_ERR, "%s:%d cannot listen on %s: %m", __FILE_NAME__, __LINE__, address.c_str());
+    ORVA_LOG(LOG_ERR, "cannot listen on %s: %m", address.c_str());
     if (fd >= 0) close(fd);
     freeaddrinfo(res);
     return -1;
@@ -174,7 +164,7 @@ struct Supervisor {
     load.open[slot] = 0;  // a dead worker's connections died with it
     pid_t pid = fork();
     if (pid < 0) {
-      syslog(LOG_ERR, "%s:%d fork failed: %m", __FILE_NAME__, __LINE__);
+      ORVA_LOG(LOG_ERR, "fork failed: %m");
       return -1;
     }
     if (pid == 0) {
@@ -197,21 +187,22 @@ struct Supervisor {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string root;
   std::string listenSpec;
   int nworkers = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
   if (nworkers < 1) nworkers = 1;
   orvad::Timeouts timeouts;
   static const option opts[] = {
-      {"root", required_argument, nullptr, 'r'},           {"listen", required_argument, nullptr, 'l'},
-      {"workers", required_argument, nullptr, 'w'},        {"header-timeout", required_argument, nullptr, 'H'},
-      {"idle-timeout", required_argument, nullptr, 'I'},  {"help", no_argument, nullptr, 'h'},
+      ORVA::kRootOption,
+      {"listen", required_argument, nullptr, 'l'},
+      {"workers", required_argument, nullptr, 'w'},
+      {"header-timeout", required_argument, nullptr, 'H'},
+      {"idle-timeout", required_argument, nullptr, 'I'},
+      {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
   int c;
-  while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
+  while ((c = ORVA::GetOpt(argc, argv, "", opts)) != -1) {
     switch (c) {
-      case 'r': root = optarg; break;
       case 'l': listenSpec = optarg; break;
       case 'w':
         if (!ParseInt(optarg, 1, 256, &nworkers)) {
@@ -241,14 +232,12 @@ int main(int argc, char** argv) {
     Usage(stderr);
     return 2;
   }
-  if (!root.empty()) ORVA::ORVARootSet(root);
   openlog("orva-webapid", LOG_PID | LOG_PERROR, LOG_DAEMON);
   signal(SIGPIPE, SIG_IGN);
 
   const std::string runDir = ORVA::ORVAPathMap("/run/orva");
-  mkdir(ORVA::ORVAPathMap("/run").c_str(), 0755);
-  if (mkdir(runDir.c_str(), 0755) != 0 && errno != EEXIST) {
-    syslog(LOG_ERR, "%s:%d cannot create %s: %m", __FILE_NAME__, __LINE__, runDir.c_str());
+  if (!ORVA::MakeDirs(runDir, 0755)) {
+    ORVA_LOG(LOG_ERR, "cannot create %s: %m", runDir.c_str());
     return 1;
   }
   chmod(runDir.c_str(), 0755);
@@ -263,16 +252,16 @@ int main(int argc, char** argv) {
   void* shared = mmap(nullptr, sizeof(std::atomic<int>) * static_cast<size_t>(nworkers), PROT_READ | PROT_WRITE,
                       MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) {
-    syslog(LOG_ERR, "%s:%d cannot map the workers' shared counts: %m", __FILE_NAME__, __LINE__);
+    ORVA_LOG(LOG_ERR, "cannot map the workers' shared counts: %m");
     return 1;
   }
   sup.load.open = new (shared) std::atomic<int>[static_cast<size_t>(nworkers)]();
   sup.load.workers = nworkers;
   if (!ORVA::SessionStore::Instance().Init()) return 1;
   std::string token = ORVA::WebRandomHex(32);
-  if (token.empty() || !WriteFileAtomic(tokenPath, token + "\n", 0600)) return 1;
+  if (token.empty() || !WriteFile(tokenPath, token + "\n", 0600)) return 1;
   unlink(listenPath.c_str());
-  if (!bound.empty() && !WriteFileAtomic(listenPath, bound + "\n", 0644)) return 1;
+  if (!bound.empty() && !WriteFile(listenPath, bound + "\n", 0644)) return 1;
 
   sigemptyset(&sup.blocked);
   for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&sup.blocked, s);
@@ -281,8 +270,8 @@ int main(int argc, char** argv) {
   // The socket comes last: it accepting connections means the server is ready.
   if ((sup.unixFd = OpenUnixSocket(sockPath)) < 0) return 1;
   for (int i = 0; i < nworkers; ++i) sup.Spawn(i);
-  syslog(LOG_INFO, "%s:%d serving %s%s%s with %d workers", __FILE_NAME__, __LINE__, sockPath.c_str(),
-         bound.empty() ? "" : " and http://", bound.c_str(), nworkers);
+  ORVA_LOG(LOG_INFO, "serving %s%s%s with %d workers", sockPath.c_str(), bound.empty() ? "" : " and http://",
+           bound.c_str(), nworkers);
   if (!bound.empty()) {
     printf("orva-webapid: open http://%s/?token=%s\n", bound.c_str(), token.c_str());
   } else {
@@ -299,7 +288,7 @@ int main(int argc, char** argv) {
     int sig = sigtimedwait(&sup.blocked, &info, &wait);
     if (sig == SIGTERM || sig == SIGINT || sig == SIGHUP) {
       if (!stopping) {
-        syslog(LOG_INFO, "%s:%d stopping: finishing requests in progress", __FILE_NAME__, __LINE__);
+        ORVA_LOG(LOG_INFO, "stopping: finishing requests in progress");
         stopping = true;
         for (const auto& w : sup.workers) kill(w.first, SIGTERM);
       }
@@ -315,11 +304,9 @@ int main(int argc, char** argv) {
       sup.workers.erase(it);
       if (stopping) continue;
       if (WIFSIGNALED(status)) {
-        syslog(LOG_ERR, "%s:%d worker %d killed by signal %d; starting another", __FILE_NAME__, __LINE__, pid,
-               WTERMSIG(status));
+        ORVA_LOG(LOG_ERR, "worker %d killed by signal %d; starting another", pid, WTERMSIG(status));
       } else {
-        syslog(LOG_ERR, "%s:%d worker %d exited with %d; starting another", __FILE_NAME__, __LINE__, pid,
-               WEXITSTATUS(status));
+        ORVA_LOG(LOG_ERR, "worker %d exited with %d; starting another", pid, WEXITSTATUS(status));
       }
       if (lived < 1.0) lastFastDeath = Now();
       pendingRestarts.push_back(slot);
@@ -334,6 +321,6 @@ int main(int argc, char** argv) {
   unlink(sockPath.c_str());
   unlink(tokenPath.c_str());
   unlink(listenPath.c_str());
-  syslog(LOG_INFO, "%s:%d stopped", __FILE_NAME__, __LINE__);
+  ORVA_LOG(LOG_INFO, "stopped");
   return 0;
 }

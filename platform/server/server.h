@@ -6,6 +6,7 @@
 #include <atomic>
 #include <boost/beast/http.hpp>
 #include <string>
+#include <variant>
 
 namespace orvad {
 
@@ -13,6 +14,8 @@ namespace http = boost::beast::http;
 
 using Request = http::request<http::string_body>;
 using Response = http::response<http::string_body>;
+using FileResponse = http::response<http::file_body>;
+using AnyResponse = std::variant<Response, FileResponse>;
 
 // Limits of one request.
 constexpr size_t kBodyLimit = 1024 * 1024;
@@ -36,7 +39,7 @@ struct Peer {
 };
 
 // Serves one complete request (web API entry or static file).
-Response HandleRequest(const Request& req, const Peer& peer);
+AnyResponse HandleRequest(const Request& req, const Peer& peer);
 // Seconds a login request must wait before it is served, after failed logins of its
 // account or from its address (0 for any other request).
 double LoginWaitSeconds(const Request& req, const Peer& peer);

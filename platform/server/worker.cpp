@@ -16,6 +16,7 @@
 #include <optional>
 #include <set>
 
+#include "core/log.h"
 #include "core/root.h"
 #include "server.h"
 #include "webapi/registry.h"
@@ -78,8 +79,7 @@ class ThrottledLog {
     ++count_;
     const Clock::time_point now = Clock::now();
     if (logged_ && now - last_ < std::chrono::seconds(10)) return;
-    syslog(LOG_WARNING, "%s:%d %s: %s (%d time(s) since the last report)", __FILE_NAME__, __LINE__, what_,
-           detail.c_str(), count_);
+    ORVA_LOG(LOG_WARNING, "%s: %s (%d time(s) since the last report)", what_, detail.c_str(), count_);
     logged_ = true;
     last_ = now;
     count_ = 0;
@@ -213,11 +213,11 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
 
   void ReadFailed(beast::error_code ec) {
     if (ec == http::error::body_limit) {
-      syslog(LOG_WARNING, "%s:%d request body over %zu bytes refused", __FILE_NAME__, __LINE__, kBodyLimit);
+      ORVA_LOG(LOG_WARNING, "request body over %zu bytes refused", kBodyLimit);
       return Reply(ErrorResponse(ORVA::WEBAPI_ERR_TOO_LARGE, 11, false));
     }
     if (ec == http::error::header_limit) {
-      syslog(LOG_WARNING, "%s:%d request header over %zu bytes refused", __FILE_NAME__, __LINE__, kHeaderLimit);
+      ORVA_LOG(LOG_WARNING, "request header over %zu bytes refused", kHeaderLimit);
       Response res{http::status::request_header_fields_too_large, 11};
       res.keep_alive(false);
       res.prepare_payload();
@@ -254,22 +254,25 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
     }
     Request req = std::move(*held_);
     held_.reset();
-    Response res = HandleRequest(req, peer_);
-    if (gDraining) res.keep_alive(false);
+    AnyResponse res = HandleRequest(req, peer_);
+    if (gDraining) std::visit([](auto& r) { r.keep_alive(false); }, res);
     Reply(std::move(res));
   }
 
-  void Reply(Response res) {
-    res_ = std::make_shared<Response>(std::move(res));
+  void Reply(AnyResponse res) {
+    res_ = std::make_shared<AnyResponse>(std::move(res));
     stream_.expires_after(std::chrono::seconds(t_.writeSeconds));
     auto self = this->shared_from_this();
-    http::async_write(stream_, *res_, [self](beast::error_code ec, size_t) {
-      bool keep = self->res_->keep_alive();
-      self->res_.reset();
-      if (ec) return self->Close();
-      if (!keep) return self->LingerClose();
-      self->WaitForRequest();
-    });
+    std::visit(
+        [&](auto& r) {
+          http::async_write(stream_, r, [self, keep = r.keep_alive()](beast::error_code ec, size_t) {
+            self->res_.reset();
+            if (ec) return self->Close();
+            if (!keep) return self->LingerClose();
+            self->WaitForRequest();
+          });
+        },
+        *res_);
   }
 
   // Half-closes and reads what the client still sends (a refused large body) before
@@ -307,7 +310,7 @@ class Connection : public ConnectionBase, public std::enable_shared_from_this<Co
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   std::optional<Request> held_;
-  std::shared_ptr<Response> res_;
+  std::shared_ptr<AnyResponse> res_;
   Peer peer_;
   Timeouts t_;
   bool idle_ = false;
@@ -375,7 +378,7 @@ class Listener : public std::enable_shared_from_this<Listener<Protocol>> {
           ucred cred{};
           socklen_t len = sizeof cred;
           if (getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
-            syslog(LOG_ERR, "%s:%d SO_PEERCRED failed: %m", __FILE_NAME__, __LINE__);
+            ORVA_LOG(LOG_ERR, "SO_PEERCRED failed: %m");
             beast::error_code ignored;
             socket.close(ignored);
             return self->Accept();
@@ -434,7 +437,7 @@ int RunWorker(int unixFd, int tcpFd, const Timeouts& timeouts, const WorkerLoad&
       tcpListener->Start();
     }
   } catch (const std::exception& e) {
-    syslog(LOG_ERR, "%s:%d worker cannot use the listening sockets: %s", __FILE_NAME__, __LINE__, e.what());
+    ORVA_LOG(LOG_ERR, "worker cannot use the listening sockets: %s", e.what());
     return 1;
   }
 

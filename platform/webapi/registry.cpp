@@ -9,8 +9,9 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
-#include <fstream>
-#include <sstream>
+
+#include "core/json_read.h"
+#include "core/log.h"
 
 namespace ORVA {
 
@@ -42,20 +43,20 @@ bool APIRegistry::LoadModule(const std::string& path, std::string* error) {
   if (handle == nullptr) {
     const char* why = dlerror();
     if (error != nullptr) *error = why != nullptr ? why : "dlopen failed";
-    syslog(LOG_ERR, "%s:%d cannot load module %s: %s", __FILE_NAME__, __LINE__, path.c_str(), why ? why : "");
+    ORVA_LOG(LOG_ERR, "cannot load module %s: %s", path.c_str(), why ? why : "");
     return false;
   }
   auto getTable = reinterpret_cast<ORVA_GET_API_TABLE>(dlsym(handle, "GetAPITable"));
   if (getTable == nullptr) {
     if (error != nullptr) *error = "no GetAPITable in " + path;
-    syslog(LOG_ERR, "%s:%d module %s exports no GetAPITable", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "module %s exports no GetAPITable", path.c_str());
     dlclose(handle);
     return false;
   }
   const APITableRow* table = getTable();
   if (table == nullptr) {
     if (error != nullptr) *error = "GetAPITable returned null in " + path;
-    syslog(LOG_ERR, "%s:%d module %s returned no table", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "module %s returned no table", path.c_str());
     dlclose(handle);
     return false;
   }
@@ -69,16 +70,15 @@ void APIRegistry::RegisterTable(const APITableRow* table) {
   for (const APITableRow* r = table; r->api != nullptr || r->version != 0 || r->method != nullptr || r->func != nullptr;
        ++r) {
     if (r->api == nullptr || r->method == nullptr || r->func == nullptr) {
-      syslog(LOG_ERR, "%s:%d skipping an incomplete table row (%s v%d %s)", __FILE_NAME__, __LINE__,
-             r->api ? r->api : "(null)", r->version, r->method ? r->method : "(null)");
+      ORVA_LOG(LOG_ERR, "skipping an incomplete table row (%s v%d %s)", r->api ? r->api : "(null)", r->version,
+               r->method ? r->method : "(null)");
       continue;
     }
     bool duplicate = std::any_of(rows_.begin(), rows_.end(), [r](const APITableRow& x) {
       return x.version == r->version && strcmp(x.api, r->api) == 0 && strcmp(x.method, r->method) == 0;
     });
     if (duplicate) {
-      syslog(LOG_WARNING, "%s:%d %s v%d %s is registered already; the first stays", __FILE_NAME__, __LINE__, r->api,
-             r->version, r->method);
+      ORVA_LOG(LOG_WARNING, "%s v%d %s is registered already; the first stays", r->api, r->version, r->method);
       continue;
     }
     rows_.push_back(*r);
@@ -88,7 +88,7 @@ void APIRegistry::RegisterTable(const APITableRow* table) {
 int APIRegistry::LoadDirectory(const std::string& dir) {
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) {
-    syslog(LOG_ERR, "%s:%d cannot open module folder %s: %m", __FILE_NAME__, __LINE__, dir.c_str());
+    ORVA_LOG(LOG_ERR, "cannot open module folder %s: %m", dir.c_str());
     return 0;
   }
   std::vector<std::string> names;
@@ -127,22 +127,12 @@ bool APIRegistry::ParseAuth(const std::string& text, APIAuth* auth) {
 bool APIRegistry::LoadDescriptor(const std::string& path, std::string* error) {
   auto fail = [&](const std::string& why) {
     if (error != nullptr) *error = why;
-    syslog(LOG_ERR, "%s:%d descriptor %s: %s; its APIs stay admin-only", __FILE_NAME__, __LINE__, path.c_str(),
-           why.c_str());
+    ORVA_LOG(LOG_ERR, "descriptor %s: %s; its APIs stay admin-only", path.c_str(), why.c_str());
     return false;
   };
-  std::ifstream in(path);
-  if (!in) return fail("cannot read");
-  std::stringstream text;
-  text << in.rdbuf();
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  builder["failIfExtra"] = true;
   Json::Value root;
   std::string errs;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  const std::string s = text.str();
-  if (!reader->parse(s.data(), s.data() + s.size(), &root, &errs)) return fail("not JSON: " + errs);
+  if (!ORVA::JsonReadFile(path, &root, &errs)) return fail(errno == EINVAL ? "not JSON: " + errs : "cannot read");
   if (!root.isObject() || !root["apis"].isObject()) return fail("no \"apis\" object");
   // Check everything first so that a half-valid descriptor applies nothing.
   std::vector<std::pair<std::string, APIAuth>> entries;
@@ -218,22 +208,22 @@ Json::Value APIRegistry::Call(const APITableRow& row, APIRequest& request, APIRe
     row.func(&request, response);
   } catch (const std::exception& e) {
     threw = true;
-    syslog(LOG_ERR, "%s:%d %s v%d %s threw: %s", __FILE_NAME__, __LINE__, row.api, row.version, row.method, e.what());
+    ORVA_LOG(LOG_ERR, "%s v%d %s threw: %s", row.api, row.version, row.method, e.what());
   } catch (...) {
     threw = true;
-    syslog(LOG_ERR, "%s:%d %s v%d %s threw", __FILE_NAME__, __LINE__, row.api, row.version, row.method);
+    ORVA_LOG(LOG_ERR, "%s v%d %s threw", row.api, row.version, row.method);
   }
   tlsCurrent = outer;
   if (threw || response->GetReplyCount() == 0) {
     if (!threw) {
-      syslog(LOG_ERR, "%s:%d %s v%d %s wrote no reply", __FILE_NAME__, __LINE__, row.api, row.version, row.method);
+      ORVA_LOG(LOG_ERR, "%s v%d %s wrote no reply", row.api, row.version, row.method);
     }
     *frameworkError = WEBAPI_ERR_MODULE_FAILED;
     return ErrorEnvelope(WEBAPI_ERR_MODULE_FAILED);
   }
   if (response->GetReplyCount() > 1) {
-    syslog(LOG_ERR, "%s:%d %s v%d %s replied %d times; the first reply stands", __FILE_NAME__, __LINE__, row.api,
-           row.version, row.method, response->GetReplyCount());
+    ORVA_LOG(LOG_ERR, "%s v%d %s replied %d times; the first reply stands", row.api, row.version, row.method,
+             response->GetReplyCount());
   }
   return response->GetEnvelope();
 }

@@ -5,6 +5,7 @@
 
 #include <limits>
 
+#include "core/log.h"
 #include "core/lookup_epoch.h"
 #include "webapi/registry.h"
 
@@ -96,7 +97,7 @@ APIParameter<Json::Value> APIRequest::GetAndCheckArray(const std::string& name, 
 
 void APIResponse::SetSuccess(const Json::Value& data) {
   if (replies_++ > 0) {
-    syslog(LOG_ERR, "%s:%d module replied more than once; the first reply stands", __FILE_NAME__, __LINE__);
+    ORVA_LOG(LOG_ERR, "module replied more than once; the first reply stands");
     return;
   }
   success_ = true;
@@ -106,7 +107,7 @@ void APIResponse::SetSuccess(const Json::Value& data) {
 
 void APIResponse::SetError(int code, const Json::Value& data) {
   if (replies_++ > 0) {
-    syslog(LOG_ERR, "%s:%d module replied more than once; the first reply stands", __FILE_NAME__, __LINE__);
+    ORVA_LOG(LOG_ERR, "module replied more than once; the first reply stands");
     return;
   }
   success_ = false;
@@ -161,7 +162,7 @@ Json::Value ErrorEnvelope(int code) {
 void APIRunner::Exec(Json::Value& result, const char* api, int version, const char* method, const Json::Value& params,
                      const char* user) {
   if (api == nullptr || method == nullptr) {
-    syslog(LOG_ERR, "%s:%d in-process call without API or method", __FILE_NAME__, __LINE__);
+    ORVA_LOG(LOG_ERR, "in-process call without API or method");
     result = ErrorEnvelope(WEBAPI_ERR_BAD_REQUEST);
     return;
   }

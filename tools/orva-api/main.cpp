@@ -2,7 +2,6 @@
 // Unix socket run/orva/webapi.sock as the calling account, prints the reply and exits
 // 0 on success, 1 on an API error, 2 when the call could not be made.
 #include <errno.h>
-#include <getopt.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +13,8 @@
 #include <boost/beast/http.hpp>
 #include <json/json.h>
 
+#include "core/json_read.h"
+#include "core/program.h"
 #include "core/root.h"
 
 namespace asio = boost::asio;
@@ -33,25 +34,17 @@ void Usage(FILE* out) {
           "Example: orva-api ORVA.API.Info 1 query\n");
 }
 
-bool ParseJson(const std::string& text, Json::Value* out, std::string* errs) {
-  Json::CharReaderBuilder b;
-  Json::CharReaderBuilder::strictMode(&b.settings_);
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  return r->parse(text.data(), text.data() + text.size(), out, errs);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   static const option opts[] = {
-      {"root", required_argument, nullptr, 'r'},
+      ORVA::kRootOption,
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
   int c;
-  while ((c = getopt_long(argc, argv, "+", opts, nullptr)) != -1) {
+  while ((c = ORVA::GetOpt(argc, argv, "+", opts)) != -1) {
     switch (c) {
-      case 'r': ORVA::ORVARootSet(optarg); break;
       case 'h': Usage(stdout); return 0;
       default: Usage(stderr); return 2;
     }
@@ -75,7 +68,7 @@ int main(int argc, char** argv) {
   if (nargs == 4) {
     Json::Value params;
     std::string errs;
-    if (!ParseJson(argv[optind + 3], &params, &errs) || !params.isObject()) {
+    if (!ORVA::JsonParse(argv[optind + 3], &params, &errs) || !params.isObject()) {
       fprintf(stderr, "orva-api: PARAMS-JSON must be a JSON object: %s\n", errs.c_str());
       return 2;
     }
@@ -102,7 +95,7 @@ int main(int argc, char** argv) {
     const std::string& text = parser.get().body();
     Json::Value reply;
     std::string errs;
-    if (!ParseJson(text, &reply, &errs) || !reply.isObject()) {
+    if (!ORVA::JsonParse(text, &reply, &errs) || !reply.isObject()) {
       fprintf(stderr, "orva-api: the server's reply is not JSON (HTTP %u): %s\n", parser.get().result_int(),
               text.c_str());
       return 2;

@@ -1,24 +1,23 @@
 // orva-taskctl: raw task records for other packages and for tests.
 //   orva-taskctl [--root DIR] add JSON | show ID | list | remove ID
-#include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
 
-#include <memory>
 #include <string>
 
+#include "core/json_read.h"
 #include "core/kelc.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "core/user.h"
 #include "scheduler/task.h"
 #include "scheduler/task_fields.h"
 #include "scheduler/task_json.h"
+#include "scheduler/task_ptr.h"
 
 namespace {
-
-using TaskPtr = std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)>;
 
 void Usage(FILE* out) {
   fprintf(out,
@@ -43,14 +42,6 @@ std::string StoreError() {
   char buf[64];
   snprintf(buf, sizeof(buf), " [0x%04X %s:%d]", KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
   return buf;
-}
-
-std::string UserName(unsigned uid) {
-  PORVAUSER u = nullptr;
-  std::string name;
-  if (ORVAUserGetByUID(uid, &u) == 0) name = u->szName;
-  ORVAUserFree(u);
-  return name;
 }
 
 bool UserUid(const std::string& name, unsigned& uid) {
@@ -89,9 +80,9 @@ Json::Value ToJson(const ORVA_SCHED_TASK& t) {
 #define SHOW_S16 SHOW_S8
 #define SHOW_LIST SHOW_S8
   ORVA_SCHED_TASK_FIELDS(SHOW)
-  o["owner"] = UserName(ORVASchedTaskGetOwner(t));
+  o["owner"] = ORVA::UserName(ORVASchedTaskGetOwner(t));
   bool byUser = ORVASchedTaskGetMarker(t) == ORVA_SCHED_MARKER_BY_USER;
-  o["real_owner"] = byUser ? Json::Value(UserName(ORVASchedTaskGetRealOwner(t))) : Json::Value();
+  o["real_owner"] = byUser ? Json::Value(ORVA::UserName(ORVASchedTaskGetRealOwner(t))) : Json::Value();
   Json::Value sched;
   ORVASchedTaskConvertToJson_Schedule(t, sched);
   o["schedule"] = sched["schedule"];
@@ -104,11 +95,8 @@ typedef void (*FlagSetter)(ORVA_SCHED_TASK*, int);
 
 int Add(const char* text) {
   Json::Value in;
-  Json::CharReaderBuilder rb;
-  rb["strictRoot"] = true;
   std::string errs;
-  std::unique_ptr<Json::CharReader> reader(rb.newCharReader());
-  if (!reader->parse(text, text + strlen(text), &in, &errs) || !in.isObject()) {
+  if (!ORVA::JsonParse(text, &in, &errs) || !in.isObject()) {
     return Error("the task must be a JSON object");
   }
 #define ROW(K, m, basic, where, arg, get, set) ROW_##K(m, arg, set)
@@ -137,7 +125,7 @@ int Add(const char* text) {
     const char* key;
     FlagSetter set;
   } kFlags[] = {ORVA_SCHED_TASK_FIELDS(ROW)};
-  TaskPtr task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  ORVASchedTaskPtr task(ORVASchedTaskAllocFast());
   if (!task) return Error("out of memory");
   ORVA_SCHED_TASK* t = task.get();
 
@@ -202,7 +190,7 @@ int Add(const char* text) {
 }
 
 int Show(long id) {
-  TaskPtr task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  ORVASchedTaskPtr task(ORVASchedTaskAllocFast());
   if (!task) return Error("out of memory");
   if (id == -1 || ORVASchedTaskLoad(id, task.get()) != 0) {
     return Error("no task " + std::to_string(id) + StoreError());
@@ -234,16 +222,13 @@ int Remove(long id) {
 int main(int argc, char** argv) {
   openlog("orva-taskctl", LOG_PID, LOG_USER);
   static const struct option kOptions[] = {
-      {"root", required_argument, nullptr, 'r'},
+      ORVA::kRootOption,
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
   int opt;
-  while ((opt = getopt_long(argc, argv, "+", kOptions, nullptr)) != -1) {
+  while ((opt = ORVA::GetOpt(argc, argv, "+", kOptions)) != -1) {
     switch (opt) {
-      case 'r':
-        ORVA::ORVARootSet(optarg);
-        break;
       case 'h':
         Usage(stdout);
         return 0;

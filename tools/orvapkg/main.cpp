@@ -10,6 +10,8 @@
 
 #include <string>
 
+#include "core/log.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "pkg/package_manager.h"
 
@@ -28,7 +30,7 @@ const char kUsage[] =
     "Exit status: 0 done, 1 unknown package or the command failed, 2 bad usage.\n";
 
 void Fail(const std::string& msg) {
-  syslog(LOG_ERR, "%s", msg.c_str());
+  ORVA_LOG(LOG_ERR, "%s", msg.c_str());
   fprintf(stderr, "orvapkg: %s\n", msg.c_str());
 }
 
@@ -42,17 +44,19 @@ int main(int argc, char** argv) {
     fprintf(stderr, "orvapkg: %s\n%s", msg.c_str(), kUsage);
     return 2;
   };
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
+  static const option kOptions[] = {ORVA::kRootOption, {"help", no_argument, nullptr, 'h'}, {}};
+  opterr = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, ":h", kOptions)) != -1;) {
+    if (c == 'h') {
       fputs(kUsage, stdout);
       return 0;
-    } else if (a == "--root") {
-      if (++i >= argc) return usage("--root needs a folder");
-      ORVA::ORVARootSet(argv[i]);
-    } else if (!a.empty() && a[0] == '-') {
-      return usage("unknown option \"" + a + "\"");
-    } else if (verb.empty()) {
+    }
+    const std::string a = argv[optind - 1];
+    return usage(c == ':' ? a + " needs a value" : "unknown option \"" + a + "\"");
+  }
+  for (int i = optind; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (verb.empty()) {
       if (a != "start" && a != "stop") return usage("the action is start or stop, not \"" + a + "\"");
       verb = a;
     } else if (name.empty()) {
@@ -83,27 +87,20 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::string dir = ORVA::ORVAPathMap("/var/lib/orva/packages/" + name);
-  fflush(stdout);
-  const pid_t pid = fork();
-  if (pid < 0) {
-    Fail(std::string("cannot fork: ") + strerror(errno));
-    return 1;
-  }
-  if (pid == 0) {
+  const int status = ORVA::RunShell(command, [&] {
     if (chdir(dir.c_str()) != 0) {
       fprintf(stderr, "orvapkg: cannot enter %s: %s\n", dir.c_str(), strerror(errno));
       _exit(126);
     }
     setenv("ORVA_PKG_NAME", name.c_str(), 1);
     setenv("ORVA_PKG_DIR", dir.c_str(), 1);
-    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  });
+  if (status < 0) {
+    Fail(std::string("cannot fork: ") + strerror(errno));
+    return 1;
   }
   if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-    syslog(LOG_INFO, "%s package %s", verb == "start" ? "started" : "stopped", name.c_str());
+    ORVA_LOG(LOG_INFO, "%s package %s", verb == "start" ? "started" : "stopped", name.c_str());
     printf("%s package %s (%s)\n", verb == "start" ? "started" : "stopped", name.c_str(),
            info.displayName.c_str());
     return 0;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/root.h"
 #include "core/share.h"
 #include "recycle/recycle.h"
@@ -53,10 +54,10 @@ const char kUsage[] =
 
 // Errors go to syslog and to stderr; the rest to syslog only.
 void Fail(const char* fmt, const std::string& a = "", const std::string& b = "") {
-  syslog(LOG_ERR, fmt, a.c_str(), b.c_str());
-  fprintf(stderr, "orvarecycle: ");
-  fprintf(stderr, fmt, a.c_str(), b.c_str());
-  fputc('\n', stderr);
+  std::string msg(static_cast<size_t>(snprintf(nullptr, 0, fmt, a.c_str(), b.c_str())), '\0');
+  snprintf(msg.data(), msg.size() + 1, fmt, a.c_str(), b.c_str());
+  ORVA_LOG(LOG_ERR, "%s", msg.c_str());
+  fprintf(stderr, "orvarecycle: %s\n", msg.c_str());
 }
 
 struct Bin {
@@ -122,9 +123,9 @@ bool CleanOne(const Bin& bin, const Options& opts) {
          bin.label.c_str(), (unsigned long long)stats.removedFiles, (unsigned long long)stats.removedBytes,
          (unsigned long long)stats.keptFiles, (unsigned long long)stats.removedDirs,
          (unsigned long long)stats.bytesLeft);
-  syslog(LOG_INFO, "cleaned the recycle bin of %s: %llu file(s), %llu bytes removed, %llu bytes left",
-         bin.label.c_str(), (unsigned long long)stats.removedFiles, (unsigned long long)stats.removedBytes,
-         (unsigned long long)stats.bytesLeft);
+  ORVA_LOG(LOG_INFO, "cleaned the recycle bin of %s: %llu file(s), %llu bytes removed, %llu bytes left",
+           bin.label.c_str(), (unsigned long long)stats.removedFiles, (unsigned long long)stats.removedBytes,
+           (unsigned long long)stats.bytesLeft);
   if (opts.sizeLimit && stats.bytesLeft > *opts.sizeLimit) {
     printf("%s: the excepted files alone exceed the limit of %llu bytes\n", bin.label.c_str(),
            (unsigned long long)*opts.sizeLimit);
@@ -148,9 +149,6 @@ int main(int argc, char** argv) {
   if (opts.help) {
     fputs(kUsage, stdout);
     return 0;
-  }
-  if (!opts.root.empty()) {
-    ORVA::ORVARootSet(opts.root);
   }
 
   // Every name must be a known share before anything is touched.
@@ -196,7 +194,7 @@ int main(int argc, char** argv) {
         ok = false;
       } else {
         printf("%s: recycle bin %s\n", s.c_str(), enable ? "enabled" : "disabled");
-        syslog(LOG_INFO, "recycle bin of %s %s", s.c_str(), enable ? "enabled" : "disabled");
+        ORVA_LOG(LOG_INFO, "recycle bin of %s %s", s.c_str(), enable ? "enabled" : "disabled");
       }
     }
     return ok ? 0 : 1;

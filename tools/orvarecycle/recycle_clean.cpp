@@ -9,7 +9,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <numeric>
+#include <sstream>
+
+#include "core/log.h"
+#include "core/program.h"
 
 namespace orvarecycle {
 namespace {
@@ -87,7 +92,7 @@ void Walk(int dirFd, dev_t dev, std::vector<std::string>& prefix, const Options&
           std::vector<Entry>& out, Stats& stats) {
   std::vector<std::string> names;
   if (!ListNames(dirFd, names)) {
-    syslog(LOG_ERR, "cannot read folder .recycle/%s: %m", Joined(prefix).c_str());
+    ORVA_LOG(LOG_ERR, "cannot read folder .recycle/%s: %m", Joined(prefix).c_str());
     ++stats.errors;
     return;
   }
@@ -96,7 +101,7 @@ void Walk(int dirFd, dev_t dev, std::vector<std::string>& prefix, const Options&
     struct stat st;
     if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       if (errno != ENOENT) {
-        syslog(LOG_ERR, "cannot stat .recycle/%s/%s: %m", Joined(prefix).c_str(), name.c_str());
+        ORVA_LOG(LOG_ERR, "cannot stat .recycle/%s/%s: %m", Joined(prefix).c_str(), name.c_str());
         ++stats.errors;
       }
       continue;
@@ -104,23 +109,22 @@ void Walk(int dirFd, dev_t dev, std::vector<std::string>& prefix, const Options&
     prefix.push_back(name);
     if (S_ISDIR(st.st_mode)) {
       if (st.st_dev != dev) {
-        syslog(LOG_WARNING, "not entering .recycle/%s: another file system is mounted there",
-               Joined(prefix).c_str());
+        ORVA_LOG(LOG_WARNING, "not entering .recycle/%s: another file system is mounted there", Joined(prefix).c_str());
         ++stats.skippedMounts;
       } else if (prefix.size() > static_cast<size_t>(kMaxDepth)) {
-        syslog(LOG_ERR, "not entering .recycle/%s: deeper than %d folders", Joined(prefix).c_str(), kMaxDepth);
+        ORVA_LOG(LOG_ERR, "not entering .recycle/%s: deeper than %d folders", Joined(prefix).c_str(), kMaxDepth);
         ++stats.errors;
       } else {
         const int sub = OpenSubdir(dirFd, name.c_str());
         struct stat sst;
         if (sub < 0) {
           if (errno != ENOENT) {
-            syslog(LOG_ERR, "cannot open .recycle/%s: %m", Joined(prefix).c_str());
+            ORVA_LOG(LOG_ERR, "cannot open .recycle/%s: %m", Joined(prefix).c_str());
             ++stats.errors;
           }
         } else if (fstat(sub, &sst) != 0 || sst.st_dev != st.st_dev || sst.st_ino != st.st_ino) {
           // Replaced between the stat and the open: leave it for the next run.
-          syslog(LOG_WARNING, "folder .recycle/%s changed while being read; skipped", Joined(prefix).c_str());
+          ORVA_LOG(LOG_WARNING, "folder .recycle/%s changed while being read; skipped", Joined(prefix).c_str());
           close(sub);
         } else {
           Walk(sub, dev, prefix, opts, out, stats);
@@ -187,7 +191,7 @@ Outcome Delete(ParentCache& parents, const Entry& e, Stats& stats) {
   const std::string shown = Joined(e.path);
   const int fd = parents.Open(e.path);
   if (fd < 0) {
-    syslog(LOG_ERR, "cannot reach .recycle/%s: %m", shown.c_str());
+    ORVA_LOG(LOG_ERR, "cannot reach .recycle/%s: %m", shown.c_str());
     return Outcome::Failed;
   }
   struct stat st;
@@ -195,18 +199,18 @@ Outcome Delete(ParentCache& parents, const Entry& e, Stats& stats) {
     if (errno == ENOENT) {
       return Outcome::Gone;
     }
-    syslog(LOG_ERR, "cannot stat .recycle/%s: %m", shown.c_str());
+    ORVA_LOG(LOG_ERR, "cannot stat .recycle/%s: %m", shown.c_str());
     return Outcome::Failed;
   }
   if (st.st_dev != e.dev || st.st_ino != e.ino || S_ISDIR(st.st_mode)) {
-    syslog(LOG_WARNING, ".recycle/%s changed since it was read; left in place", shown.c_str());
+    ORVA_LOG(LOG_WARNING, ".recycle/%s changed since it was read; left in place", shown.c_str());
     return Outcome::LeftInPlace;
   }
   if (unlinkat(fd, e.path.back().c_str(), 0) != 0) {
     if (errno == ENOENT) {
       return Outcome::Gone;
     }
-    syslog(LOG_ERR, "cannot delete .recycle/%s: %m", shown.c_str());
+    ORVA_LOG(LOG_ERR, "cannot delete .recycle/%s: %m", shown.c_str());
     return Outcome::Failed;
   }
   ++stats.removedFiles;
@@ -236,7 +240,7 @@ void RemoveEmptyFolders(int dirFd, dev_t dev, std::vector<std::string>& prefix, 
     if (unlinkat(dirFd, name.c_str(), AT_REMOVEDIR) == 0) {
       ++stats.removedDirs;
     } else if (errno != ENOTEMPTY && errno != EEXIST && errno != ENOENT) {
-      syslog(LOG_ERR, "cannot remove folder .recycle/%s: %m", Joined(prefix).c_str());
+      ORVA_LOG(LOG_ERR, "cannot remove folder .recycle/%s: %m", Joined(prefix).c_str());
       ++stats.errors;
     }
     prefix.pop_back();
@@ -246,92 +250,65 @@ void RemoveEmptyFolders(int dirFd, dev_t dev, std::vector<std::string>& prefix, 
 }  // namespace
 
 bool ParseArgs(int argc, char** argv, Options& opts, std::string& error) {
-  auto setOp = [&](Op op, const char* flag) {
-    if (opts.op != Op::None) {
-      error = std::string("only one of --clean, --enable and --disable may be given (") + flag + ")";
-      return false;
-    }
-    opts.op = op;
-    return true;
-  };
-  auto value = [&](int& i, const char* flag, uint64_t& out) {
-    if (i + 1 >= argc) {
-      error = std::string(flag) + " needs a value";
-      return false;
-    }
-    if (!ParseBytes(argv[i + 1], out)) {
-      error = std::string(flag) + " needs a non-negative whole number, not \"" + argv[i + 1] + "\"";
-      return false;
-    }
-    ++i;
-    return true;
-  };
-  bool endOfOptions = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
+  // One dash is enough for a long option: -file_ext=EXT is one.
+  enum { kFileExt = 0x200 };
+  static const option kOptions[] = {ORVA::kRootOption,
+                                    {"clean", no_argument, nullptr, 'C'},
+                                    {"enable", no_argument, nullptr, 'E'},
+                                    {"disable", no_argument, nullptr, 'D'},
+                                    {"file_ext", required_argument, nullptr, kFileExt},
+                                    {"help", no_argument, nullptr, 'h'},
+                                    {}};
+  static const std::map<int, std::optional<uint64_t> Options::*> kNumbers = {{'t', &Options::maxAgeDays},
+                                                                             {'s', &Options::sizeLimit},
+                                                                             {'m', &Options::keepLarger},
+                                                                             {'l', &Options::keepSmaller}};
+  opterr = 0;
+  optind = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, ":t:s:o:m:l:h", kOptions, true)) != -1;) {
+    const std::string flag = argv[optind - 1];
     uint64_t v = 0;
-    if (endOfOptions || a.empty() || a[0] != '-') {
-      if (a.empty()) {
-        error = "an empty share name was given";
-        return false;
-      }
-      opts.shares.push_back(a);
-    } else if (a == "--") {
-      endOfOptions = true;
-    } else if (a == "--help" || a == "-h") {
+    if (c == 'h') {
       opts.help = true;
-    } else if (a == "--root") {
-      if (i + 1 >= argc) {
-        error = "--root needs a folder";
+    } else if (c == 'C' || c == 'E' || c == 'D') {
+      if (opts.op != Op::None) {
+        error = "only one of --clean, --enable and --disable may be given (" + flag + ")";
         return false;
       }
-      opts.root = argv[++i];
-    } else if (a.rfind("--root=", 0) == 0) {
-      opts.root = a.substr(7);
-    } else if (a == "--clean") {
-      if (!setOp(Op::Clean, "--clean")) return false;
-    } else if (a == "--enable") {
-      if (!setOp(Op::Enable, "--enable")) return false;
-    } else if (a == "--disable") {
-      if (!setOp(Op::Disable, "--disable")) return false;
-    } else if (a == "-t") {
-      if (!value(i, "-t", v)) return false;
-      opts.maxAgeDays = v;
-    } else if (a == "-s") {
-      if (!value(i, "-s", v)) return false;
-      opts.sizeLimit = v;
-    } else if (a == "-o") {
-      if (!value(i, "-o", v)) return false;
-      if (v != kOldestFirst && v != kLargestFirst) {
+      opts.op = c == 'C' ? Op::Clean : c == 'E' ? Op::Enable : Op::Disable;
+    } else if (kNumbers.count(c) || c == 'o') {
+      if (!ParseBytes(optarg, v)) {
+        error = std::string("-") + static_cast<char>(c) + " needs a non-negative whole number, not \"" + optarg + "\"";
+        return false;
+      }
+      if (c != 'o') {
+        opts.*kNumbers.at(c) = v;
+      } else if (v != kOldestFirst && v != kLargestFirst) {
         error = "-o must be 2 (largest files first) or 1 (oldest files first)";
         return false;
+      } else {
+        opts.order = static_cast<int>(v);
+        opts.orderGiven = true;
       }
-      opts.order = static_cast<int>(v);
-      opts.orderGiven = true;
-    } else if (a == "-m") {
-      if (!value(i, "-m", v)) return false;
-      opts.keepLarger = v;
-    } else if (a == "-l") {
-      if (!value(i, "-l", v)) return false;
-      opts.keepSmaller = v;
-    } else if (a.rfind("-file_ext=", 0) == 0) {
+    } else if (c == kFileExt) {
       // Dot-separated; empty items (from an empty extension) add nothing.
-      const std::string list = a.substr(10);
-      size_t start = 0;
-      while (start <= list.size()) {
-        size_t dot = list.find('.', start);
-        if (dot == std::string::npos) {
-          dot = list.size();
-        }
-        if (dot > start) {
-          opts.keepExt.push_back(Lower(list.substr(start, dot - start)));
-        }
-        start = dot + 1;
+      std::istringstream items(optarg);
+      for (std::string item; std::getline(items, item, '.');) {
+        if (!item.empty()) opts.keepExt.push_back(Lower(item));
       }
     } else {
-      error = "unknown option \"" + a + "\"";
+      error = c == ':' ? flag + " needs a value" : "unknown option \"" + flag + "\"";
       return false;
     }
+  }
+  // "--" ends the options: every word after it is a share name.
+  const bool endOfOptions = optind > 1 && strcmp(argv[optind - 1], "--") == 0;
+  for (int i = optind; i < argc; ++i) {
+    if (!*argv[i]) {
+      error = "an empty share name was given";
+      return false;
+    }
+    opts.shares.push_back(argv[i]);
   }
   if (opts.help) {
     return true;
@@ -445,7 +422,7 @@ std::vector<size_t> SelectForDeletion(const std::vector<Entry>& entries, const O
 bool CleanBin(int binFd, const Options& opts, time_t now, Stats& stats) {
   struct stat st;
   if (fstat(binFd, &st) != 0) {
-    syslog(LOG_ERR, "cannot stat the recycle bin: %m");
+    ORVA_LOG(LOG_ERR, "cannot stat the recycle bin: %m");
     ++stats.errors;
     return false;
   }

@@ -20,7 +20,6 @@ enum SizeOrder { kOldestFirst = 1, kLargestFirst = 2 };
 struct Options {
   Op op = Op::None;
   bool help = false;
-  std::string root;                         // --root
   std::vector<std::string> shares;          // bare arguments; none = every share
   std::optional<uint64_t> maxAgeDays;       // -t: delete files older than this
   std::optional<uint64_t> sizeLimit;        // -s: shrink the bin to this many bytes

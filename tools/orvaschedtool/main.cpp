@@ -18,10 +18,12 @@
 #include <json/json.h>
 
 #include <algorithm>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "core/json_read.h"
+#include "core/log.h"
+#include "core/program.h"
 #include "core/root.h"
 
 namespace {
@@ -49,12 +51,12 @@ volatile sig_atomic_t gStop = 0;
 void OnSignal(int) { gStop = 1; }
 
 void Fail(const std::string& msg) {
-  syslog(LOG_ERR, "%s", msg.c_str());
+  ORVA_LOG(LOG_ERR, "%s", msg.c_str());
   fprintf(stderr, "orvaschedtool: %s\n", msg.c_str());
 }
 
 void Info(const std::string& msg) {
-  syslog(LOG_INFO, "%s", msg.c_str());
+  ORVA_LOG(LOG_INFO, "%s", msg.c_str());
   printf("%s\n", msg.c_str());
   fflush(stdout);
 }
@@ -175,36 +177,16 @@ int Beep(int seconds, const std::string& device) {
   return 1;
 }
 
-int RunShell(const std::string& command) {
-  fflush(stdout);
-  fflush(stderr);
-  const pid_t pid = fork();
-  if (pid < 0) {
-    return -1;
-  }
-  if (pid == 0) {
-    signal(SIGTERM, SIG_DFL);
-    signal(SIGINT, SIG_DFL);
-    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return status;
-}
-
 int Services(bool start, const std::vector<std::string>& ids) {
   const std::string file = ORVA::ORVAPathMap("/etc/orva/services.json");
-  std::ifstream in(file);
-  if (!in) {
+  Json::Value services;
+  std::string errs;
+  const bool read = ORVA::JsonReadFile(file, &services, &errs);
+  if (!read && errno != EINVAL) {
     Fail("cannot read " + file + ": " + strerror(errno));
     return 1;
   }
-  Json::CharReaderBuilder builder;
-  Json::Value services;
-  std::string errs;
-  if (!Json::parseFromStream(builder, in, &services, &errs) || !services.isObject()) {
+  if (!read || !services.isObject()) {
     Fail("malformed " + file + (errs.empty() ? ": not an object" : ": " + errs));
     return 1;
   }
@@ -229,7 +211,10 @@ int Services(bool start, const std::vector<std::string>& ids) {
   }
   int failed = 0;
   for (const std::string& id : todo) {
-    const int status = RunShell(services[id][verb].asString());
+    const int status = ORVA::RunShell(services[id][verb].asString(), [] {
+      signal(SIGTERM, SIG_DFL);
+      signal(SIGINT, SIG_DFL);
+    });
     if (status == 0) {
       Info(std::string(start ? "started" : "stopped") + " service " + id);
       continue;
@@ -271,32 +256,34 @@ int main(int argc, char** argv) {
     fprintf(stderr, "orvaschedtool: %s\n%s", msg.c_str(), kUsage);
     return 2;
   };
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
+  static const option kOptions[] = {ORVA::kRootOption,
+                                    {"device", required_argument, nullptr, 'd'},
+                                    {"beep", required_argument, nullptr, 'b'},
+                                    {"start-service", no_argument, nullptr, 's'},
+                                    {"stop-service", no_argument, nullptr, 't'},
+                                    {"help", no_argument, nullptr, 'h'},
+                                    {}};
+  opterr = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, ":h", kOptions)) != -1;) {
+    if (c == 'h') {
       fputs(kUsage, stdout);
       return 0;
-    } else if (a == "--root") {
-      if (++i >= argc) return usage("--root needs a folder");
-      ORVA::ORVARootSet(argv[i]);
-    } else if (a == "--device") {
-      if (++i >= argc) return usage("--device needs a path");
-      device = argv[i];
-    } else if (a == "--beep" || a == "--start-service" || a == "--stop-service") {
+    } else if (c == 'd') {
+      device = optarg;
+    } else if (c == 'b' || c == 's' || c == 't' || (c == ':' && optopt == 'b')) {
       if (mode != kNone) return usage("only one of --beep, --start-service and --stop-service may be given");
-      if (a == "--beep") {
-        mode = kBeep;
-        if (++i >= argc || !ParseSeconds(argv[i], seconds)) {
-          return usage("--beep needs a number of seconds from 1 to 600");
-        }
-      } else {
-        mode = a == "--start-service" ? kStart : kStop;
+      mode = c == 's' ? kStart : c == 't' ? kStop : kBeep;
+      if (mode == kBeep && (c == ':' || !ParseSeconds(optarg, seconds))) {
+        return usage("--beep needs a number of seconds from 1 to 600");
       }
-    } else if (!a.empty() && a[0] != '-' && (mode == kStart || mode == kStop)) {
-      ids.push_back(a);
     } else {
-      return usage("unexpected argument \"" + a + "\"");
+      return usage(c == ':' ? std::string(argv[optind - 1]) + " needs a value"
+                            : "unexpected argument \"" + std::string(argv[optind - 1]) + "\"");
     }
+  }
+  for (int i = optind; i < argc; ++i) {
+    if (mode != kStart && mode != kStop) return usage("unexpected argument \"" + std::string(argv[i]) + "\"");
+    ids.push_back(argv[i]);
   }
   if (mode == kNone) return usage("one of --beep, --start-service or --stop-service is needed");
   if ((mode == kStart || mode == kStop) && ids.empty()) return usage("name at least one service id");

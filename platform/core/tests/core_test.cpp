@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "core/conf.h"
+#include "core/file.h"
+#include "core/json_read.h"
 #include "core/kelc.h"
 #include "core/root.h"
 #include "core/share.h"
@@ -82,6 +84,10 @@ TEST(Share, EnumTable) {
       {"{\"name\":\"a\"}", -1, KELC_ERR_PARSE, {}},             // not an array
       {"[{\"name\":\"a\"},{\"path\":\"/x\"}]", -1, KELC_ERR_PARSE, {}},  // a share without name adds nothing
       {"[{\"name\":\"a\"},{\"name\":7}]", -1, KELC_ERR_PARSE, {}},
+      // Strict JSON: no comment, nothing after the value, no key twice.
+      {"[] // c", -1, KELC_ERR_PARSE, {}},
+      {"[] []", -1, KELC_ERR_PARSE, {}},
+      {"[{\"name\":\"a\",\"name\":\"b\"}]", -1, KELC_ERR_PARSE, {}},
       {"LOOP", -1, KELC_ERR_IO, {}},
   };
   for (const auto& c : cases) {
@@ -147,6 +153,24 @@ TEST(User, LookupByUidAndName) {
 }
 
 // Real users and groups, created for the test and removed after it.
+// Edges of the shared helpers that the programs' own tests do not reach.
+TEST(Helpers, FoldersAtomicWritesDeepJson) {
+  TempRoot root;
+  root.Write("file", "x");
+  ASSERT_EQ(chdir(root.path().c_str()), 0);
+  for (const auto& [dir, ok] :
+       std::vector<std::pair<std::string, bool>>{{"r/s", true}, {"r/s", true}, {"file", false}, {"file/d", false}}) {
+    EXPECT_EQ(ORVA::MakeDirs(dir, 0750), ok) << dir;
+  }
+  EXPECT_FALSE(ORVA::WriteFileAtomic("r/none/f", "x", 0600));
+  EXPECT_TRUE(ORVA::WriteFileAtomic("r/f", "x", 0600));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator("r"), {}), 2);  // s and f: no temporary left
+  Json::Value v;
+  std::string errs;
+  EXPECT_FALSE(ORVA::JsonParse(std::string(5000, '['), &v, &errs));  // refused, not thrown
+  ASSERT_EQ(chdir("/"), 0);
+}
+
 class AdminUser : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -31,3 +31,12 @@ int ORVAUserIsAdmin(const char* name);
 #ifdef __cplusplus
 }
 #endif
+
+#ifdef __cplusplus
+#include <string>
+
+namespace ORVA {
+// The name of the user `uid`, or "" when the uid has no user.
+std::string UserName(uid_t uid);
+}  // namespace ORVA
+#endif

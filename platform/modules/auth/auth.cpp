@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "core/log.h"
 #include "core/root.h"
 #include "core/user.h"
 #include "webapi/session.h"
@@ -54,8 +55,8 @@ bool PamCheck(const std::string& account, const std::string& passwd) {
   if (rc == PAM_SUCCESS) rc = pam_authenticate(pamh, PAM_DISALLOW_NULL_AUTHTOK);
   if (rc == PAM_SUCCESS) rc = pam_acct_mgmt(pamh, PAM_DISALLOW_NULL_AUTHTOK);
   if (rc != PAM_SUCCESS) {
-    syslog(LOG_NOTICE, "%s:%d login of \"%s\" refused: %s", __FILE_NAME__, __LINE__, account.c_str(),
-           pamh != nullptr ? pam_strerror(pamh, rc) : "pam_start failed");
+    ORVA_LOG(LOG_NOTICE, "login of \"%s\" refused: %s", account.c_str(),
+             pamh != nullptr ? pam_strerror(pamh, rc) : "pam_start failed");
   }
   if (pamh != nullptr) pam_end(pamh, rc);
   return rc == PAM_SUCCESS;
@@ -67,19 +68,16 @@ bool ReadToken(std::string* token, std::string* user) {
   const std::string path = ORVA::ORVAPathMap("/run/orva/login.token");
   struct stat st;
   if (stat(path.c_str(), &st) != 0) {
-    syslog(LOG_ERR, "%s:%d cannot stat %s: %m", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "cannot stat %s: %m", path.c_str());
     return false;
   }
   std::ifstream in(path);
   if (!in || !std::getline(in, *token) || token->size() != 64) {
-    syslog(LOG_ERR, "%s:%d %s holds no token", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "%s holds no token", path.c_str());
     return false;
   }
-  PORVAUSER u = nullptr;
-  bool ok = ORVAUserGetByUID(st.st_uid, &u) >= 0 && u != nullptr && u->szName != nullptr;
-  if (ok) *user = u->szName;
-  ORVAUserFree(u);
-  return ok;
+  *user = ORVA::UserName(st.st_uid);
+  return !user->empty();
 }
 
 void Login(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
@@ -94,7 +92,7 @@ void Login(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
       return Fail(resp, AUTH_ERR_PARAMS, "give either account and passwd, or token");
     }
     if (!ReadToken(&expected, &user) || !ORVA::WebConstantTimeEquals(token.Get(), expected)) {
-      syslog(LOG_NOTICE, "%s:%d login with a wrong token refused", __FILE_NAME__, __LINE__);
+      ORVA_LOG(LOG_NOTICE, "login with a wrong token refused");
       return Fail(resp, AUTH_ERR_TOKEN, "invalid login token");
     }
   } else {
@@ -111,7 +109,7 @@ void Login(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   if (!ORVA::SessionStore::Instance().Create(user, sessionLang, &session)) {
     return Fail(resp, AUTH_ERR_SESSION, "cannot create a session");
   }
-  syslog(LOG_INFO, "%s:%d %s logged in", __FILE_NAME__, __LINE__, user.c_str());
+  ORVA_LOG(LOG_INFO, "%s logged in", user.c_str());
   resp->SetSessionCookie(session.id);
   Json::Value data;
   data["csrf_token"] = session.csrf;

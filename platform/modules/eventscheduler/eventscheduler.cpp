@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/user.h"
 #include "scheduler/task.h"
 #include "webapi/webapi.h"
@@ -30,8 +31,7 @@ enum {
 // Store failures: the store's error code says which of ours it is.
 void FailStore(ORVA::APIResponse* resp, const char* what) {
   const int code = KELCErrGet();
-  syslog(LOG_ERR, "%s:%d %s failed. [0x%04X %s:%d]", "eventscheduler", __LINE__, what, code, KELCErrorGetFile(),
-         KELCErrorGetLine());
+  ORVA_LOG(LOG_ERR, "%s failed. [0x%04X %s:%d]", what, code, KELCErrorGetFile(), KELCErrorGetLine());
   switch (code) {
     case ORVA_SCHED_ERR_NOT_FOUND:
       resp->SetErrorMessage(kErrNotFound, "no such event task", "id");
@@ -49,22 +49,12 @@ void FailStore(ORVA::APIResponse* resp, const char* what) {
   }
 }
 
-std::string UserName(unsigned int uid) {
-  PORVAUSER user = nullptr;
-  std::string name;
-  if (ORVAUserGetByUID(uid, &user) >= 0 && user && user->szName) {
-    name = user->szName;
-  }
-  ORVAUserFree(user);
-  return name;
-}
-
 Json::Value ToJson(const ORVASchedEventTask& t) {
   Json::Value v(Json::objectValue);
   v["id"] = static_cast<Json::Int64>(t.id);
   v["task_name"] = t.task_name;
   Json::Value owner(Json::objectValue);
-  owner[std::to_string(t.owner)] = UserName(t.owner);
+  owner[std::to_string(t.owner)] = ORVA::UserName(t.owner);
   v["owner"] = owner;
   v["enable"] = t.enable;
   v["event"] = t.event;

@@ -19,8 +19,10 @@
 #include <vector>
 
 #include "core/kelc.h"
+#include "core/log.h"
 #include "scheduler/task.h"
 #include "scheduler/task_json.h"
+#include "scheduler/task_ptr.h"
 #include "webapi/webapi.h"
 
 namespace {
@@ -48,8 +50,7 @@ const char* const kScheduleKeys[][2] = {
 // Store failures: the store's error code says which of ours it is.
 void FailStore(ORVA::APIResponse* resp, const char* what) {
   const int code = KELCErrGet();
-  syslog(LOG_ERR, "%s:%d %s failed. [0x%04X %s:%d]", "taskruns", __LINE__, what, code, KELCErrorGetFile(),
-         KELCErrorGetLine());
+  ORVA_LOG(LOG_ERR, "%s failed. [0x%04X %s:%d]", what, code, KELCErrorGetFile(), KELCErrorGetLine());
   switch (code) {
     case ORVA_SCHED_ERR_NOT_FOUND:
       resp->SetErrorMessage(kErrNotFound, "no such task or run");
@@ -171,7 +172,7 @@ void Summary(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
 void Stop(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   int64_t id = 0;
   if (!ReadPositive(req, resp, "id", id)) return;
-  std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)> task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  ORVASchedTaskPtr task(ORVASchedTaskAllocFast());
   if (!task || ORVASchedTaskLoad(static_cast<long>(id), task.get()) < 0) {
     FailStore(resp, "load task");
     return;
@@ -197,7 +198,7 @@ void Stop(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
 // page's words; otherwise the members do not fit together.
 std::string Culprit(const Json::Value& schedule) {
   for (const std::string& key : schedule.getMemberNames()) {
-    std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)> t(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+    ORVASchedTaskPtr t(ORVASchedTaskAllocFast());
     Json::Value one(Json::objectValue);
     one["schedule"][key] = schedule[key];
     if (t && !ORVASchedTaskConvertFromJson_Schedule(one, *t)) {
@@ -234,7 +235,7 @@ void Preview(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
       schedule.removeMember(key[0]);
     }
   }
-  std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)> task(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  ORVASchedTaskPtr task(ORVASchedTaskAllocFast());
   Json::Value wrapped(Json::objectValue);
   wrapped["schedule"] = schedule;
   if (!task || !ORVASchedTaskConvertFromJson_Schedule(wrapped, *task)) {

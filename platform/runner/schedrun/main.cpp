@@ -3,8 +3,8 @@
 // the run (start, end, exit code or signal, the tail of the output) in the store.
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <grp.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
@@ -12,7 +12,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
-#include <poll.h>
 #include <sys/mount.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -24,10 +23,14 @@
 #include <memory>
 #include <string>
 
+#include "core/file.h"
 #include "core/kelc.h"
+#include "core/log.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "scheduler/run_log.h"
 #include "scheduler/task.h"
+#include "scheduler/task_ptr.h"
 
 namespace {
 
@@ -68,7 +71,7 @@ bool LoadJob(Job& job) {
     job.canRunTaskSameTime = false;
     return true;
   }
-  std::unique_ptr<ORVA_SCHED_TASK, void (*)(ORVA_SCHED_TASK*)> t(ORVASchedTaskAllocFast(), ORVASchedTaskFree);
+  ORVASchedTaskPtr t(ORVASchedTaskAllocFast());
   if (!t || ORVASchedTaskLoad(job.id, t.get()) != 0) return false;
   job.command = ORVASchedTaskGetCommand(*t);
   // A user's task always runs as that user.
@@ -80,19 +83,10 @@ bool LoadJob(Job& job) {
   return true;
 }
 
-bool MakeDirs(const std::string& dir, mode_t mode) {
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = dir.find('/', pos + 1);
-    std::string cur = dir.substr(0, pos);
-    if (mkdir(cur.c_str(), mode) != 0 && errno != EEXIST) return false;
-  }
-  return true;
-}
-
 // Takes a lock file of the folder run/orva/scheduler; false when another run holds it.
 bool Lock(const std::string& name, bool exclusive, int& fd, std::string& error) {
   std::string dir = ORVA::ORVAPathMap("/run/orva/scheduler");
-  if (!MakeDirs(dir, 0755)) {
+  if (!ORVA::MakeDirs(dir, 0755)) {
     error = "cannot create " + dir + ": " + strerror(errno);
     fd = -1;
     return false;
@@ -150,8 +144,8 @@ void EnterNamespace(const std::string& root, bool privileged) {
   }
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) ChildFail("make mounts private");
   std::string source = root + "/usr/orva";
-  if (!MakeDirs(source, 0755)) ChildFail("create the root's usr/orva");
-  if (!MakeDirs("/usr/orva", 0755)) ChildFail("create the mount point /usr/orva");
+  if (!ORVA::MakeDirs(source, 0755)) ChildFail("create the root's usr/orva");
+  if (!ORVA::MakeDirs("/usr/orva", 0755)) ChildFail("create the mount point /usr/orva");
   if (mount(source.c_str(), "/usr/orva", nullptr, MS_BIND | MS_REC, nullptr) != 0) ChildFail("bind /usr/orva");
 }
 
@@ -274,8 +268,8 @@ Outcome Supervise(int64_t runId, pid_t child, int outFd, int sigFd) {
       while (read(sigFd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
         if (si.ssi_signo != SIGCHLD && !o.stopped) {
           o.stopped = true;
-          syslog(LOG_NOTICE, "%s:%d stop requested (signal %u from pid %u): ending process group %d", "main",
-                 __LINE__, si.ssi_signo, si.ssi_pid, static_cast<int>(child));
+          ORVA_LOG(LOG_NOTICE, "stop requested (signal %u from pid %u): ending process group %d", si.ssi_signo,
+                   si.ssi_pid, static_cast<int>(child));
           kill(-child, SIGTERM);
           killAt = NowMs() + kStopGraceMs;
         }
@@ -315,14 +309,14 @@ Outcome Supervise(int64_t runId, pid_t child, int outFd, int sigFd) {
 int Run(Job& job, const char* trigger) {
   const char* what = job.kind == ORVA_SCHED_RUN_TASK ? "task" : "event task";
   if (!LoadJob(job)) {
-    syslog(LOG_ERR, "%s:%d cannot load %s %ld [0x%04X %s:%d]", "main", __LINE__, what, job.id, KELCErrGet(),
-           KELCErrorGetFile(), KELCErrorGetLine());
+    ORVA_LOG(LOG_ERR, "cannot load %s %ld [0x%04X %s:%d]", what, job.id, KELCErrGet(), KELCErrorGetFile(),
+             KELCErrorGetLine());
     return 1;
   }
   struct passwd* found = getpwuid(job.uid);
   if (!found) {
     std::string msg = "the owner account (uid " + std::to_string(job.uid) + ") does not exist; not run";
-    syslog(LOG_ERR, "%s:%d %s %ld: %s", "main", __LINE__, what, job.id, msg.c_str());
+    ORVA_LOG(LOG_ERR, "%s %ld: %s", what, job.id, msg.c_str());
     ORVASchedRunRecord(job.kind, job.id, trigger, "failed", msg);
     return 1;
   }
@@ -338,22 +332,22 @@ int Run(Job& job, const char* trigger) {
   std::string taskLock = (job.kind == ORVA_SCHED_RUN_TASK ? "task-" : "event-task-") + std::to_string(job.id);
   if (!job.canRunTaskSameTime && !Lock(taskLock, true, taskFd, error)) {
     std::string msg = error.empty() ? "skipped: the previous run of this task has not finished" : error;
-    syslog(LOG_ERR, "%s:%d %s %ld: %s", "main", __LINE__, what, job.id, msg.c_str());
+    ORVA_LOG(LOG_ERR, "%s %ld: %s", what, job.id, msg.c_str());
     ORVASchedRunRecord(job.kind, job.id, trigger, error.empty() ? "skipped" : "failed", msg);
     return error.empty() ? 0 : 1;
   }
   if (!job.app.empty() && !Lock(LockName(job.app), !job.canRunAppSameTime, appFd, error)) {
     std::string msg = error.empty() ? "skipped: another task of " + job.app + " is running and they may not run together"
                                     : error;
-    syslog(LOG_ERR, "%s:%d %s %ld: %s", "main", __LINE__, what, job.id, msg.c_str());
+    ORVA_LOG(LOG_ERR, "%s %ld: %s", what, job.id, msg.c_str());
     ORVASchedRunRecord(job.kind, job.id, trigger, error.empty() ? "skipped" : "failed", msg);
     return error.empty() ? 0 : 1;
   }
 
   int64_t runId = ORVASchedRunBegin(job.kind, job.id, trigger, getpid());
   if (runId < 0) {
-    syslog(LOG_ERR, "%s:%d cannot record the run of %s %ld [0x%04X %s:%d]", "main", __LINE__, what, job.id,
-           KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
+    ORVA_LOG(LOG_ERR, "cannot record the run of %s %ld [0x%04X %s:%d]", what, job.id, KELCErrGet(), KELCErrorGetFile(),
+             KELCErrorGetLine());
     return 1;
   }
   const char* langEnv = getenv("LANG");
@@ -390,8 +384,8 @@ int Run(Job& job, const char* trigger) {
   int sig = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
   const char* result = o.stopped ? "stopped" : exitCode == 0 ? "success" : "failed";
   if (ORVASchedRunEnd(runId, exitCode, sig, o.output, result, o.truncated) != 0) {
-    syslog(LOG_ERR, "%s:%d cannot record the end of %s %ld [0x%04X %s:%d]", "main", __LINE__, what, job.id,
-           KELCErrGet(), KELCErrorGetFile(), KELCErrorGetLine());
+    ORVA_LOG(LOG_ERR, "cannot record the end of %s %ld [0x%04X %s:%d]", what, job.id, KELCErrGet(), KELCErrorGetFile(),
+             KELCErrorGetLine());
     return 1;
   }
   if (taskFd >= 0) close(taskFd);
@@ -415,7 +409,7 @@ int main(int argc, char** argv) {
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 
   static const struct option kOptions[] = {
-      {"root", required_argument, nullptr, 'r'},
+      ORVA::kRootOption,
       {"trigger", required_argument, nullptr, 't'},
       {"event-task", required_argument, nullptr, 'e'},
       {"help", no_argument, nullptr, 'h'},
@@ -425,11 +419,8 @@ int main(int argc, char** argv) {
   const char* trigger = nullptr;
   const char* eventId = nullptr;
   int opt;
-  while ((opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+  while ((opt = ORVA::GetOpt(argc, argv, "", kOptions)) != -1) {
     switch (opt) {
-      case 'r':
-        ORVA::ORVARootSet(optarg);
-        break;
       case 't':
         trigger = optarg;
         break;

@@ -27,6 +27,9 @@
 #include <thread>
 #include <vector>
 
+#include "core/file.h"
+#include "core/log.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "scheduler/task.h"
 #include "scheduler_core.h"
@@ -93,7 +96,7 @@ pid_t SpawnRunner(const std::vector<std::string>& args) {
   const int rc = posix_spawn(&pid, argv[0], nullptr, &attr, argv.data(), environ);
   posix_spawnattr_destroy(&attr);
   if (rc != 0) {
-    syslog(LOG_ERR, "cannot start %s: %s", argv[0], strerror(rc));
+    ORVA_LOG(LOG_ERR, "cannot start %s: %s", argv[0], strerror(rc));
     return -1;
   }
   return pid;
@@ -118,7 +121,7 @@ class RunnerLauncher : public orvasched::Launcher {
       try {
         pool.emplace_back(work);
       } catch (const std::system_error& e) {
-        syslog(LOG_WARNING, "starting runners on fewer threads: %s", e.what());
+        ORVA_LOG(LOG_WARNING, "starting runners on fewer threads: %s", e.what());
         break;
       }
     }
@@ -141,25 +144,15 @@ time_t ReadState() {
 
 // When every trigger up to `checked` was handled; read back at the next start.
 void WriteState(time_t checked) {
-  const std::string path = StatePath();
-  const std::string tmp = path + ".tmp";
-  {
-    std::ofstream out(tmp, std::ios::trunc);
-    out << static_cast<long long>(checked) << "\n";
-    if (!out) {
-      syslog(LOG_ERR, "cannot write %s", tmp.c_str());
-      return;
-    }
-  }
-  if (rename(tmp.c_str(), path.c_str()) != 0) {
-    syslog(LOG_ERR, "cannot replace %s: %m", path.c_str());
+  if (!ORVA::WriteFileAtomic(StatePath(), std::to_string(checked) + "\n", 0644)) {
+    ORVA_LOG(LOG_ERR, "cannot write %s: %m", StatePath().c_str());
   }
 }
 
 int RunEvent(const std::string& event) {
   std::vector<ORVASchedEventTask> tasks;
   if (ORVASchedEventTaskList(tasks, event.c_str()) < 0) {
-    syslog(LOG_ERR, "cannot read the event tasks of %s", event.c_str());
+    ORVA_LOG(LOG_ERR, "cannot read the event tasks of %s", event.c_str());
     return 1;
   }
   // Started side by side; the event (a boot or a shutdown) waits for all of them.
@@ -171,10 +164,10 @@ int RunEvent(const std::string& event) {
     }
     const pid_t pid = SpawnRunner({"--event-task", std::to_string(t.id), "--trigger", "event"});
     if (pid > 0) {
-      syslog(LOG_INFO, "%s: started event task %ld \"%s\"", event.c_str(), t.id, t.task_name.c_str());
+      ORVA_LOG(LOG_INFO, "%s: started event task %ld \"%s\"", event.c_str(), t.id, t.task_name.c_str());
       started.emplace_back(t.id, pid);
     } else {
-      syslog(LOG_ERR, "%s: could not start event task %ld \"%s\"", event.c_str(), t.id, t.task_name.c_str());
+      ORVA_LOG(LOG_ERR, "%s: could not start event task %ld \"%s\"", event.c_str(), t.id, t.task_name.c_str());
       ++unstarted;
     }
   }
@@ -184,7 +177,7 @@ int RunEvent(const std::string& event) {
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      syslog(LOG_WARNING, "%s: the runner of event task %ld ended with status %d", event.c_str(), id, status);
+      ORVA_LOG(LOG_WARNING, "%s: the runner of event task %ld ended with status %d", event.c_str(), id, status);
       ++failed;
     }
   }
@@ -198,7 +191,7 @@ void Arm(int tfd, time_t when) {
   struct itimerspec its = {};
   its.it_value.tv_sec = when;
   if (timerfd_settime(tfd, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &its, nullptr) != 0) {
-    syslog(LOG_ERR, "cannot arm the timer: %m");
+    ORVA_LOG(LOG_ERR, "cannot arm the timer: %m");
   }
 }
 
@@ -213,7 +206,7 @@ int Serve() {
   const int tfd = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK);
   const int ifd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   if (sfd < 0 || tfd < 0 || ifd < 0) {
-    syslog(LOG_ERR, "cannot set up signals, timer or inotify: %m");
+    ORVA_LOG(LOG_ERR, "cannot set up signals, timer or inotify: %m");
     return 1;
   }
   const std::string db = ORVASchedStoreDbPath();
@@ -222,11 +215,11 @@ int Serve() {
   // Opening the store once makes sure the database and its folder exist.
   int64_t generation = ORVASchedStoreGeneration();
   if (generation < 0) {
-    syslog(LOG_ERR, "cannot open the task store %s", db.c_str());
+    ORVA_LOG(LOG_ERR, "cannot open the task store %s", db.c_str());
     return 1;
   }
   if (inotify_add_watch(ifd, dbDir.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE) < 0) {
-    syslog(LOG_ERR, "cannot watch %s: %m", dbDir.c_str());
+    ORVA_LOG(LOG_ERR, "cannot watch %s: %m", dbDir.c_str());
     return 1;
   }
 
@@ -238,8 +231,8 @@ int Serve() {
     return 1;
   }
   sched.ReportMissedSince(ReadState());
-  syslog(LOG_INFO, "watching %zu task(s) in %s; next run %s", sched.TaskCount(), db.c_str(),
-         ORVASchedFormatTriggerTime(sched.NextWake()).c_str());
+  ORVA_LOG(LOG_INFO, "watching %zu task(s) in %s; next run %s", sched.TaskCount(), db.c_str(),
+           ORVASchedFormatTriggerTime(sched.NextWake()).c_str());
   sched.Tick();
   WriteState(sched.Checked());
 
@@ -257,8 +250,8 @@ int Serve() {
     if (g >= 0 && g != generation) {
       generation = g;
       sched.Rescan();
-      syslog(LOG_INFO, "store changed; %zu task(s), next run %s", sched.TaskCount(),
-             ORVASchedFormatTriggerTime(sched.NextWake()).c_str());
+      ORVA_LOG(LOG_INFO, "store changed; %zu task(s), next run %s", sched.TaskCount(),
+               ORVASchedFormatTriggerTime(sched.NextWake()).c_str());
       // A task saved for this very second runs now.
       sched.Tick();
     }
@@ -275,7 +268,7 @@ int Serve() {
     const int ready = poll(pfd, 3, rechecks > 0 ? recheckMs : -1);
     if (ready < 0) {
       if (errno == EINTR) continue;
-      syslog(LOG_ERR, "poll failed: %m");
+      ORVA_LOG(LOG_ERR, "poll failed: %m");
       return 1;
     }
     if (ready > 0 && !(pfd[2].revents & POLLIN)) {
@@ -297,7 +290,7 @@ int Serve() {
           sched.Rescan();
         } else {
           WriteState(sched.Checked());
-          syslog(LOG_INFO, "stopping on signal %u", si.ssi_signo);
+          ORVA_LOG(LOG_INFO, "stopping on signal %u", si.ssi_signo);
           return 0;
         }
       }
@@ -336,20 +329,20 @@ int Serve() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  static const option kOptions[] = {
+      ORVA::kRootOption, {"event", required_argument, nullptr, 'e'}, {"help", no_argument, nullptr, 'h'}, {}};
   std::string event;
   bool haveEvent = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--help" || a == "-h") {
+  opterr = 0;
+  for (int c; (c = ORVA::GetOpt(argc, argv, "h", kOptions)) != -1 || optind < argc;) {
+    if (c == 'h') {
       fputs(kUsage, stdout);
       return 0;
-    } else if (a == "--root" && i + 1 < argc) {
-      ORVA::ORVARootSet(argv[++i]);
-    } else if (a == "--event" && i + 1 < argc) {
-      event = argv[++i];
+    } else if (c == 'e') {
+      event = optarg;
       haveEvent = true;
     } else {
-      fprintf(stderr, "orva-schedulerd: unexpected argument \"%s\"\n%s", a.c_str(), kUsage);
+      fprintf(stderr, "orva-schedulerd: unexpected argument \"%s\"\n%s", argv[c == -1 ? optind : optind - 1], kUsage);
       return 2;
     }
   }

@@ -3,6 +3,8 @@
 #include <string.h>
 #include <syslog.h>
 
+#include "core/log.h"
+
 namespace orvasched {
 namespace {
 
@@ -36,7 +38,7 @@ time_t Scheduler::Next(const Entry& e, time_t after) const {
 bool Scheduler::Rescan() {
   std::vector<TaskSnapshot> loaded;
   if (!source_.Load(loaded)) {
-    syslog(LOG_ERR, "cannot read the tasks; keeping the %zu known", tasks_.size());
+    ORVA_LOG(LOG_ERR, "cannot read the tasks; keeping the %zu known", tasks_.size());
     return false;
   }
   const time_t now = clock_.Now();
@@ -50,13 +52,13 @@ bool Scheduler::Rescan() {
     // A trigger at this very second still counts for a task saved at it.
     e.next = same ? old->second.next : Next(e, now - 1);
     if (!same && old != tasks_.end()) {
-      syslog(LOG_INFO, "task %ld changed; next run %s", e.task.id, Stamp(e.next).c_str());
+      ORVA_LOG(LOG_INFO, "task %ld changed; next run %s", e.task.id, Stamp(e.next).c_str());
     }
     fresh.emplace(e.task.id, std::move(e));
   }
   for (const auto& [id, e] : tasks_) {
     if (!fresh.count(id)) {
-      syslog(LOG_INFO, "task %ld is gone; no longer scheduled", id);
+      ORVA_LOG(LOG_INFO, "task %ld is gone; no longer scheduled", id);
     }
   }
   tasks_.swap(fresh);
@@ -111,15 +113,15 @@ void Scheduler::Tick() {
     if (d.run) {
       --missed;
       if (started[launched++]) {
-        syslog(LOG_INFO, "started task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(), Stamp(d.last).c_str());
+        ORVA_LOG(LOG_INFO, "started task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(), Stamp(d.last).c_str());
       } else {
-        syslog(LOG_ERR, "could not start task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(),
-               Stamp(d.last).c_str());
+        ORVA_LOG(LOG_ERR, "could not start task %ld \"%s\" (due %s)", e.task.id, e.task.name.c_str(),
+                 Stamp(d.last).c_str());
       }
     }
     if (missed > 0) {
-      syslog(LOG_WARNING, "task %ld \"%s\": %d run(s) missed, first due %s; not replayed", e.task.id,
-             e.task.name.c_str(), missed, Stamp(d.first).c_str());
+      ORVA_LOG(LOG_WARNING, "task %ld \"%s\": %d run(s) missed, first due %s; not replayed", e.task.id,
+               e.task.name.c_str(), missed, Stamp(d.first).c_str());
     }
   }
   if (now > checked_) {
@@ -129,7 +131,7 @@ void Scheduler::Tick() {
 
 void Scheduler::ClockChanged() {
   const time_t now = clock_.Now();
-  syslog(LOG_NOTICE, "the wall clock was set (now %s); rescheduling", Stamp(now).c_str());
+  ORVA_LOG(LOG_NOTICE, "the wall clock was set (now %s); rescheduling", Stamp(now).c_str());
   Tick();
   for (auto& [id, e] : tasks_) {
     e.next = Next(e, now);
@@ -148,9 +150,10 @@ void Scheduler::ReportMissedSince(time_t lastChecked) {
     // Triggers at this very second are still run by the first Tick.
     const int n = CountBetween(e, lastChecked, now - 1, &first, &last);
     if (n > 0) {
-      syslog(LOG_WARNING, "task %ld \"%s\": %s%d run(s) missed while the scheduler was not running, first due %s; "
-             "not replayed", id, e.task.name.c_str(), n >= kMissedCountMax ? "at least " : "", n,
-             Stamp(first).c_str());
+      ORVA_LOG(LOG_WARNING,
+               "task %ld \"%s\": %s%d run(s) missed while the scheduler was not running, first due %s; "
+               "not replayed",
+               id, e.task.name.c_str(), n >= kMissedCountMax ? "at least " : "", n, Stamp(first).c_str());
     }
   }
 }
