@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "core/file.h"
 #include "core/kelc.h"
 
 namespace ORVA {
@@ -23,18 +24,11 @@ const char* NameOf(const SqlDb* db) { return db ? db->options().name : "database
 // Creates the folders down to `dir`; `dir` itself, if new, is private (0700): the
 // databases hold task commands, their output and login sessions.
 bool MakeDirs(const std::string& dir) {
-  std::string cur;
-  size_t pos = 0;
-  while (pos != std::string::npos) {
-    pos = dir.find('/', pos + 1);
-    cur = dir.substr(0, pos);
-    if (cur.empty()) {
-      continue;
-    }
-    if (mkdir(cur.c_str(), pos == std::string::npos ? 0700 : 0755) != 0 && errno != EEXIST) {
-      syslog(LOG_ERR, "%s:%d mkdir %s failed: %m", __FILE_NAME__, __LINE__, cur.c_str());
-      return false;
-    }
+  const size_t slash = dir.rfind('/');
+  if ((slash != std::string::npos && slash > 0 && !ORVA::MakeDirs(dir.substr(0, slash), 0755)) ||
+      (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)) {
+    syslog(LOG_ERR, "%s:%d mkdir %s failed: %m", __FILE_NAME__, __LINE__, dir.c_str());
+    return false;
   }
   return true;
 }
