@@ -12,6 +12,7 @@
 
 #include "core/root.h"
 #include "internal.h"
+#include "scheduler/store.h"
 
 namespace orva_sched {
 

@@ -7,9 +7,10 @@
 
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "core/kelc.h"
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
 // Sets the error facility with this source file's short name and line.
 #define SCHED_ERR(code) KELCErrSetEx((code), __FILE_NAME__, __LINE__)

@@ -14,6 +14,8 @@
 
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 
 namespace orva_sched {
 

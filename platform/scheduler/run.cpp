@@ -14,7 +14,10 @@
 #include "core/root.h"
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/event_task.h"
+#include "scheduler/run.h"
 #include "scheduler/run_log.h"
+#include "scheduler/store.h"
 
 using orva_sched::Conn;
 using orva_sched::Stmt;

@@ -9,6 +9,7 @@
 
 #include "core/lookup_epoch.h"
 #include "internal.h"
+#include "scheduler/schedule.h"
 
 namespace {
 

@@ -7,6 +7,9 @@
 
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/event_task.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 
 using orva_sched::Conn;
 using orva_sched::CopyText;

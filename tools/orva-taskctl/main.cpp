@@ -12,7 +12,8 @@
 #include "core/kelc.h"
 #include "core/root.h"
 #include "core/user.h"
-#include "scheduler/task.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler/task_json.h"
 
 namespace {

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "ORVA.Core.TaskScheduler.h"
+#include "scheduler/run.h"
 #include "test_support.h"
 
 namespace {

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <set>
 
+#include "scheduler/store.h"
 #include "test_support.h"
 
 namespace {

@@ -17,6 +17,7 @@
 #include "core/root.h"
 #include "scheduler/task_json.h"
 #include "webapi/registry.h"
+#include "scheduler/store.h"
 
 namespace {
 

@@ -19,7 +19,9 @@
 #include <vector>
 
 #include "core/kelc.h"
-#include "scheduler/task.h"
+#include "scheduler/run.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler/task_json.h"
 #include "webapi/webapi.h"
 

@@ -26,8 +26,9 @@
 
 #include "core/kelc.h"
 #include "core/root.h"
+#include "scheduler/event_task.h"
 #include "scheduler/run_log.h"
-#include "scheduler/task.h"
+#include "scheduler/store.h"
 
 namespace {
 

@@ -28,7 +28,10 @@
 #include <vector>
 
 #include "core/root.h"
-#include "scheduler/task.h"
+#include "scheduler/event_task.h"
+#include "scheduler/run.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler_core.h"
 
 extern char** environ;

@@ -3,6 +3,8 @@
 #include <string.h>
 #include <syslog.h>
 
+#include "scheduler/schedule.h"
+
 namespace orvasched {
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
 namespace orvasched {
 

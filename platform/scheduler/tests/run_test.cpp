@@ -7,7 +7,10 @@
 #include <sstream>
 
 #include "core/kelc.h"
+#include "scheduler/event_task.h"
+#include "scheduler/run.h"
 #include "scheduler/run_log.h"
+#include "scheduler/store.h"
 #include "test_util.h"
 
 using orva_test::Task;

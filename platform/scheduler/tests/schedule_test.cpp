@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "scheduler/task.h"
+#include "scheduler/schedule.h"
 
 namespace {
 

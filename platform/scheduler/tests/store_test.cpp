@@ -10,7 +10,11 @@
 #include <vector>
 
 #include "core/kelc.h"
+#include "scheduler/event_task.h"
+#include "scheduler/run.h"
 #include "scheduler/run_log.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "test_util.h"
 
 using orva_test::Repeat;

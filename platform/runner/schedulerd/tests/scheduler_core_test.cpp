@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "orvatest.h"
+#include "scheduler/schedule.h"
 #include "scheduler_core.h"
 
 namespace {
