@@ -2,6 +2,7 @@
 // appliance's mount namespace, recorded with output and exit status.
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <set>
 #include <sstream>
@@ -82,6 +83,7 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
       " ls /proc/self/fd > /usr/orva/out/fds; echo to stdout; echo to stderr >&2; exit 7",
       u.uid());
   ASSERT_EQ(ORVASchedTaskRun(id, 0, 0), 0);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // detached: no child of the caller's
   Json::Value runs = WaitRuns(id, 1);
   ASSERT_EQ(runs.size(), 1u);
 
