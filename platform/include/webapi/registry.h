@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "webapi/webapi.h"
@@ -60,7 +61,8 @@ class APIRegistry {
  private:
   std::vector<APITableRow> rows_;
   std::vector<void*> handles_;
-  std::map<std::string, APIAuth> auth_;  // "API" or "API\nMETHOD"
+  // (API, METHOD) of a method's own level, (API, "") of the API's.
+  std::map<std::pair<std::string, std::string>, APIAuth> auth_;
 };
 
 }  // namespace ORVA
