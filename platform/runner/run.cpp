@@ -175,17 +175,6 @@ int ReadRunRows(int kind, long id, bool withOutput, std::vector<RunRow>& rows) {
   return rc == SQLITE_DONE ? 0 : -1;
 }
 
-int ReadRuns(int kind, long id, Json::Value& runs) {
-  runs = Json::Value(Json::arrayValue);
-  std::vector<RunRow> rows;
-  if (ReadRunRows(kind, id, true, rows) != 0) return -1;
-  for (RunRow& row : rows) {
-    row.json["running"] = row.running;
-    row.json["pid"] = row.running ? Json::Value(static_cast<Json::Int64>(row.pid)) : Json::Value();
-    runs.append(row.json);
-  }
-  return 0;
-}
 
 // The run that status reports among the open runs and the newest one (newest first):
 // a run in progress wins over any finished one, even over a newer skipped run.
@@ -271,12 +260,8 @@ extern "C" int ORVASchedTaskRunByUser(const char* user, long id, int reserved1, 
 }
 
 int ORVASchedTaskGetRunStatus(int id, Json::Value& status) { return RunStatus(ORVA_SCHED_RUN_TASK, id, status); }
-int ORVASchedTaskGetRunHistory(long id, Json::Value& runs) { return ReadRuns(ORVA_SCHED_RUN_TASK, id, runs); }
 int ORVASchedEventTaskGetRunStatus(long id, Json::Value& status) {
   return RunStatus(ORVA_SCHED_RUN_EVENT_TASK, id, status);
-}
-int ORVASchedEventTaskGetRunHistory(long id, Json::Value& runs) {
-  return ReadRuns(ORVA_SCHED_RUN_EVENT_TASK, id, runs);
 }
 
 int ORVASchedTaskGetRuns(long id, Json::Value& out) {
@@ -400,13 +385,6 @@ int ORVASchedTaskStop(long id, int64_t* runId) {
   return 0;
 }
 
-int ORVASchedEventTaskRun(long id) {
-  {
-    Conn conn;
-    if (!conn.db() || Exists(conn.db(), ORVA_SCHED_RUN_EVENT_TASK, id) != 1) return -1;
-  }
-  return orva_sched::StartRunner({"--event-task", std::to_string(id), "--trigger", "event"}) > 0 ? 0 : -1;
-}
 
 // ---- Run records ----
 

@@ -9,16 +9,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <mutex>
-
 #include "core/root.h"
 #include "internal.h"
-#include "scheduler/run.h"
 
 namespace {
 
-std::mutex gRunnerMutex;
-std::string gRunnerPath;
+// $ORVA_SCHEDRUN (tests and benchmarks only), else the system root's orva-schedrun.
+std::string RunnerPath() {
+  const char* env = getenv("ORVA_SCHEDRUN");
+  if (env && *env) return env;
+  return ORVA::ORVAPathMap("/usr/orva/bin/orva-schedrun");
+}
 
 // What the two children tell the caller through the status pipe.
 struct Note {
@@ -38,7 +39,7 @@ namespace orva_sched {
 
 pid_t StartRunner(const std::vector<std::string>& args) {
   std::vector<std::string> strings;
-  strings.push_back(ORVASchedRunnerPath());
+  strings.push_back(RunnerPath());
   strings.insert(strings.end(), args.begin(), args.end());
   strings.push_back("--root");
   strings.push_back(ORVA::ORVARootGet());
@@ -143,18 +144,3 @@ pid_t StartRunner(const std::vector<std::string>& args) {
 }
 
 }  // namespace orva_sched
-
-void ORVASchedSetRunnerPath(const std::string& path) {
-  std::lock_guard<std::mutex> lock(gRunnerMutex);
-  gRunnerPath = path;
-}
-
-std::string ORVASchedRunnerPath() {
-  {
-    std::lock_guard<std::mutex> lock(gRunnerMutex);
-    if (!gRunnerPath.empty()) return gRunnerPath;
-  }
-  const char* env = getenv("ORVA_SCHEDRUN");
-  if (env && *env) return env;
-  return ORVA::ORVAPathMap("/usr/orva/bin/orva-schedrun");
-}

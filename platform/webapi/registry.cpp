@@ -166,10 +166,6 @@ bool APIRegistry::LoadDescriptor(const std::string& path, std::string* error) {
   return true;
 }
 
-void APIRegistry::SetAuth(const std::string& api, const std::string& method, APIAuth auth) {
-  auth_[{api, method}] = auth;
-}
-
 APIAuth APIRegistry::GetAuth(const std::string& api, const std::string& method) const {
   auto it = auth_.find({api, method});
   if (it != auth_.end()) return it->second;

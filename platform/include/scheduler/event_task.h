@@ -31,8 +31,5 @@ int ORVASchedEventTaskLoad(long id, ORVASchedEventTask& task);
 // is stored under that id (insert or replace).
 int ORVASchedEventTaskSave(ORVASchedEventTask& task);
 int ORVASchedEventTaskRemove(long id);
-// Starts `orva-schedrun --event-task ID --trigger event` detached; returns at once.
-int ORVASchedEventTaskRun(long id);
-// Same shape as ORVASchedTaskGetRunStatus / ORVASchedTaskGetRunHistory.
+// Same shape as ORVASchedTaskGetRunStatus.
 int ORVASchedEventTaskGetRunStatus(long id, Json::Value& status);
-int ORVASchedEventTaskGetRunHistory(long id, Json::Value& runs);

@@ -32,15 +32,6 @@ int ORVASchedTaskRunByUser(const char* user, long id, int reserved1, int reserve
 // "skipped"/"stopped")}.
 int ORVASchedTaskGetRunStatus(int id, Json::Value& status);
 
-// The runner program: ORVASchedSetRunnerPath, else $ORVA_SCHEDRUN, else
-// ORVAPathMap("/usr/orva/bin/orva-schedrun"). An empty path restores the default.
-void ORVASchedSetRunnerPath(const std::string& path);
-std::string ORVASchedRunnerPath();
-
-// Run history of a task, newest first, each entry shaped like "last_run" plus
-// "running" (bool) and "pid". At most 50 runs are kept per task. Negative for an
-// unknown task.
-int ORVASchedTaskGetRunHistory(long id, Json::Value& runs);
 
 // Run summaries: {"run_id", "trigger", "start", "end" (null while open), "exit_code",
 // "signal", "result" (as in last_run), "output_bytes" (bytes kept, before invalid UTF-8

@@ -21,15 +21,11 @@ bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& schedule);
 // time that occurs twice fires at its first occurrence only, a monthly day the month
 // lacks is skipped. -1 when nothing is left.
 time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& schedule, time_t after);
-// The same for a task; -1 also when the task is disabled. The daemon's clock.
-time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after);
 // The first `count` triggers strictly after `after`, each found by
 // ORVASchedScheduleNextTrigger from the one before (the same rules as next_trigger_time);
 // fewer when nothing is left. Returns how many, or -1 for an invalid schedule. Saves nothing.
 int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& schedule, time_t after, int count,
                                   std::vector<time_t>& out);
-// ORVASchedTaskGetNextTriggerTime with a given "now" instead of the wall clock.
-std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now);
 // "YYYY-MM-DD HH:MM" local, or "N/A" for -1.
 std::string ORVASchedFormatTriggerTime(time_t t);
 #endif

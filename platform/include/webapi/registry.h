@@ -33,8 +33,6 @@ class APIRegistry {
   // Reads a descriptor: {"apis": {API: {"auth": "admin"|"user"|"public",
   // "methods": {METHOD: LEVEL}}}}. False (logged, nothing applied) when malformed.
   bool LoadDescriptor(const std::string& path, std::string* error = nullptr);
-  // Sets who may call an API (`method` empty) or one of its methods.
-  void SetAuth(const std::string& api, const std::string& method, APIAuth auth);
   // The level of (api, method): the method's own, else the API's, else admin.
   APIAuth GetAuth(const std::string& api, const std::string& method) const;
   // Parses "admin", "user", "public".
