@@ -49,20 +49,20 @@ const char kUsage[] =
     "  --root DIR   the system root (default: $ORVA_ROOT, else /)\n"
     "  --help       this text\n";
 
-class WallClock : public orvasched::Clock {
+class WallClock : public orva_sched::Clock {
  public:
   time_t Now() override { return time(nullptr); }
 };
 
-class StoreSource : public orvasched::TaskSource {
+class StoreSource : public orva_sched::TaskSource {
  public:
-  bool Load(std::vector<orvasched::TaskSnapshot>& tasks) override {
+  bool Load(std::vector<orva_sched::TaskSnapshot>& tasks) override {
     ORVA_SCHED_TASK* list = nullptr;
     if (ORVASchedTaskListGet(&list, nullptr, nullptr) < 0) {
       return false;
     }
     for (ORVA_SCHED_TASK* t = list; t; t = ORVASchedTaskNext(t)) {
-      orvasched::TaskSnapshot s;
+      orva_sched::TaskSnapshot s;
       s.id = ORVASchedTaskGetID(*t);
       s.enabled = ORVASchedTaskIsEnabled(*t);
       s.schedule = ORVASchedTaskGetSchedule(*t);
@@ -74,7 +74,7 @@ class StoreSource : public orvasched::TaskSource {
   }
 };
 
-class RunnerLauncher : public orvasched::Launcher {
+class RunnerLauncher : public orva_sched::Launcher {
  public:
   bool Launch(long id) override {
     return orva_sched::StartRunner({std::to_string(id), "--trigger", "schedule"}) > 0;
@@ -216,7 +216,7 @@ int Serve() {
   WallClock clock;
   StoreSource source;
   RunnerLauncher launcher;
-  orvasched::Scheduler sched(clock, source, launcher);
+  orva_sched::Scheduler sched(clock, source, launcher);
   if (!sched.Rescan()) {
     return 1;
   }

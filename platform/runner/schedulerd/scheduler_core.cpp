@@ -5,7 +5,7 @@
 
 #include "scheduler/schedule.h"
 
-namespace orvasched {
+namespace orva_sched {
 namespace {
 
 std::string Stamp(time_t t) {
@@ -172,4 +172,4 @@ time_t Scheduler::NextOf(long id) const {
   return it == tasks_.end() ? -1 : it->second.next;
 }
 
-}  // namespace orvasched
+}  // namespace orva_sched
