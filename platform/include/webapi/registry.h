@@ -35,8 +35,6 @@ class APIRegistry {
   bool LoadDescriptor(const std::string& path, std::string* error = nullptr);
   // The level of (api, method): the method's own, else the API's, else admin.
   APIAuth GetAuth(const std::string& api, const std::string& method) const;
-  // Parses "admin", "user", "public".
-  static bool ParseAuth(const std::string& text, APIAuth* auth);
 
   // Finds the row for (api, version, method). On failure `errorCode` is
   // WEBAPI_ERR_NO_API, WEBAPI_ERR_NO_VERSION or WEBAPI_ERR_NO_METHOD.
@@ -57,6 +55,9 @@ class APIRegistry {
   std::vector<const APITableRow*> Rows() const;
 
  private:
+  // Parses "admin", "user", "public".
+  static bool ParseAuth(const std::string& text, APIAuth* auth);
+
   std::vector<APITableRow> rows_;
   std::vector<void*> handles_;
   // (API, METHOD) of a method's own level, (API, "") of the API's.
