@@ -11,6 +11,7 @@
 
 #include "core/kelc.h"
 #include "lib.h"
+#include "scheduler/store.h"
 #include "scheduler/task_json.h"
 
 using ORVA::Core::TaskScheduler::AppParser;

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "ORVA.Core.TaskScheduler.h"
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 #include "webapi/webapi.h"
 
 class TaskSchedulerBasicHandler : public TaskSchedulerHandler {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "ORVA.Core.TaskScheduler.Basic.h"
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
 namespace ORVA {
 namespace Core {

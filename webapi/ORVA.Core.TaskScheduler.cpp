@@ -16,7 +16,9 @@
 #include "ORVA.Core.TaskScheduler.Service.h"
 #include "core/kelc.h"
 #include "core/user.h"
-#include "scheduler/task.h"
+#include "scheduler/run.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler/task_ptr.h"
 
 using ORVA::Core::TaskScheduler::GetRealOwner;

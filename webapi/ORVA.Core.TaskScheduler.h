@@ -8,7 +8,7 @@
 #include <string>
 
 #include "lib.h"
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 #include "webapi/webapi.h"
 
 class TaskSchedulerHandler {

@@ -6,6 +6,7 @@
 #include <syslog.h>
 
 #include "core/kelc.h"
+#include "scheduler/store.h"
 #include "scheduler/task_json.h"
 
 namespace {

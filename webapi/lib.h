@@ -8,7 +8,7 @@
 #include <string>
 
 #include "core/vek_parser.h"
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 #include "webapi/webapi.h"
 
 namespace ORVA {

@@ -15,7 +15,8 @@
 #include "ORVA.Core.TaskScheduler.h"
 #include "core/root.h"
 #include "lib.h"
-#include "scheduler/task.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler/task_json.h"
 #include "webapi/registry.h"
 

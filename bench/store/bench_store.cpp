@@ -10,7 +10,7 @@
 #include <string>
 
 #include "core/root.h"
-#include "scheduler/task.h"
+#include "scheduler/store.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 
 #include "core/kelc.h"
 #include "core/root.h"
-#include "scheduler/task.h"
+#include "scheduler/store.h"
 #include "scheduler/task_json.h"
 
 namespace {

@@ -10,6 +10,7 @@
 
 #include "core/file.h"
 #include "core/kelc.h"
+#include "core/log.h"
 
 namespace ORVA {
 
@@ -27,7 +28,7 @@ bool MakeDirs(const std::string& dir) {
   const size_t slash = dir.rfind('/');
   if ((slash != std::string::npos && slash > 0 && !ORVA::MakeDirs(dir.substr(0, slash), 0755)) ||
       (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)) {
-    syslog(LOG_ERR, "%s:%d mkdir %s failed: %m", __FILE_NAME__, __LINE__, dir.c_str());
+    ORVA_LOG(LOG_ERR, "mkdir %s failed: %m", dir.c_str());
     return false;
   }
   return true;
@@ -77,7 +78,7 @@ bool Migrate(sqlite3* db, const SqlOptions& opt) {
     version = static_cast<int>(st.Int(0));
   }
   if (version > opt.migrationCount) {
-    syslog(LOG_ERR, "%s:%d %s schema %d is newer than this library (%d)", __FILE_NAME__, __LINE__, opt.name,
+    ORVA_LOG(LOG_ERR, "%s schema %d is newer than this library (%d)", opt.name,
            version, opt.migrationCount);
     KELCErrSetEx(opt.errorCode, __FILE_NAME__, __LINE__);
     SqlExec(db, "ROLLBACK");
@@ -105,7 +106,7 @@ sqlite3* SqlDb::OpenLocked(const std::string& path) {
   // -shm files the mode of the database file.
   int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) {
-    syslog(LOG_ERR, "%s:%d open %s failed: %m", __FILE_NAME__, __LINE__, path.c_str());
+    ORVA_LOG(LOG_ERR, "open %s failed: %m", path.c_str());
     KELCErrSetEx(opt_.errorCode, __FILE_NAME__, __LINE__);
     return nullptr;
   }
@@ -116,7 +117,7 @@ sqlite3* SqlDb::OpenLocked(const std::string& path) {
   int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                            nullptr);
   if (rc != SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d open %s failed: %s", __FILE_NAME__, __LINE__, path.c_str(),
+    ORVA_LOG(LOG_ERR, "open %s failed: %s", path.c_str(),
            db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
     sqlite3_close(db);
     KELCErrSetEx(opt_.errorCode, __FILE_NAME__, __LINE__);
@@ -147,7 +148,7 @@ bool SqlDb::ReplacedLocked() {
       (stat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_)) {
     return false;
   }
-  syslog(LOG_WARNING, "%s:%d %s was %s while open; reopening it", __FILE_NAME__, __LINE__, path_.c_str(),
+  ORVA_LOG(LOG_WARNING, "%s was %s while open; reopening it", path_.c_str(),
          access(path_.c_str(), F_OK) == 0 ? "replaced" : "removed (a new, empty one is made)");
   CloseLocked();
   return true;

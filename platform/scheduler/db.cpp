@@ -1,6 +1,7 @@
 // The store's database: WAL, synchronous=FULL, a busy timeout, numbered migrations.
 #include "core/root.h"
 #include "internal.h"
+#include "scheduler/store.h"
 
 namespace orva_sched {
 

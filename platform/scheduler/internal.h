@@ -9,7 +9,7 @@
 
 #include "core/kelc.h"
 #include "core/sqlite_db.h"
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
 // Sets the error facility with this source file's short name and line.
 #define SCHED_ERR(code) KELCErrSetEx((code), __FILE_NAME__, __LINE__)
@@ -38,14 +38,6 @@ void DefaultSchedule(ORVA_SCHED_SCHEDULE& s);
 std::string FormatByteList(const uint8_t* v, unsigned n);
 bool ParseByteList(const std::string& text, uint8_t* v, uint8_t& n, unsigned max, unsigned lo, unsigned hi);
 bool ParseByteList(const char* text, size_t len, uint8_t* v, uint8_t& n, unsigned max, unsigned lo, unsigned hi);
-
-// Spawns `argv[0]` detached (double fork, new session, stdio on /dev/null, no other
-// descriptors) and waits only until it has been executed. False with the error set.
-bool SpawnDetached(const std::string& program, const std::vector<std::string>& args);
-
-// The start time of a process in clock ticks since boot (/proc/PID/stat): with the pid
-// it names one process for good. -1 when it cannot be read (errno set).
-int64_t ProcessStartTime(pid_t pid);
 
 // ---- Listings (listing.cpp) ----
 // A listing keeps each task in a side table and hands out compact records: 64-byte

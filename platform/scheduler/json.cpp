@@ -11,6 +11,7 @@
 
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/schedule.h"
 #include "scheduler/task_fields.h"
 #include "scheduler/task_json.h"
 #include "scheduler/task_ptr.h"

@@ -15,6 +15,8 @@
 #include "core/log.h"
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler/task_fields.h"
 
 namespace orva_sched {

@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/lookup_epoch.h"
 #include "internal.h"
+#include "scheduler/schedule.h"
 
 namespace {
 
@@ -191,12 +192,6 @@ int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& s, time_t after, in
   return static_cast<int>(out.size());
 }
 
-time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after) {
-  return orva_sched::ReadField(task, [after](const auto& r) -> time_t {
-    return r.enabled ? ORVASchedScheduleNextTrigger(r.schedule, after) : -1;
-  });
-}
-
 std::string ORVASchedFormatTriggerTime(time_t t) {
   if (t < 0) {
     return "N/A";
@@ -209,10 +204,9 @@ std::string ORVASchedFormatTriggerTime(time_t t) {
   return buf;
 }
 
-std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now) {
-  return ORVASchedFormatTriggerTime(ORVASchedTaskNextTrigger(task, now));
-}
-
 std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task) {
-  return ORVASchedTaskGetNextTriggerTimeAt(task, time(nullptr));
+  const time_t now = time(nullptr);
+  return ORVASchedFormatTriggerTime(orva_sched::ReadField(task, [now](const auto& r) -> time_t {
+    return r.enabled ? ORVASchedScheduleNextTrigger(r.schedule, now) : -1;
+  }));
 }

@@ -8,6 +8,9 @@
 #include "core/log.h"
 #include "core/user.h"
 #include "internal.h"
+#include "scheduler/event_task.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler/task_fields.h"
 
 using orva_sched::Conn;

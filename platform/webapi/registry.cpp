@@ -19,10 +19,6 @@ namespace {
 
 thread_local const APIRequest* tlsCurrent = nullptr;
 
-std::string AuthKey(const std::string& api, const std::string& method) {
-  return method.empty() ? api : api + "\n" + method;
-}
-
 bool EndsWith(const std::string& s, const char* suffix) {
   size_t n = strlen(suffix);
   return s.size() > n && s.compare(s.size() - n, n, suffix) == 0;
@@ -135,7 +131,7 @@ bool APIRegistry::LoadDescriptor(const std::string& path, std::string* error) {
   if (!ORVA::JsonReadFile(path, &root, &errs)) return fail(errno == EINVAL ? "not JSON: " + errs : "cannot read");
   if (!root.isObject() || !root["apis"].isObject()) return fail("no \"apis\" object");
   // Check everything first so that a half-valid descriptor applies nothing.
-  std::vector<std::pair<std::string, APIAuth>> entries;
+  std::vector<std::pair<std::pair<std::string, std::string>, APIAuth>> entries;
   for (const std::string& api : root["apis"].getMemberNames()) {
     const Json::Value& a = root["apis"][api];
     if (!a.isObject()) return fail("\"" + api + "\" is not an object");
@@ -143,7 +139,7 @@ bool APIRegistry::LoadDescriptor(const std::string& path, std::string* error) {
     if (a.isMember("auth") && (!a["auth"].isString() || !ParseAuth(a["auth"].asString(), &level))) {
       return fail("\"" + api + "\": \"auth\" must be \"admin\", \"user\" or \"public\"");
     }
-    entries.emplace_back(AuthKey(api, ""), level);
+    entries.push_back({{api, ""}, level});
     if (a.isMember("methods")) {
       if (!a["methods"].isObject()) return fail("\"" + api + "\": \"methods\" is not an object");
       for (const std::string& m : a["methods"].getMemberNames()) {
@@ -152,7 +148,7 @@ bool APIRegistry::LoadDescriptor(const std::string& path, std::string* error) {
         if (m.empty() || !v.isString() || !ParseAuth(v.asString(), &ml)) {
           return fail("\"" + api + "\" method \"" + m + "\": level must be \"admin\", \"user\" or \"public\"");
         }
-        entries.emplace_back(AuthKey(api, m), ml);
+        entries.push_back({{api, m}, ml});
       }
     }
   }
@@ -160,14 +156,10 @@ bool APIRegistry::LoadDescriptor(const std::string& path, std::string* error) {
   return true;
 }
 
-void APIRegistry::SetAuth(const std::string& api, const std::string& method, APIAuth auth) {
-  auth_[AuthKey(api, method)] = auth;
-}
-
 APIAuth APIRegistry::GetAuth(const std::string& api, const std::string& method) const {
-  auto it = auth_.find(AuthKey(api, method));
+  auto it = auth_.find({api, method});
   if (it != auth_.end()) return it->second;
-  it = auth_.find(AuthKey(api, ""));
+  it = auth_.find({api, ""});
   if (it != auth_.end()) return it->second;
   return API_AUTH_ADMIN;
 }

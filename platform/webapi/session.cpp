@@ -11,6 +11,7 @@
 
 #include "core/conf.h"
 #include "core/kelc.h"
+#include "core/log.h"
 #include "core/root.h"
 #include "core/sqlite_db.h"
 
@@ -45,7 +46,7 @@ std::string WebRandomHex(size_t bytes) {
     ssize_t n = getrandom(raw.data() + got, bytes - got, 0);
     if (n < 0) {
       if (errno == EINTR) continue;
-      syslog(LOG_ERR, "%s:%d getrandom failed: %m", __FILE_NAME__, __LINE__);
+      ORVA_LOG(LOG_ERR, "getrandom failed: %m");
       KELC_ERR_SET(KELC_ERR_IO);
       return "";
     }
@@ -115,7 +116,7 @@ int SessionStore::IdleTimeout() {
     char* end = nullptr;
     long n = strtol(v.c_str(), &end, 10);
     if (end == v.c_str() || *end != '\0' || n <= 0 || n > 365L * 86400) {
-      syslog(LOG_ERR, "%s:%d bad session_idle_timeout \"%s\"; using 1800", __FILE_NAME__, __LINE__, v.c_str());
+      ORVA_LOG(LOG_ERR, "bad session_idle_timeout \"%s\"; using 1800", v.c_str());
       n = 1800;
     }
     idle_ = static_cast<int>(n);

@@ -9,7 +9,7 @@
 
 #include "core/root.h"
 #include "e2e_fixture.h"
-#include "scheduler/task.h"
+#include "scheduler/event_task.h"
 
 namespace {
 

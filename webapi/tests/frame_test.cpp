@@ -6,6 +6,7 @@
 #include <set>
 
 #include "ORVA.Core.TaskScheduler.h"
+#include "scheduler/run.h"
 #include "test_support.h"
 
 using namespace orvatest;
@@ -88,7 +89,7 @@ TEST(ModuleFrame, DispatchOfUnknownMisplacedAndEmptyMethods) {
     EXPECT_EQ(h.response.GetReplyCount(), c.replies);
     if (c.replies) {
       EXPECT_FALSE(h.response.IsSuccess());
-      EXPECT_EQ(h.response.GetErrorCode(), 0);
+      EXPECT_EQ(h.response.GetEnvelope()["error"]["code"], 0);
       EXPECT_TRUE(h.response.GetData().isNull());
     }
   }
@@ -117,7 +118,7 @@ TEST(ModuleFrame, FirstErrorWinsAndDataCombines) {
     c.steps(h.handler);
     h.handler.ReportError();
     EXPECT_EQ(h.response.GetReplyCount(), 1);
-    EXPECT_EQ(h.response.GetErrorCode(), c.code);
+    EXPECT_EQ(h.response.GetEnvelope()["error"]["code"], c.code);
     EXPECT_EQ(h.response.GetData(), Parse(c.data));
   }
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "scheduler/store.h"
 #include "test_support.h"
 
 using namespace orvatest;

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <thread>
 
+#include "scheduler/run.h"
 #include "test_support.h"
 
 using namespace orvatest;

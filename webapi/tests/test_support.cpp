@@ -17,6 +17,7 @@
 #include "core/root.h"
 #include "scheduler/task_json.h"
 #include "webapi/registry.h"
+#include "scheduler/store.h"
 
 namespace {
 
@@ -127,9 +128,9 @@ Reply Call(int version, const std::string& method, const Json::Value& params, co
   row->func(&request, &response);
   reply.replies = response.GetReplyCount();
   reply.success = response.IsSuccess();
-  reply.code = response.GetErrorCode();
   reply.data = response.GetData();
   reply.envelope = response.GetEnvelope();
+  reply.code = reply.replies ? reply.envelope["error"]["code"].asInt() : 0;
   return reply;
 }
 

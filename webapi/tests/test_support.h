@@ -13,7 +13,7 @@
 
 #include "ORVA.Core.TaskScheduler.Basic.h"
 #include "lib.h"
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 #include "webapi/webapi.h"
 #include "orvatest.h"
 

@@ -1,5 +1,5 @@
 // Run records (liborvascheduler.so.7), written by orva-schedrun. The module and the
-// web UI read them through ORVASchedTaskGetRunStatus / ORVASchedTaskGetRunHistory.
+// web UI read them through ORVASchedTaskGetRunStatus and ORVASchedTaskGetRuns.
 #pragma once
 
 #include <stdint.h>

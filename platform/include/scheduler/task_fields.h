@@ -18,7 +18,7 @@
 // field needs a new migration too.
 #pragma once
 
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
 // clang-format off
 #define ORVA_SCHED_TASK_FIELDS(X) \

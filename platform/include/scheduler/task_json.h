@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
 bool ORVASchedTaskConvertToJson_Basic(const _tag_orva_sched_task_& task, Json::Value& json);
 bool ORVASchedTaskConvertToJson_Schedule(const _tag_orva_sched_task_& task, Json::Value& json);

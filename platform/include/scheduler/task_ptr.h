@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
 struct ORVASchedTaskDeleter {
   void operator()(ORVA_SCHED_TASK* t) const { ORVASchedTaskFree(t); }

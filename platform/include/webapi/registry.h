@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "webapi/webapi.h"
@@ -32,12 +33,8 @@ class APIRegistry {
   // Reads a descriptor: {"apis": {API: {"auth": "admin"|"user"|"public",
   // "methods": {METHOD: LEVEL}}}}. False (logged, nothing applied) when malformed.
   bool LoadDescriptor(const std::string& path, std::string* error = nullptr);
-  // Sets who may call an API (`method` empty) or one of its methods.
-  void SetAuth(const std::string& api, const std::string& method, APIAuth auth);
   // The level of (api, method): the method's own, else the API's, else admin.
   APIAuth GetAuth(const std::string& api, const std::string& method) const;
-  // Parses "admin", "user", "public".
-  static bool ParseAuth(const std::string& text, APIAuth* auth);
 
   // Finds the row for (api, version, method). On failure `errorCode` is
   // WEBAPI_ERR_NO_API, WEBAPI_ERR_NO_VERSION or WEBAPI_ERR_NO_METHOD.
@@ -58,9 +55,13 @@ class APIRegistry {
   std::vector<const APITableRow*> Rows() const;
 
  private:
+  // Parses "admin", "user", "public".
+  static bool ParseAuth(const std::string& text, APIAuth* auth);
+
   std::vector<APITableRow> rows_;
   std::vector<void*> handles_;
-  std::map<std::string, APIAuth> auth_;  // "API" or "API\nMETHOD"
+  // (API, METHOD) of a method's own level, (API, "") of the API's.
+  std::map<std::pair<std::string, std::string>, APIAuth> auth_;
 };
 
 }  // namespace ORVA

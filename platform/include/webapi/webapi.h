@@ -86,7 +86,6 @@ class APIResponse {
   // How many times SetSuccess/SetError were called (a module must call exactly one, once).
   int GetReplyCount() const { return replies_; }
   bool IsSuccess() const { return success_; }
-  int GetErrorCode() const { return code_; }
   const Json::Value& GetData() const { return data_; }
   // The reply envelope: {"success": true, "data": D} or {"success": false, "error":
   // {"code": C, ...members of an object data...}} (other non-null data under "data").

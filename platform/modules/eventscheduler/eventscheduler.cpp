@@ -16,7 +16,7 @@
 #include "core/kelc.h"
 #include "core/log.h"
 #include "core/user.h"
-#include "scheduler/task.h"
+#include "scheduler/event_task.h"
 #include "webapi/webapi.h"
 
 namespace {

@@ -20,7 +20,9 @@
 
 #include "core/kelc.h"
 #include "core/log.h"
-#include "scheduler/task.h"
+#include "scheduler/run.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler/task_json.h"
 #include "scheduler/task_ptr.h"
 #include "webapi/webapi.h"

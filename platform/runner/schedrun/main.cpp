@@ -28,8 +28,9 @@
 #include "core/log.h"
 #include "core/program.h"
 #include "core/root.h"
+#include "scheduler/event_task.h"
 #include "scheduler/run_log.h"
-#include "scheduler/task.h"
+#include "scheduler/store.h"
 #include "scheduler/task_ptr.h"
 
 namespace {

@@ -7,11 +7,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/inotify.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
@@ -31,10 +31,12 @@
 #include "core/log.h"
 #include "core/program.h"
 #include "core/root.h"
-#include "scheduler/task.h"
+#include "scheduler/event_task.h"
+#include "scheduler/run.h"
+#include "scheduler/schedule.h"
+#include "scheduler/store.h"
 #include "scheduler_core.h"
-
-extern char** environ;
+#include "spawn.h"
 
 namespace {
 
@@ -50,20 +52,20 @@ const char kUsage[] =
     "  --root DIR   the system root (default: $ORVA_ROOT, else /)\n"
     "  --help       this text\n";
 
-class WallClock : public orvasched::Clock {
+class WallClock : public orva_sched::Clock {
  public:
   time_t Now() override { return time(nullptr); }
 };
 
-class StoreSource : public orvasched::TaskSource {
+class StoreSource : public orva_sched::TaskSource {
  public:
-  bool Load(std::vector<orvasched::TaskSnapshot>& tasks) override {
+  bool Load(std::vector<orva_sched::TaskSnapshot>& tasks) override {
     ORVA_SCHED_TASK* list = nullptr;
     if (ORVASchedTaskListGet(&list, nullptr, nullptr) < 0) {
       return false;
     }
     for (ORVA_SCHED_TASK* t = list; t; t = ORVASchedTaskNext(t)) {
-      orvasched::TaskSnapshot s;
+      orva_sched::TaskSnapshot s;
       s.id = ORVASchedTaskGetID(*t);
       s.enabled = ORVASchedTaskIsEnabled(*t);
       s.schedule = ORVASchedTaskGetSchedule(*t);
@@ -75,40 +77,15 @@ class StoreSource : public orvasched::TaskSource {
   }
 };
 
-// Starts a runner as a child in its own session; the loop reaps it on SIGCHLD.
-pid_t SpawnRunner(const std::vector<std::string>& args) {
-  std::vector<std::string> all = {ORVASchedRunnerPath()};
-  all.insert(all.end(), args.begin(), args.end());
-  all.push_back("--root");
-  all.push_back(ORVA::ORVARootGet());
-  std::vector<char*> argv;
-  for (std::string& s : all) {
-    argv.push_back(s.data());
-  }
-  argv.push_back(nullptr);
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attr, &none);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], nullptr, &attr, argv.data(), environ);
-  posix_spawnattr_destroy(&attr);
-  if (rc != 0) {
-    ORVA_LOG(LOG_ERR, "cannot start %s: %s", argv[0], strerror(rc));
-    return -1;
-  }
-  return pid;
-}
-
-class RunnerLauncher : public orvasched::Launcher {
+class RunnerLauncher : public orva_sched::Launcher {
  public:
-  bool Launch(long id) override { return SpawnRunner({std::to_string(id), "--trigger", "schedule"}) > 0; }
+  bool Launch(long id) override {
+    return orva_sched::StartRunner({std::to_string(id), "--trigger", "schedule"}) > 0;
+  }
 
-  // posix_spawn holds its thread until the child has executed the runner, so many
-  // due runs start from a few threads at once. The threads keep every signal blocked
-  // (inherited), so SIGCHLD still reaches the loop's signalfd.
+  // StartRunner holds its thread until the runner has been executed, so many due runs
+  // start from a few threads at once. The threads keep every signal blocked
+  // (inherited), so signals still reach the loop's signalfd.
   void LaunchAll(const std::vector<long>& ids, std::vector<char>& started) override {
     started.assign(ids.size(), 0);
     const size_t threads = std::min<size_t>(kLaunchThreads, (ids.size() + kPerThreadMin - 1) / kPerThreadMin);
@@ -155,14 +132,20 @@ int RunEvent(const std::string& event) {
     ORVA_LOG(LOG_ERR, "cannot read the event tasks of %s", event.c_str());
     return 1;
   }
-  // Started side by side; the event (a boot or a shutdown) waits for all of them.
+  // Started side by side; the event (a boot or a shutdown) waits for all of them. The
+  // runners are started detached: as a child subreaper this process gets them back as
+  // its children to wait for.
+  if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+    ORVA_LOG(LOG_ERR, "cannot become a child subreaper: %m");
+    return 1;
+  }
   std::vector<std::pair<long, pid_t>> started;
   int unstarted = 0;
   for (const ORVASchedEventTask& t : tasks) {
     if (!t.enable) {
       continue;
     }
-    const pid_t pid = SpawnRunner({"--event-task", std::to_string(t.id), "--trigger", "event"});
+    const pid_t pid = orva_sched::StartRunner({"--event-task", std::to_string(t.id), "--trigger", "event"});
     if (pid > 0) {
       ORVA_LOG(LOG_INFO, "%s: started event task %ld \"%s\"", event.c_str(), t.id, t.task_name.c_str());
       started.emplace_back(t.id, pid);
@@ -198,7 +181,7 @@ void Arm(int tfd, time_t when) {
 int Serve() {
   sigset_t mask;
   sigemptyset(&mask);
-  for (int s : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
+  for (int s : {SIGTERM, SIGINT, SIGHUP}) {
     sigaddset(&mask, s);
   }
   sigprocmask(SIG_BLOCK, &mask, nullptr);
@@ -226,7 +209,7 @@ int Serve() {
   WallClock clock;
   StoreSource source;
   RunnerLauncher launcher;
-  orvasched::Scheduler sched(clock, source, launcher);
+  orva_sched::Scheduler sched(clock, source, launcher);
   if (!sched.Rescan()) {
     return 1;
   }
@@ -283,10 +266,7 @@ int Serve() {
     if (pfd[0].revents & POLLIN) {
       struct signalfd_siginfo si;
       while (read(sfd, &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
-        if (si.ssi_signo == SIGCHLD) {
-          while (waitpid(-1, nullptr, WNOHANG) > 0) {
-          }
-        } else if (si.ssi_signo == SIGHUP) {
+        if (si.ssi_signo == SIGHUP) {
           sched.Rescan();
         } else {
           WriteState(sched.Checked());

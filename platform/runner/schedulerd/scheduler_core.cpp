@@ -4,8 +4,9 @@
 #include <syslog.h>
 
 #include "core/log.h"
+#include "scheduler/schedule.h"
 
-namespace orvasched {
+namespace orva_sched {
 namespace {
 
 std::string Stamp(time_t t) {
@@ -173,4 +174,4 @@ time_t Scheduler::NextOf(long id) const {
   return it == tasks_.end() ? -1 : it->second.next;
 }
 
-}  // namespace orvasched
+}  // namespace orva_sched

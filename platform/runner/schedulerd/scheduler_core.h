@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 
-namespace orvasched {
+namespace orva_sched {
 
 class Clock {
  public:
@@ -107,4 +107,4 @@ class Scheduler {
   time_t checked_ = 0;
 };
 
-}  // namespace orvasched
+}  // namespace orva_sched

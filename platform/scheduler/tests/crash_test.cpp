@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/kelc.h"
+#include "scheduler/store.h"
 #include "test_util.h"
 
 using orva_test::Task;

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "core/kelc.h"
+#include "scheduler/schedule.h"
 #include "scheduler/task_json.h"
 #include "test_util.h"
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <utility>
 
-#include "scheduler/task.h"
+#include "scheduler/record.h"
 #include "orvatest.h"
 
 namespace orva_test {

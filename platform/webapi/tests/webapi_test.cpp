@@ -286,7 +286,8 @@ TEST_F(WebapiDescriptor, LevelsAndMalformedDescriptorsApplyNothing) {
   ASSERT_TRUE(reg.LoadDescriptor(Write("ok.json", R"({"apis": {
       "ORVA.D.X": {"auth": "user", "methods": {"login": "public", "wipe": "admin"}},
       "ORVA.D.Y": {"auth": "public"},
-      "ORVA.D.Z": {}}})")));
+      "ORVA.D.Z": {},
+      "ORVA.D.Q\nsecret": {"auth": "public"}}})")));
   struct Case {
     const char* api;
     const char* method;
@@ -294,7 +295,8 @@ TEST_F(WebapiDescriptor, LevelsAndMalformedDescriptorsApplyNothing) {
   };
   for (Case c : {Case{"ORVA.D.X", "query", ORVA::API_AUTH_USER}, Case{"ORVA.D.X", "login", ORVA::API_AUTH_PUBLIC},
                  Case{"ORVA.D.X", "wipe", ORVA::API_AUTH_ADMIN}, Case{"ORVA.D.Y", "any", ORVA::API_AUTH_PUBLIC},
-                 Case{"ORVA.D.Z", "any", ORVA::API_AUTH_ADMIN}, Case{"ORVA.D.Other", "any", ORVA::API_AUTH_ADMIN}}) {
+                 Case{"ORVA.D.Z", "any", ORVA::API_AUTH_ADMIN}, Case{"ORVA.D.Other", "any", ORVA::API_AUTH_ADMIN},
+                 Case{"ORVA.D.Q", "secret", ORVA::API_AUTH_ADMIN}}) {  // an API name never names a method
     SCOPED_TRACE(std::string(c.api) + " " + c.method);
     EXPECT_EQ(c.level, reg.GetAuth(c.api, c.method));
   }

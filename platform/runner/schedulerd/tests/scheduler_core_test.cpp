@@ -8,19 +8,20 @@
 #include <vector>
 
 #include "orvatest.h"
+#include "scheduler/schedule.h"
 #include "scheduler_core.h"
 
 namespace {
 
-using orvasched::TaskSnapshot;
+using orva_sched::TaskSnapshot;
 
-class FakeClock : public orvasched::Clock {
+class FakeClock : public orva_sched::Clock {
  public:
   time_t Now() override { return now; }
   time_t now = 0;
 };
 
-class FakeSource : public orvasched::TaskSource {
+class FakeSource : public orva_sched::TaskSource {
  public:
   bool Load(std::vector<TaskSnapshot>& out) override {
     if (fail) return false;
@@ -47,7 +48,7 @@ std::ostream& operator<<(std::ostream& os, const Fired& l) {
   return os << "{task " << l.id << " at " << ORVASchedFormatTriggerTime(l.at) << " (" << l.at << ")}";
 }
 
-class RecordingLauncher : public orvasched::Launcher {
+class RecordingLauncher : public orva_sched::Launcher {
  public:
   explicit RecordingLauncher(FakeClock& c) : clock(c) {}
   bool Launch(long id) override {
@@ -93,7 +94,7 @@ class SchedulerTest : public ::testing::Test {
   SchedulerTest() : launcher(clock) { SetTZ("UTC"); }
 
   // What the daemon's loop does: sleep until the earliest trigger, then tick.
-  void RunUntil(orvasched::Scheduler& s, time_t end) {
+  void RunUntil(orva_sched::Scheduler& s, time_t end) {
     for (time_t w = s.NextWake(); w != -1 && w <= end; w = s.NextWake()) {
       ASSERT_GE(w, clock.now) << "a wake-up in the past would spin";
       clock.now = w;
@@ -116,7 +117,7 @@ TEST_F(SchedulerTest, DueTasksStartOnceAtTheirTime) {
   rep.schedule.repeat_min = 30;
   rep.schedule.last_work_hour = 11;
   source.tasks.push_back(rep);
-  orvasched::Scheduler s(clock, source, launcher);
+  orva_sched::Scheduler s(clock, source, launcher);
   ASSERT_TRUE(s.Rescan());
   EXPECT_EQ(s.NextWake(), Local(2024, 5, 1, 10, 0));
   s.Tick();
@@ -141,7 +142,7 @@ TEST_F(SchedulerTest, DisabledTaskNeverRunsUntilEnabled) {
   clock.now = Local(2024, 5, 1, 8, 0);
   source.tasks = {Daily(7, 2024, 5, 1, 10, 0)};
   source.tasks[0].enabled = false;
-  orvasched::Scheduler s(clock, source, launcher);
+  orva_sched::Scheduler s(clock, source, launcher);
   ASSERT_TRUE(s.Rescan());
   EXPECT_EQ(s.NextWake(), -1);
   RunUntil(s, Local(2024, 5, 4, 12, 0));
@@ -156,7 +157,7 @@ TEST_F(SchedulerTest, DisabledTaskNeverRunsUntilEnabled) {
 TEST_F(SchedulerTest, ChangedAndDeletedTasksAreRescheduled) {
   clock.now = Local(2024, 5, 1, 9, 0);
   source.tasks = {Daily(1, 2024, 5, 1, 10, 0), Daily(2, 2024, 5, 1, 10, 0)};
-  orvasched::Scheduler s(clock, source, launcher);
+  orva_sched::Scheduler s(clock, source, launcher);
   ASSERT_TRUE(s.Rescan());
 
   source.Find(1)->schedule.hour = 11;  // moved
@@ -190,7 +191,7 @@ TEST_F(SchedulerTest, ChangedAndDeletedTasksAreRescheduled) {
 TEST_F(SchedulerTest, ClockSetForwardOrBackRecomputes) {
   clock.now = Local(2024, 5, 1, 9, 0);
   source.tasks = {Daily(1, 2024, 5, 1, 10, 0), Daily(2, 2024, 5, 1, 12, 0)};
-  orvasched::Scheduler s(clock, source, launcher);
+  orva_sched::Scheduler s(clock, source, launcher);
   ASSERT_TRUE(s.Rescan());
 
   // Forward past 10:00: that run is missed, not replayed; 12:00 still comes.
@@ -224,7 +225,7 @@ TEST_F(SchedulerTest, LateWakeUpsAreMissedNotReplayed) {
   rep.schedule.repeat_min = 5;
   rep.schedule.last_work_hour = 23;
   source.tasks = {Daily(1, 2024, 5, 1, 10, 0), rep};
-  orvasched::Scheduler s(clock, source, launcher);
+  orva_sched::Scheduler s(clock, source, launcher);
   ASSERT_TRUE(s.Rescan());
 
   // Asleep from before 10:00 until 10:07:30: the 10:05 repeat is 150 s late, and
@@ -245,7 +246,7 @@ TEST_F(SchedulerTest, LateWakeUpsAreMissedNotReplayed) {
   FakeClock later;
   later.now = Local(2024, 5, 3, 9, 0);
   RecordingLauncher l2(later);
-  orvasched::Scheduler restarted(later, source, l2);
+  orva_sched::Scheduler restarted(later, source, l2);
   ASSERT_TRUE(restarted.Rescan());
   restarted.ReportMissedSince(Local(2024, 5, 1, 10, 11));
   restarted.Tick();
@@ -278,7 +279,7 @@ TEST_F(SchedulerTest, DaylightSavingDaysFollowTheStoreRules) {
     launcher.launches.clear();
     clock.now = Local(c.y, c.mo, c.d, 0, 0);
     source.tasks = {Daily(5, c.y, c.mo, c.d, c.h, c.mi)};
-    orvasched::Scheduler s(clock, source, launcher);
+    orva_sched::Scheduler s(clock, source, launcher);
     ASSERT_TRUE(s.Rescan());
     RunUntil(s, clock.now + 3 * 86400 - 3600);
     std::vector<Fired> want;
@@ -299,7 +300,7 @@ TEST_F(SchedulerTest, RepeatsThroughTheFallBackHourRunEachWallTimeOnce) {
   rep.schedule.repeat_min = 30;
   rep.schedule.last_work_hour = 3;
   source.tasks = {rep};
-  orvasched::Scheduler s(clock, source, launcher);
+  orva_sched::Scheduler s(clock, source, launcher);
   ASSERT_TRUE(s.Rescan());
   RunUntil(s, Local(2024, 10, 27, 12, 0));
   std::vector<std::string> walls;

@@ -1,28 +1,28 @@
-// Starting runs (orva-schedrun, detached), the run history and the run status.
+// Starting and stopping runs, the run records orva-schedrun writes, the run history and
+// the run status. Part of liborvascheduler (the module reads runs through it).
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
-#include "core/root.h"
-#include "core/user.h"
+#include "core/log.h"
 #include "internal.h"
+#include "scheduler/event_task.h"
+#include "scheduler/run.h"
 #include "scheduler/run_log.h"
+#include "scheduler/store.h"
+#include "spawn.h"
 
 using orva_sched::Conn;
 using orva_sched::Stmt;
 
 namespace {
-
-std::mutex gRunnerMutex;
-std::string gRunnerPath;
 
 // 1 when the row exists, 0 when not (NOT_FOUND set), -1 on failure.
 int Exists(sqlite3* db, int kind, long id) {
@@ -35,13 +35,6 @@ int Exists(sqlite3* db, int kind, long id) {
     return 0;
   }
   return -1;
-}
-
-bool StartRunner(const std::vector<std::string>& args) {
-  std::vector<std::string> all = args;
-  all.push_back("--root");
-  all.push_back(ORVA::ORVARootGet());
-  return orva_sched::SpawnDetached(ORVASchedRunnerPath(), all);
 }
 
 std::string FormatTime(int64_t t) {
@@ -82,6 +75,35 @@ std::string ValidUtf8(const std::string& in) {
   return out;
 }
 
+// The start time of a process in clock ticks since boot (/proc/PID/stat): with the pid
+// it names one process for good. -1 when it cannot be read (errno set).
+int64_t ProcessStartTime(pid_t pid) {
+  char path[64];
+  snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  char buf[1024];
+  ssize_t n = read(fd, buf, sizeof(buf) - 1);
+  int err = errno;
+  close(fd);
+  if (n <= 0) {
+    errno = n < 0 ? err : ESRCH;
+    return -1;
+  }
+  buf[n] = '\0';
+  // The command name (field 2) may hold anything; the fields after its ")" start
+  // with the state (field 3). The start time is field 22.
+  const char* p = strrchr(buf, ')');
+  for (int field = 2; p && field < 22; ++field) {
+    p = strchr(p + 1, ' ');
+  }
+  if (!p) {
+    errno = EINVAL;
+    return -1;
+  }
+  return strtoll(p + 1, nullptr, 10);
+}
+
 bool ProcessAlive(int64_t pid) {
   return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
 }
@@ -99,7 +121,7 @@ enum { kColId, kColTrigger, kColStart, kColEnd, kColRunnerPid, kColRunnerStart, 
 bool RunnerAlive(int64_t pid, bool haveStart, int64_t start) {
   if (pid <= 0) return false;
   if (!haveStart) return ProcessAlive(pid);
-  int64_t now = orva_sched::ProcessStartTime(static_cast<pid_t>(pid));
+  int64_t now = ProcessStartTime(static_cast<pid_t>(pid));
   if (now >= 0) return now == start;
   return ProcessAlive(pid);  // /proc hides it (hidepid): the pid alone
 }
@@ -154,17 +176,6 @@ int ReadRunRows(int kind, long id, bool withOutput, std::vector<RunRow>& rows) {
   return rc == SQLITE_DONE ? 0 : -1;
 }
 
-int ReadRuns(int kind, long id, Json::Value& runs) {
-  runs = Json::Value(Json::arrayValue);
-  std::vector<RunRow> rows;
-  if (ReadRunRows(kind, id, true, rows) != 0) return -1;
-  for (RunRow& row : rows) {
-    row.json["running"] = row.running;
-    row.json["pid"] = row.running ? Json::Value(static_cast<Json::Int64>(row.pid)) : Json::Value();
-    runs.append(row.json);
-  }
-  return 0;
-}
 
 // The run that status reports among the open runs and the newest one (newest first):
 // a run in progress wins over any finished one, even over a newer skipped run.
@@ -221,140 +232,6 @@ bool TrimRuns(sqlite3* db, int kind, long id) {
 
 }  // namespace
 
-namespace orva_sched {
-
-int64_t ProcessStartTime(pid_t pid) {
-  char path[64];
-  snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  char buf[1024];
-  ssize_t n = read(fd, buf, sizeof(buf) - 1);
-  int err = errno;
-  close(fd);
-  if (n <= 0) {
-    errno = n < 0 ? err : ESRCH;
-    return -1;
-  }
-  buf[n] = '\0';
-  // The command name (field 2) may hold anything; the fields after its ")" start
-  // with the state (field 3). The start time is field 22.
-  const char* p = strrchr(buf, ')');
-  for (int field = 2; p && field < 22; ++field) {
-    p = strchr(p + 1, ' ');
-  }
-  if (!p) {
-    errno = EINVAL;
-    return -1;
-  }
-  return strtoll(p + 1, nullptr, 10);
-}
-
-bool SpawnDetached(const std::string& program, const std::vector<std::string>& args) {
-  std::vector<std::string> strings;
-  strings.push_back(program);
-  strings.insert(strings.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& s : strings) argv.push_back(s.data());
-  argv.push_back(nullptr);
-
-  int pfd[2];
-  if (pipe2(pfd, O_CLOEXEC) != 0) {
-    syslog(LOG_ERR, "%s:%d pipe failed: %m", __FILE_NAME__, __LINE__);
-    SCHED_ERR(ORVA_SCHED_ERR_RUN);
-    return false;
-  }
-  // A caller with closed standard descriptors would get the pipe among 0-2, which
-  // the child points at /dev/null; keep it above them.
-  for (int& fd : pfd) {
-    if (fd < 3) {
-      int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-      close(fd);
-      fd = moved;
-    }
-  }
-  if (pfd[0] < 0 || pfd[1] < 0) {
-    syslog(LOG_ERR, "%s:%d dup failed: %m", __FILE_NAME__, __LINE__);
-    if (pfd[0] >= 0) close(pfd[0]);
-    if (pfd[1] >= 0) close(pfd[1]);
-    SCHED_ERR(ORVA_SCHED_ERR_RUN);
-    return false;
-  }
-  pid_t pid = fork();
-  if (pid < 0) {
-    syslog(LOG_ERR, "%s:%d fork failed: %m", __FILE_NAME__, __LINE__);
-    close(pfd[0]);
-    close(pfd[1]);
-    SCHED_ERR(ORVA_SCHED_ERR_RUN);
-    return false;
-  }
-  if (pid == 0) {
-    // Only async-signal-safe calls from here on: the parent may have threads.
-    setsid();
-    pid_t grandchild = fork();
-    if (grandchild != 0) {
-      if (grandchild < 0) {
-        int err = errno;
-        (void)!write(pfd[1], &err, sizeof(err));
-      }
-      _exit(0);
-    }
-    int devnull = open("/dev/null", O_RDWR);
-    if (devnull >= 0) {
-      dup2(devnull, 0);
-      dup2(devnull, 1);
-      dup2(devnull, 2);
-    }
-    // Nothing of the caller's (sockets, the database) reaches the runner; the status
-    // pipe moves to descriptor 3 and closes on exec.
-    if (pfd[1] != 3) {
-      dup2(pfd[1], 3);
-      pfd[1] = 3;
-    }
-    fcntl(3, F_SETFD, FD_CLOEXEC);
-    close_range(4, ~0U, 0);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
-    execv(argv[0], argv.data());
-    int err = errno;
-    (void)!write(pfd[1], &err, sizeof(err));
-    _exit(127);
-  }
-  close(pfd[1]);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  int err = 0;
-  ssize_t n;
-  while ((n = read(pfd[0], &err, sizeof(err))) < 0 && errno == EINTR) {
-  }
-  close(pfd[0]);
-  if (n > 0) {
-    syslog(LOG_ERR, "%s:%d cannot start %s: %s", __FILE_NAME__, __LINE__, program.c_str(), strerror(err));
-    SCHED_ERR(ORVA_SCHED_ERR_RUN);
-    return false;
-  }
-  return true;
-}
-
-}  // namespace orva_sched
-
-void ORVASchedSetRunnerPath(const std::string& path) {
-  std::lock_guard<std::mutex> lock(gRunnerMutex);
-  gRunnerPath = path;
-}
-
-std::string ORVASchedRunnerPath() {
-  {
-    std::lock_guard<std::mutex> lock(gRunnerMutex);
-    if (!gRunnerPath.empty()) return gRunnerPath;
-  }
-  const char* env = getenv("ORVA_SCHEDRUN");
-  if (env && *env) return env;
-  return ORVA::ORVAPathMap("/usr/orva/bin/orva-schedrun");
-}
 
 extern "C" int ORVASchedTaskRun(long id, int reserved1, int reserved2) {
   (void)reserved1;
@@ -363,7 +240,7 @@ extern "C" int ORVASchedTaskRun(long id, int reserved1, int reserved2) {
     Conn conn;
     if (!conn.db() || Exists(conn.db(), ORVA_SCHED_RUN_TASK, id) != 1) return -1;
   }
-  return StartRunner({std::to_string(id), "--trigger", "manual"}) ? 0 : -1;
+  return orva_sched::StartRunner({std::to_string(id), "--trigger", "manual"}) > 0 ? 0 : -1;
 }
 
 extern "C" int ORVASchedTaskRunByUser(const char* user, long id, int reserved1, int reserved2) {
@@ -384,12 +261,8 @@ extern "C" int ORVASchedTaskRunByUser(const char* user, long id, int reserved1, 
 }
 
 int ORVASchedTaskGetRunStatus(int id, Json::Value& status) { return RunStatus(ORVA_SCHED_RUN_TASK, id, status); }
-int ORVASchedTaskGetRunHistory(long id, Json::Value& runs) { return ReadRuns(ORVA_SCHED_RUN_TASK, id, runs); }
 int ORVASchedEventTaskGetRunStatus(long id, Json::Value& status) {
   return RunStatus(ORVA_SCHED_RUN_EVENT_TASK, id, status);
-}
-int ORVASchedEventTaskGetRunHistory(long id, Json::Value& runs) {
-  return ReadRuns(ORVA_SCHED_RUN_EVENT_TASK, id, runs);
 }
 
 int ORVASchedTaskGetRuns(long id, Json::Value& out) {
@@ -487,7 +360,7 @@ int ORVASchedTaskStop(long id, int64_t* runId) {
     // the check of its start time and the signal reach the same process.
     int fd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(o.pid), 0));
     if (fd < 0) continue;  // gone
-    if (orva_sched::ProcessStartTime(static_cast<pid_t>(o.pid)) != o.start) {
+    if (ProcessStartTime(static_cast<pid_t>(o.pid)) != o.start) {
       close(fd);  // another process has the pid now
       continue;
     }
@@ -501,7 +374,7 @@ int ORVASchedTaskStop(long id, int64_t* runId) {
   }
   if (!asked) {
     if (failure) {
-      syslog(LOG_ERR, "%s:%d cannot signal the runner of task %ld: %s", __FILE_NAME__, __LINE__, id,
+      ORVA_LOG(LOG_ERR, "cannot signal the runner of task %ld: %s", id,
              strerror(failure));
     }
     SCHED_ERR(failure == EPERM ? static_cast<int>(KELC_ERR_PERMISSION)
@@ -513,13 +386,6 @@ int ORVASchedTaskStop(long id, int64_t* runId) {
   return 0;
 }
 
-int ORVASchedEventTaskRun(long id) {
-  {
-    Conn conn;
-    if (!conn.db() || Exists(conn.db(), ORVA_SCHED_RUN_EVENT_TASK, id) != 1) return -1;
-  }
-  return StartRunner({"--event-task", std::to_string(id), "--trigger", "event"}) ? 0 : -1;
-}
 
 // ---- Run records ----
 
@@ -533,7 +399,7 @@ int64_t ORVASchedRunBegin(int kind, long taskId, const char* trigger, pid_t runn
   st.Bind(3, trigger ? trigger : "");
   st.Bind(4, static_cast<int64_t>(time(nullptr)));
   st.Bind(5, static_cast<int64_t>(runnerPid));
-  int64_t runnerStart = orva_sched::ProcessStartTime(runnerPid);
+  int64_t runnerStart = ProcessStartTime(runnerPid);
   if (runnerStart >= 0) st.Bind(6, runnerStart); else st.BindNull(6);
   if (st.Step() != SQLITE_DONE) return -1;
   int64_t runId = sqlite3_last_insert_rowid(conn.db());

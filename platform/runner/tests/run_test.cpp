@@ -2,12 +2,16 @@
 // appliance's mount namespace, recorded with output and exit status.
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <set>
 #include <sstream>
 
 #include "core/kelc.h"
+#include "scheduler/event_task.h"
+#include "scheduler/run.h"
 #include "scheduler/run_log.h"
+#include "scheduler/store.h"
 #include "test_util.h"
 
 using orva_test::Task;
@@ -18,13 +22,36 @@ namespace {
 
 using orvatest::Slurp;
 
-// Waits until the task has `n` runs and none is running; returns the history.
+// The task's runs, newest first, each its summary with its output, as the run pages
+// read them; -1 for an unknown task. *pid: of the newest run in progress, or null.
+int History(long id, Json::Value& runs, Json::Value* pid = nullptr) {
+  Json::Value all;
+  runs = Json::Value(Json::arrayValue);
+  if (ORVASchedTaskGetRuns(id, all) != 0) return -1;
+  for (const Json::Value& r : all["runs"]) {
+    Json::Value one;
+    if (ORVASchedTaskGetRun(id, r["run_id"].asInt64(), one) != 0) return -1;
+    runs.append(one);
+  }
+  if (pid) *pid = all["pid"];
+  return 0;
+}
+
+// Waits until the task has `n` runs and none is running; returns the history. An event
+// task's is its last run.
 Json::Value WaitRuns(long id, unsigned n, bool event = false) {
   Json::Value runs;
   bool done = orva_test::WaitFor([&] {
-    EXPECT_EQ(event ? ORVASchedEventTaskGetRunHistory(id, runs) : ORVASchedTaskGetRunHistory(id, runs), 0);
+    if (event) {
+      Json::Value status;
+      EXPECT_EQ(ORVASchedEventTaskGetRunStatus(id, status), 0);
+      runs = Json::Value(Json::arrayValue);
+      if (!status["last_run"].isNull()) runs.append(status["last_run"]);
+    } else {
+      EXPECT_EQ(History(id, runs), 0);
+    }
     bool running = false;
-    for (const Json::Value& r : runs) running = running || r["running"].asBool();
+    for (const Json::Value& r : runs) running = running || r["result"] == "running";
     return runs.size() >= n && !running;
   }, 600);
   EXPECT_TRUE(done) << "task " << id << " did not finish " << n << " runs";
@@ -34,7 +61,7 @@ Json::Value WaitRuns(long id, unsigned n, bool event = false) {
 class SchedRunTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ORVASchedSetRunnerPath(ORVA_SCHEDRUN_PATH);
+    setenv("ORVA_SCHEDRUN", ORVA_SCHEDRUN_PATH, 1);
     out_ = root_.path() + "/usr/orva/out";
     ASSERT_EQ(orva_test::Shell("mkdir -p " + out_ + " && chmod 0777 " + out_), 0);
   }
@@ -79,6 +106,7 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
       " ls /proc/self/fd > /usr/orva/out/fds; echo to stdout; echo to stderr >&2; exit 7",
       u.uid());
   ASSERT_EQ(ORVASchedTaskRun(id, 0, 0), 0);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // detached: no child of the caller's
   Json::Value runs = WaitRuns(id, 1);
   ASSERT_EQ(runs.size(), 1u);
 
@@ -129,15 +157,15 @@ TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
   EXPECT_TRUE(WaitRunning(once)["pid"].isInt());
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);
   // The skipped run never hides the run in progress, whose output shows while it runs.
-  Json::Value status, runs;
+  Json::Value status, runs, pid;
   EXPECT_TRUE(orva_test::WaitFor([&] {
-    EXPECT_EQ(ORVASchedTaskGetRunHistory(once, runs), 0);
+    EXPECT_EQ(History(once, runs, &pid), 0);
     EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(once), status), 0);
     return runs.size() == 2 && status["last_run"]["output"] == "begun\n";
   }, 25)) << status;
   EXPECT_EQ(runs[0]["result"], "skipped");
   EXPECT_TRUE(status["running"].asBool());
-  EXPECT_EQ(status["pid"], runs[1]["pid"]);
+  EXPECT_EQ(status["pid"], pid);
   EXPECT_EQ(status["last_run"]["result"], "running");
   EXPECT_TRUE(status["last_run"]["end"].isNull());
   runs = WaitRuns(once, 2);
@@ -174,7 +202,9 @@ TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
   ev.event = "bootup";
   ev.script = "echo booted as $(id -un)";
   ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
-  ASSERT_EQ(ORVASchedEventTaskRun(ev.id), 0);
+  ASSERT_EQ(orva_test::Shell(std::string(ORVA_SCHEDRUN_PATH) + " --root " + root_.path() + " --event-task " +
+                             std::to_string(ev.id)),
+            0);
   Json::Value runs = WaitRuns(ev.id, 1, true);
   EXPECT_EQ(runs[0]["trigger"], "event");
   EXPECT_EQ(runs[0]["output"], "booted as " + u.name() + "\n");
@@ -295,13 +325,13 @@ TEST_F(SchedRunTest, HistoryKeepsTheLastFifty) {
     ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, id, "schedule", "skipped", std::to_string(i)), 0);
   }
   Json::Value runs;
-  ASSERT_EQ(ORVASchedTaskGetRunHistory(id, runs), 0);
+  ASSERT_EQ(History(id, runs), 0);
   ASSERT_EQ(runs.size(), static_cast<unsigned>(ORVA_SCHED_RUN_HISTORY_MAX));
   EXPECT_EQ(runs[0]["output"], std::to_string(ORVA_SCHED_RUN_HISTORY_MAX + 6));
   EXPECT_EQ(runs[ORVA_SCHED_RUN_HISTORY_MAX - 1]["output"], "7");
   // Removing the task drops its history.
   ASSERT_EQ(ORVASchedTaskRemove(id), 0);
-  EXPECT_EQ(ORVASchedTaskGetRunHistory(id, runs), -1);
+  EXPECT_EQ(History(id, runs), -1);
 }
 
 TEST_F(SchedRunTest, RunnerCommandLine) {
@@ -330,7 +360,7 @@ TEST_F(SchedRunTest, RunnerCommandLine) {
   EXPECT_EQ(runs[0]["output"], "hi\n");
 
   // A runner that cannot be started fails the call.
-  ORVASchedSetRunnerPath(root_.path() + "/no-such-runner");
+  setenv("ORVA_SCHEDRUN", (root_.path() + "/no-such-runner").c_str(), 1);
   EXPECT_EQ(ORVASchedTaskRun(id, 0, 0), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_RUN);
 }

@@ -1,4 +1,5 @@
-// The task scheduler store (liborvascheduler.so.7): the task record and its operations.
+// The task record (liborvascheduler.so.7): its fields and their limits, the store's
+// error codes, allocation, setters and getters.
 //
 // Integer results: negative means failure, and the error facility (core/kelc.h) then
 // holds the code, file and line. Functions whose record argument is a reference have
@@ -7,14 +8,6 @@
 
 #include <stdint.h>
 #include <sys/types.h>
-#include <time.h>
-
-#ifdef __cplusplus
-#include <json/json.h>
-
-#include <string>
-#include <vector>
-#endif
 
 // Text field sizes, in bytes, terminator included. A setter given a longer text keeps
 // the first (size - 1) bytes and marks the field in `truncated`; saving a marked record
@@ -122,36 +115,12 @@ enum {
   ORVA_SCHED_ERR_NOT_RUNNING = 0x2108,   // stop: no run of the task is in progress
 };
 
-// List filter: nonzero keeps the task. Called once per stored task.
-typedef int (*ORVA_SCHED_TASK_FILTER)(const ORVA_SCHED_TASK* pTask, void* pArg);
-
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 ORVA_SCHED_TASK* ORVASchedTaskAllocFast(void);
 void ORVASchedTaskFree(ORVA_SCHED_TASK* pTask);
-
-int ORVASchedTaskLoad(long id, ORVA_SCHED_TASK* pTask);
-int ORVASchedTaskLoadByUser(const char* user, long id, ORVA_SCHED_TASK* pTask);
-int ORVASchedTaskSave(ORVA_SCHED_TASK* pTask);
-int ORVASchedTaskSaveByUser(const char* user, ORVA_SCHED_TASK* pTask);
-int ORVASchedTaskRemove(long id);
-int ORVASchedTaskRemoveByUser(const char* user, long id);
-// Starts the task now, detached, through orva-schedrun; returns at once. The two
-// trailing arguments are reserved and must be 0.
-int ORVASchedTaskRun(long id, int reserved1, int reserved2);
-int ORVASchedTaskRunByUser(const char* user, long id, int reserved1, int reserved2);
-
-// Loads every stored task that `filter` keeps (NULL keeps all) into a new chain at
-// *ppList. Returns the number of tasks; negative on failure (*ppList is then NULL).
-int ORVASchedTaskListGet(ORVA_SCHED_TASK** ppList, ORVA_SCHED_TASK_FILTER filter, void* pArg);
-// Sorts the chain in place by "state", "id", "name", "owner", "app name", "action" or
-// "next trigger time"; ties by id ascending. `ascending` 1 or 0.
-int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, int ascending);
-ORVA_SCHED_TASK* ORVASchedTaskNext(const ORVA_SCHED_TASK* pTask);
-// Frees every record of the chain that starts at pList.
-void ORVASchedTaskListFree(ORVA_SCHED_TASK* pList);
 
 void ORVASchedCTaskSetID(ORVA_SCHED_TASK* pTask, long id);
 void ORVASchedCTaskSetName(ORVA_SCHED_TASK* pTask, const char* name);
@@ -192,21 +161,8 @@ const char* ORVASchedTaskGetAction(const _tag_orva_sched_task_& task);
 const char* ORVASchedTaskGetCommand(const _tag_orva_sched_task_& task);
 unsigned int ORVASchedTaskGetOwner(const _tag_orva_sched_task_& task);
 unsigned int ORVASchedTaskGetRealOwner(const _tag_orva_sched_task_& task);
-// "YYYY-MM-DD HH:MM" in local time, or "N/A" (disabled, or nothing left to run).
-std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task);
 
-// {"id", "running", "pid", "last_run": {...} or null}; negative for an unknown task.
-// last_run is the run in progress when there is one (pid: its command's; output: what
-// it wrote so far), else the newest run (a skipped run never hides one in progress).
-// last_run: {"trigger", "start", "end" ("YYYY-MM-DD HH:MM:SS" local, end null while
-// unknown), "exit_code" (or null), "signal" (or null), "output" (the last 64 KiB of
-// stdout and stderr, invalid UTF-8 replaced), "result" ("running"/"success"/"failed"/
-// "skipped"/"stopped")}.
-int ORVASchedTaskGetRunStatus(int id, Json::Value& status);
-
-// ---- Platform side: the daemon, the runner, tools and tests use these. ----
-
-// Getters for the fields the module reaches only through setters.
+// Platform side: getters for the fields the module reaches only through setters.
 const char* ORVASchedTaskGetEditForm(const _tag_orva_sched_task_& task);
 const char* ORVASchedTaskGetEvent(const _tag_orva_sched_task_& task);
 int64_t ORVASchedTaskGetMarker(const _tag_orva_sched_task_& task);
@@ -222,95 +178,4 @@ uint32_t ORVASchedTaskGetTruncated(const _tag_orva_sched_task_& task);
 // Makes the record a user's task (marker -2, real owner uid) or, with byUser false,
 // a system task (marker 0, real owner 0). Plain saves keep what the record says.
 void ORVASchedCTaskSetRealOwner(ORVA_SCHED_TASK* pTask, bool byUser, unsigned int uid);
-
-// Checks a schedule: ranges, a valid date (month 0 = no schedule, allowed), a weekly
-// schedule with at least one day, repeat_min and repeat_hour not both set. False with
-// the error facility set (ORVA_SCHED_ERR_INVALID).
-bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& schedule);
-// The first trigger strictly after `after`, from the schedule alone, in the time zone
-// of TZ: a wall time inside a spring-forward gap fires at the end of the gap, a wall
-// time that occurs twice fires at its first occurrence only, a monthly day the month
-// lacks is skipped. -1 when nothing is left.
-time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& schedule, time_t after);
-// The same for a task; -1 also when the task is disabled. The daemon's clock.
-time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after);
-// The first `count` triggers strictly after `after`, each found by
-// ORVASchedScheduleNextTrigger from the one before (the same rules as next_trigger_time);
-// fewer when nothing is left. Returns how many, or -1 for an invalid schedule. Saves nothing.
-int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& schedule, time_t after, int count,
-                                  std::vector<time_t>& out);
-// ORVASchedTaskGetNextTriggerTime with a given "now" instead of the wall clock.
-std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now);
-// "YYYY-MM-DD HH:MM" local, or "N/A" for -1.
-std::string ORVASchedFormatTriggerTime(time_t t);
-
-// The store database: $ROOT/var/lib/orva/scheduler.db (WAL: also -wal and -shm beside
-// it). A daemon may watch its folder with inotify and then read the generation.
-std::string ORVASchedStoreDbPath();
-// A counter raised by every write of a task or an event task (not by run records):
-// reading it is one indexed row. Negative on failure.
-int64_t ORVASchedStoreGeneration();
-// Every store call first checks that the file at the store's path is still the one this
-// process has open (device and inode) and reopens it, logged, when it was replaced or
-// removed. A long-lived process calls this at each wake to learn of it: 1 when the
-// connection was dropped to be reopened (read everything again), else 0.
-int ORVASchedStoreReopenIfReplaced();
-
-// The runner program: ORVASchedSetRunnerPath, else $ORVA_SCHEDRUN, else
-// ORVAPathMap("/usr/orva/bin/orva-schedrun"). An empty path restores the default.
-void ORVASchedSetRunnerPath(const std::string& path);
-std::string ORVASchedRunnerPath();
-
-// Run history of a task, newest first, each entry shaped like "last_run" plus
-// "running" (bool) and "pid". At most 50 runs are kept per task. Negative for an
-// unknown task.
-int ORVASchedTaskGetRunHistory(long id, Json::Value& runs);
-
-// Run summaries: {"run_id", "trigger", "start", "end" (null while open), "exit_code",
-// "signal", "result" (as in last_run), "output_bytes" (bytes kept, before invalid UTF-8
-// is replaced), "truncated" (the output lost its beginning to the 64 KiB limit)}.
-// {"running", "pid" (of the newest run in progress, or null), "runs": [summaries, newest
-// first]}. Negative for an unknown task.
-int ORVASchedTaskGetRuns(long id, Json::Value& out);
-// One run of the task: its summary plus "output". ORVA_SCHED_ERR_NOT_FOUND for an unknown
-// task or a run id that is not one of its runs.
-int ORVASchedTaskGetRun(long id, int64_t runId, Json::Value& run);
-// For the stored tasks among `ids` (others are left out), by id ascending, in one query:
-// [{"id", "running", "last_run": summary or null}], last_run chosen as status chooses it.
-int ORVASchedTaskGetRunSummaries(const std::vector<long>& ids, Json::Value& tasks);
-// Asks the runner of every run of the task in progress to stop it, and returns at once:
-// the runner sends SIGTERM to the command's process group, SIGKILL after a grace
-// period, and records the run as "stopped". Only a process verified to be the runner
-// recorded in the open run (pid and start time) is signalled. *runId (may be NULL): the
-// newest run asked. Fails with ORVA_SCHED_ERR_NOT_FOUND (unknown task),
-// ORVA_SCHED_ERR_NOT_RUNNING (nothing in progress), KELC_ERR_PERMISSION (the runner
-// belongs to another account) or ORVA_SCHED_ERR_RUN.
-int ORVASchedTaskStop(long id, int64_t* runId);
-
-// ---- Event tasks: their own table in the same database. ORVASchedTaskListGet never
-// returns them; their ids are their own. ----
-#define ORVA_SCHED_EVENT_BOOTUP "bootup"
-#define ORVA_SCHED_EVENT_SHUTDOWN "shutdown"
-
-struct ORVASchedEventTask {
-  long id = -1;                 // -1 until saved
-  std::string task_name;        // 1 .. ORVA_SCHED_NAME_MAX - 1 bytes
-  unsigned int owner = 0;       // uid the script runs as; must exist
-  bool enable = true;
-  std::string event;            // "bootup" or "shutdown"
-  std::string script;           // /bin/sh -c text, 0 .. ORVA_SCHED_COMMAND_MAX - 1 bytes
-};
-
-// Every event task (event NULL) or those of one event, by id. Returns the count.
-int ORVASchedEventTaskList(std::vector<ORVASchedEventTask>& tasks, const char* event);
-int ORVASchedEventTaskLoad(long id, ORVASchedEventTask& task);
-// Checks every field; an id <= 0 creates (the new id is written back), any other id
-// is stored under that id (insert or replace).
-int ORVASchedEventTaskSave(ORVASchedEventTask& task);
-int ORVASchedEventTaskRemove(long id);
-// Starts `orva-schedrun --event-task ID --trigger event` detached; returns at once.
-int ORVASchedEventTaskRun(long id);
-// Same shape as ORVASchedTaskGetRunStatus / ORVASchedTaskGetRunHistory.
-int ORVASchedEventTaskGetRunStatus(long id, Json::Value& status);
-int ORVASchedEventTaskGetRunHistory(long id, Json::Value& runs);
 #endif
