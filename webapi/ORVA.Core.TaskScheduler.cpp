@@ -489,86 +489,81 @@ bool ReadTaskIds(const Json::Value& param, Json::Value& ids) {
 
 }  // namespace
 
-bool TaskSchedulerHandler::DeleteData_v1(Json::Value&) {
+bool TaskSchedulerHandler::EachTaskId_v1(const std::function<bool(long)>& act) {
   Json::Value ids;
   if (!ReadTaskIds(request_->GetParam("task", Json::Value()), ids)) {
     SetError(4800, "task must be an array of id or a single id");
     return false;
   }
+  // Checked one by one: the tasks before a malformed id are already done.
   for (const Json::Value& element : ids) {
     if (!IsInteger(element)) {
       SetError(4800, "id must be an integer");
       return false;
     }
-    long id = static_cast<long>(element.asInt64());
+    if (!act(static_cast<long>(element.asInt64()))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool TaskSchedulerHandler::EachTask_v2(const std::function<bool(long, const boost::optional<std::string>&)>& act) {
+  ORVA::APIParameter<Json::Value> tasks = request_->GetAndCheckArray("tasks", ORVA::PARAM_REQUIRED, nullptr);
+  if (!tasks.IsSet() || tasks.IsInvalid()) {
+    SetError(4800, "tasks must be an array of {id, real_owner}");
+    return false;
+  }
+  for (const Json::Value& element : tasks.Get()) {
+    if (!element.isObject() || !element.isMember("id") || !IsInteger(element["id"])) {
+      SetError(4800, "id must be an integer");
+      return false;
+    }
+    if (!act(static_cast<long>(element["id"].asInt64()), GetRealOwner(element))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool TaskSchedulerHandler::DeleteData_v1(Json::Value&) {
+  return EachTaskId_v1([this](long id) {
     if (ORVASchedTaskRemove(id) < 0) {
       syslog(LOG_ERR, "%s:%d Failed to delete task %ld. [0x%04X %s:%d]", kSrc, 429, id, KELCErrGet(), ErrFile(),
              KELCErrorGetLine());
       SetError(4802, "Failed to delete task");
       return false;
     }
-  }
-  return true;
+    return true;
+  });
 }
 
 bool TaskSchedulerHandler::DeleteData_v2(Json::Value&) {
-  ORVA::APIParameter<Json::Value> tasks = request_->GetAndCheckArray("tasks", ORVA::PARAM_REQUIRED, nullptr);
-  if (!tasks.IsSet() || tasks.IsInvalid()) {
-    SetError(4800, "tasks must be an array of {id, real_owner}");
-    return false;
-  }
-  for (const Json::Value& element : tasks.Get()) {
-    if (!element.isObject() || !element.isMember("id") || !IsInteger(element["id"])) {
-      SetError(4800, "id must be an integer");
-      return false;
-    }
-    long id = static_cast<long>(element["id"].asInt64());
-    boost::optional<std::string> owner = GetRealOwner(element);
+  return EachTask_v2([this](long id, const boost::optional<std::string>& owner) {
     if (!ORVA::Core::TaskScheduler::RemoveTask(owner, id)) {
       syslog(LOG_ERR, "%s:%d Failed to delete task [%s][%ld]. [0x%04X %s:%d]", kSrc, 461, OwnerText(owner), id,
              KELCErrGet(), ErrFile(), KELCErrorGetLine());
       SetError(4802, "Failed to delete task");
       return false;
     }
-  }
-  return true;
+    return true;
+  });
 }
 
 bool TaskSchedulerHandler::RunData_v1(Json::Value&) {
-  Json::Value ids;
-  if (!ReadTaskIds(request_->GetParam("task", Json::Value()), ids)) {
-    SetError(4800, "task must be an array of id or a single id");
-    return false;
-  }
-  for (const Json::Value& element : ids) {
-    if (!IsInteger(element)) {
-      SetError(4800, "id must be an integer");
-      return false;
-    }
-    long id = static_cast<long>(element.asInt64());
+  return EachTaskId_v1([this](long id) {
     if (ORVASchedTaskRun(id, 0, 0) < 0) {
       syslog(LOG_ERR, "%s:%d Failed to run task [%ld]. [0x%04X %s:%d]", kSrc, 498, id, KELCErrGet(), ErrFile(),
              KELCErrorGetLine());
       SetError(4803, "Failed to run task");
       return false;
     }
-  }
-  return true;
+    return true;
+  });
 }
 
 bool TaskSchedulerHandler::RunData_v2(Json::Value&) {
-  ORVA::APIParameter<Json::Value> tasks = request_->GetAndCheckArray("tasks", ORVA::PARAM_REQUIRED, nullptr);
-  if (!tasks.IsSet() || tasks.IsInvalid()) {
-    SetError(4800, "tasks must be an array of {id, real_owner}");
-    return false;
-  }
-  for (const Json::Value& element : tasks.Get()) {
-    if (!element.isObject() || !element.isMember("id") || !IsInteger(element["id"])) {
-      SetError(4800, "id must be an integer");
-      return false;
-    }
-    long id = static_cast<long>(element["id"].asInt64());
-    boost::optional<std::string> owner = GetRealOwner(element);
+  return EachTask_v2([this](long id, const boost::optional<std::string>& owner) {
     if (owner) {
       if (ORVASchedTaskRunByUser(owner->c_str(), id, 0, 0) < 0) {
         syslog(LOG_ERR, "%s:%d Failed to run task [%s][%ld]. [0x%04X %s:%d]", kSrc, 529, owner->c_str(), id,
@@ -582,8 +577,8 @@ bool TaskSchedulerHandler::RunData_v2(Json::Value&) {
       SetError(4803, "Failed to run task");
       return false;
     }
-  }
-  return true;
+    return true;
+  });
 }
 
 bool TaskSchedulerHandler::ViewData_v1(Json::Value& result) {

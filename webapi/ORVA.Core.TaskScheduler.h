@@ -4,6 +4,9 @@
 
 #include <json/json.h>
 
+#include <boost/optional.hpp>
+
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -35,6 +38,11 @@ class TaskSchedulerHandler {
   bool RunData_v1(Json::Value& result);
   bool RunData_v2(Json::Value& result);
   bool ViewData_v1(Json::Value& result);
+
+  // Calls `act` for each id of "task" (version 1) or each {id, real_owner} of "tasks"
+  // (version 2) in order, stopping at the first malformed entry or failed act.
+  bool EachTaskId_v1(const std::function<bool(long)>& act);
+  bool EachTask_v2(const std::function<bool(long, const boost::optional<std::string>&)>& act);
 
   // Replaces the "#section:key#" tokens of item["action"] by their texts.
   void TranslateActionKey(Json::Value& item, const std::string& appKey);

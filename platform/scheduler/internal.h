@@ -10,6 +10,7 @@
 #include "core/kelc.h"
 #include "core/sqlite_db.h"
 #include "scheduler/record.h"
+#include "scheduler/store.h"
 
 // Sets the error facility with this source file's short name and line.
 #define SCHED_ERR(code) KELCErrSetEx((code), __FILE_NAME__, __LINE__)
