@@ -109,38 +109,23 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
 
   Json::Value status;
   ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
-  EXPECT_EQ(status["id"], static_cast<Json::Int64>(id));
-  EXPECT_EQ(status["running"], false);
-  EXPECT_TRUE(status["pid"].isNull());
+  EXPECT_FALSE(status["running"].asBool());
   const Json::Value& last = status["last_run"];
   EXPECT_EQ(last["trigger"], "manual");
   EXPECT_EQ(last["exit_code"], 7);
-  EXPECT_TRUE(last["signal"].isNull());
   EXPECT_EQ(last["result"], "failed");
   EXPECT_EQ(last["output"], "to stdout\nto stderr\n");
-  EXPECT_TRUE(last["start"].isString());
-  EXPECT_TRUE(last["end"].isString());
 }
 
 TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
   TestUser u("s");
   long once = Save("echo begun; sleep 3; echo done", u.uid(), false);
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);  // returns at once: the run goes on detached
-  EXPECT_TRUE(WaitRunning(once)["pid"].isInt());
+  WaitRunning(once);
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);
-  // The skipped run never hides the run in progress, whose output shows while it runs.
-  Json::Value status, runs;
-  EXPECT_TRUE(orva_test::WaitFor([&] {
-    EXPECT_EQ(ORVASchedTaskGetRunHistory(once, runs), 0);
-    EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(once), status), 0);
-    return runs.size() == 2 && status["last_run"]["output"] == "begun\n";
-  }, 25)) << status;
-  EXPECT_EQ(runs[0]["result"], "skipped");
-  EXPECT_TRUE(status["running"].asBool());
-  EXPECT_EQ(status["pid"], runs[1]["pid"]);
-  EXPECT_EQ(status["last_run"]["result"], "running");
-  EXPECT_TRUE(status["last_run"]["end"].isNull());
-  runs = WaitRuns(once, 2);
+  // (What the status shows while a skipped run sits above the running one: the TaskRuns
+  // end-to-end test.)
+  Json::Value runs = WaitRuns(once, 2);
   ASSERT_EQ(runs.size(), 2u);
   EXPECT_EQ(runs[0]["result"], "skipped");  // newest first
   EXPECT_EQ(runs[1]["result"], "success");
