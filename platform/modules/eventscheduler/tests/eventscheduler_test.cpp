@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 
 #include "orvatest.h"
@@ -31,11 +30,7 @@ class EventSchedulerTest : public ::testing::Test {
     ORVA::APIRequest req(kApi, 1, method, params, "admin", "en");
     return ORVA::APIRegistry::Instance().Call(*row, req);
   }
-  static Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    std::istringstream(text) >> v;
-    return v;
-  }
+  static Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
   Json::Value Valid() {
     return Parse(R"({"task_name": "warm up", "owner": "root", "enable": true, "event": "bootup",
                     "script": "echo 'boot' > /tmp/x\necho done"})");
