@@ -1,27 +1,22 @@
 // The grid with 130 tasks: filters, selection across pages, bulk actions that name what
 // they left out, the row switch and its focus, state in the address, toasts, event rows,
 // and the layout at 390, 1024 and 1366 px in English and German.
-import { test, before, after } from 'node:test';
+import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { startSystem, launch, openPage, signInWithToken, gridReady, row, noProblems, contrastOf, shot } from './harness.js';
+import { useSystem, openPage, signInWithToken, gridReady, row, noProblems, contrastOf, shot, addTask, SCHED as sched, TS } from './harness.js';
 
-const TS = 'ORVA.Core.TaskScheduler';
 let sys;
 let browser;
-before(async () => {
-  sys = await startSystem();
-  browser = await launch();
-  const sched = { repeat_date: 'daily', date: '2030-01-01', hour: 3, minute: 0, repeat_min: 0, repeat_hour: 0, last_work_hour: 23, week_day: '0,1,2,3,4,5,6' };
+useSystem(async (s, b) => {
+  [sys, browser] = [s, b];
   for (let i = 0; i < 126; i++) {
     const n = String(i).padStart(3, '0');
-    await sys.client.call(TS, 3, 'create', i % 2
-      ? { name: `Beep ${n}`, owner: 'root', enable: true, type: 'beep', extra: { beep_duration: 1 }, schedule: { ...sched, minute: i % 60 } }
-      : { name: `Script ${n}`, owner: 'root', enable: i % 4 === 0, type: 'script', extra: { script: 'true' }, schedule: { ...sched, minute: i % 60 } });
+    const schedule = { ...sched, minute: i % 60 };
+    await (i % 2 ? addTask(sys, `Beep ${n}`, 'beep', { beep_duration: 1 }, { schedule })
+      : addTask(sys, `Script ${n}`, 'script', { script: 'true' }, { schedule, enable: i % 4 === 0 }));
   }
-  await sys.client.call(TS, 3, 'create', {
-    name: 'FTP up', owner: 'root', enable: true, type: 'service', schedule: sched,
-    extra: { action: 'start', services: [{ type: 'service', id: 'FileXfer', name: 'FileXfer', enable: true }, { type: 'service', id: 'FileXferSsh', name: 'FileXferSsh', enable: true }] },
-  });
+  const service = (id) => ({ type: 'service', id, name: id, enable: true });
+  await addTask(sys, 'FTP up', 'service', { action: 'start', services: [service('FileXfer'), service('FileXferSsh')] });
   await sys.client.call('ORVA.Core.EventScheduler', 1, 'create', { task_name: 'At boot', owner: 'root', enable: true, event: 'bootup', script: 'true' });
   // A task of another app: the page may switch it but not edit it.
   const { execFileSync } = await import('node:child_process');
@@ -29,10 +24,6 @@ before(async () => {
     name: 'Storage report', app: 'ORVA.VEK.DataAnalysis', action: 'report', command: 'true', owner: 'root', can_edit_from_ui: false,
     schedule: sched,
   })]);
-});
-after(async () => {
-  await browser?.close();
-  sys?.stop();
 });
 
 test('filters, select all across pages, bulk actions, event rows and service names', async () => {
