@@ -14,24 +14,13 @@ const schedule = {
 };
 
 // Task objects as "get" answers them for a new task of each kind.
+const task = (type, extra, over) => ({ id: -1, name: '', owner: 'root', enable: true, type, can_edit_name: true, can_edit_owner: false, schedule, extra, ...over });
+const service = (type, id, name) => ({ type, id, name, enable: false });
 const fresh = {
-  script: { id: -1, name: '', owner: 'root', enable: true, type: 'script', can_edit_name: true, can_edit_owner: true, schedule, extra: { script: '' } },
-  beep: { id: -1, name: '', owner: 'root', enable: true, type: 'beep', can_edit_name: true, can_edit_owner: false, schedule, extra: { beep_duration: '60' } },
-  recycle: {
-    id: -1, name: '', owner: 'root', enable: true, type: 'recycle', can_edit_name: true, can_edit_owner: false, schedule,
-    extra: { clean_share_policy: { clean_all: true, shares: null }, clean_file_policy: { policy: 'clean_all', reserve_policy: { size_greater_check: false, size_smaller_check: false, extension_check: false } } },
-  },
-  service: {
-    id: -1, name: '', owner: 'root', enable: true, type: 'service', can_edit_name: true, can_edit_owner: false, schedule,
-    extra: {
-      action: 'stop',
-      services: [
-        { type: 'service', id: 'WinShare', name: 'WinShare', enable: false },
-        { type: 'service', id: 'ClockServer', name: 'ClockServer', enable: false },
-        { type: 'package', id: 'mediad', name: 'Media Server', enable: false },
-      ],
-    },
-  },
+  script: task('script', { script: '' }, { can_edit_owner: true }),
+  beep: task('beep', { beep_duration: '60' }),
+  recycle: task('recycle', { clean_share_policy: { clean_all: true, shares: null }, clean_file_policy: { policy: 'clean_all', reserve_policy: { size_greater_check: false, size_smaller_check: false, extension_check: false } } }),
+  service: task('service', { action: 'stop', services: [service('service', 'WinShare', 'WinShare'), service('service', 'ClockServer', 'ClockServer'), service('package', 'mediad', 'Media Server')] }),
 };
 
 const save = (kind, task, edit, isNew = false) => {

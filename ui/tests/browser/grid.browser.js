@@ -26,6 +26,12 @@ useSystem(async (s, b) => {
   })]);
 });
 
+// Types into the search field and waits for the grid's total.
+async function search(page, text, total) {
+  await page.locator('#filter-q').fill(text);
+  await page.waitForFunction((t) => document.querySelector('#pager-total').textContent === t, total);
+}
+
 test('filters, select all across pages, bulk actions, event rows and service names', async () => {
   const page = await openPage(browser, { width: 1366 });
   await signInWithToken(page, sys);
@@ -48,28 +54,22 @@ test('filters, select all across pages, bulk actions, event rows and service nam
 
   // Event rows show their event; other apps' tasks say why they cannot be edited.
   await page.locator('#filter-clear').click();
-  await page.locator('#filter-q').fill('boot');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'boot', '1 task');
   assert.match(await row(page, 'At boot').locator('.col-next').innerText(), /Runs at boot-up/);
   assert.match(await row(page, 'At boot').getByRole('button', { name: 'Edit task At boot' }).getAttribute('title'), /event scheduler/);
   await page.locator('#filter-q').fill('');
   await page.locator('#filter-owner').fill('root');
-  await page.locator('#filter-q').fill('report');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'report', '1 task');
   assert.match(await row(page, 'Storage report').getByRole('button', { name: 'Edit task Storage report' }).getAttribute('title'), /own app/);
 
   // Bulk run of a selection that has an event task: it is named as left out.
   await page.locator('#filter-clear').click();
-  await page.locator('#filter-q').fill('FTP');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'FTP', '1 task');
   assert.match(await row(page, 'FTP up').locator('.col-action').innerText(), /"FTP" "SFTP"/);
-  await page.locator('#filter-q').fill('');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '129 tasks');
-  await page.locator('#filter-q').fill('at boot');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, '', '129 tasks');
+  await search(page, 'at boot', '1 task');
   await page.locator('#select-all').check();
-  await page.locator('#filter-q').fill('FTP');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'FTP', '1 task');
   await row(page, 'FTP up').getByRole('checkbox', { name: 'Select task FTP up' }).check();
   await page.locator('[data-bulk="run"]').click();
   await page.locator('.toast.error', { hasText: 'Left out' }).waitFor();
