@@ -2,7 +2,7 @@
 // in the editor; what the editor says about bad values; a session that ends mid-edit.
 import { test, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { useSystem, openPage, signInWithToken, row, editorReady, openEditor, saveEditor, noProblems, shot, PASSWORD, APPLIANCE_TZ, TS } from './harness.js';
+import { useSystem, openPage, signInWithToken, signInWithPassword, row, editorReady, openEditor, saveEditor, noProblems, shot, APPLIANCE_TZ, TS } from './harness.js';
 
 let sys;
 let browser;
@@ -157,9 +157,7 @@ test('the session ends while editing: the edit is kept and saved after signing i
   await page.locator('#login-view').waitFor();
   assert.match(await page.locator('#login-error').innerText(), /save the task you were editing/);
   assert.equal(await page.locator('#login-account').inputValue(), 'root', 'the account is filled in');
-  await page.locator('#login-account').fill(sys.admin);
-  await page.locator('#login-password').fill(PASSWORD);
-  await page.locator('#login-submit').click();
+  await signInWithPassword(page, sys, sys.admin, { here: true });
   await page.locator('#edit-dialog[open]').waitFor();
   assert.equal(await field('Task name').inputValue(), 'Kept across sign-in');
   await saveEditor(page);

@@ -166,10 +166,11 @@ export async function signInWithToken(page, sys, query = '') {
   await gridReady(page);
 }
 
-export async function signInWithPassword(page, sys, account) {
-  await page.goto(`${sys.base}/`);
+// `here`: on the sign-in view as it is (a second try, or a session that ended).
+export async function signInWithPassword(page, sys, account, { password = PASSWORD, here = false } = {}) {
+  if (!here) await page.goto(`${sys.base}/`);
   await page.locator('#login-account').fill(account);
-  await page.locator('#login-password').fill(PASSWORD);
+  await page.locator('#login-password').fill(password);
   await page.locator('#login-submit').click();
 }
 

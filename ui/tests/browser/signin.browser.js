@@ -37,9 +37,7 @@ test('a plain account is refused at sign-in, in the page language', async () => 
   assert.match(await page.locator('#login-error').innerText(), /kein Administrator/);
   assert.equal(await page.locator('#app-view').isHidden(), true);
 
-  await page.locator('#login-account').fill(sys.admin);
-  await page.locator('#login-password').fill(`${PASSWORD}x`);
-  await page.locator('#login-submit').click();
+  await signInWithPassword(page, sys, sys.admin, { password: `${PASSWORD}x`, here: true });
   await page.waitForFunction(() => /Passwort/.test(document.querySelector('#login-error').textContent));
   assert.doesNotMatch(await page.locator('#login-error').innerText(), /wrong|account or password/i);
   noProblems(page);
