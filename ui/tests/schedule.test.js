@@ -17,20 +17,19 @@ const base = {
 
 test('dates, times and week days are checked, not guessed', () => {
   const dates = [
-    ['2024-02-29', true], ['2023-02-29', false], ['2025-04-30', true], ['2025-04-31', false],
-    ['2025-12-31', true], ['2025-13-01', false], ['2025-00-10', false], ['2025-01-00', false],
-    ['2025-1-01', false], ['2025-01-01 ', false], ['', false], [null, false], ['2100-02-29', false], ['2000-02-29', true],
+    ['2024-02-29', true], ['2023-02-29', false], ['2025-04-31', false], ['2025-13-01', false], ['2025-01-00', false],
+    ['2025-1-01', false], ['2025-01-01 ', false], [null, false], ['2100-02-29', false], ['2000-02-29', true],
   ];
   for (const [d, ok] of dates) assert.equal(isValidDate(d), ok, String(d));
 
   const times = [
-    ['00:00', { hour: 0, minute: 0 }], ['23:59', { hour: 23, minute: 59 }], ['7:05', { hour: 7, minute: 5 }],
-    ['24:00', null], ['12:60', null], ['12', null], ['', null], ['ab:cd', null], [undefined, null],
+    ['23:59', { hour: 23, minute: 59 }], ['7:05', { hour: 7, minute: 5 }], ['24:00', null], ['12:60', null],
+    [undefined, null],
   ];
   for (const [s, want] of times) assert.deepEqual(parseTime(s), want, String(s));
 
   const days = [
-    ['1,3,5', [1, 3, 5]], [' 5, 1,1 ', [1, 5]], ['0,6', [0, 6]], ['7,-1,a,', []], ['', []], [null, []], ['1,,2', [1, 2]],
+    [' 5, 1,1 ', [1, 5]], ['7,-1,a,', []], [null, []], ['1,,2', [1, 2]],
   ];
   for (const [s, want] of days) assert.deepEqual(parseWeekDays(s), want, String(s));
   assert.equal(formatWeekDays([5, 0, 3, 3, 9]), '0,3,5');
@@ -41,11 +40,8 @@ test('scheduleToForm reads every kind of schedule', () => {
     { name: 'server default', s: base, want: { repeat: 'daily', date: '2025-03-01', time: '00:00', repeatMode: 'none', repeatEvery: 0, lastHour: 23, weekDays: [] } },
     { name: 'weekly at 08:30', s: { ...base, repeat_date: 'weekly', week_day: '1,3,5', hour: 8, minute: 30 }, want: { repeat: 'weekly', weekDays: [1, 3, 5], time: '08:30' } },
     { name: 'every 15 minutes until 18', s: { ...base, repeat_min: 15, last_work_hour: 18, hour: 6 }, want: { repeatMode: 'min', repeatEvery: 15, lastHour: 18, time: '06:00' } },
-    { name: 'every 2 hours', s: { ...base, repeat_hour: 2, last_work_hour: 22 }, want: { repeatMode: 'hour', repeatEvery: 2, lastHour: 22 } },
     { name: 'both set: minutes win', s: { ...base, repeat_hour: 2, repeat_min: 5, last_work_hour: 20 }, want: { repeatMode: 'min', repeatEvery: 5 } },
-    { name: 'missing date', s: { ...base, date: undefined }, want: { date: TODAY } },
     { name: 'bad date', s: { ...base, date: '2025-02-30' }, want: { date: TODAY } },
-    { name: 'unknown repeat', s: { ...base, repeat_date: 'yearly' }, want: { repeat: 'daily' } },
     { name: 'out of range time', s: { ...base, hour: 25, minute: -1 }, want: { time: '00:00' } },
     { name: 'null', s: null, want: { repeat: 'daily', date: TODAY, time: '00:00', repeatMode: 'none' } },
   ];
@@ -72,11 +68,8 @@ test('repeat steps come from the server, keep the current value, and fall back',
 
 test('form to schedule and back keeps what the user set and what the editor does not touch', () => {
   const schedules = [
-    { ...base, repeat_date: 'once', date: '2025-12-24', hour: 18, minute: 45 },
     { ...base, repeat_date: 'daily', hour: 3, minute: 7, repeat_min: 20, last_work_hour: 9 },
-    { ...base, repeat_date: 'weekly', week_day: '0,6', hour: 23, minute: 59, repeat_hour: 12, last_work_hour: 23 },
-    { ...base, repeat_date: 'monthly', date: '2025-01-31', hour: 12, minute: 0 },
-    { ...base, extra_key: 'kept' },
+    { ...base, repeat_date: 'weekly', week_day: '0,6', hour: 23, minute: 59, repeat_hour: 12, last_work_hour: 23, extra_key: 'kept' },
   ];
   for (const s of schedules) {
     const { schedule, errors } = formToSchedule(scheduleToForm(s, TODAY), s);
@@ -95,7 +88,6 @@ test('formToSchedule writes the edits and refuses bad ones', () => {
   const form = (over) => ({ ...scheduleToForm(base, TODAY), ...over });
   const cases = [
     { name: 'switch to weekly', f: { repeat: 'weekly', weekDays: [5, 1] }, want: { repeat_date: 'weekly', week_day: '1,5' } },
-    { name: 'time', f: { time: '21:05' }, want: { hour: 21, minute: 5 } },
     { name: 'repeat by minutes clears hours', f: { repeatMode: 'min', repeatEvery: 10, lastHour: 20 }, orig: { ...base, repeat_hour: 3 }, want: { repeat_min: 10, repeat_hour: 0, last_work_hour: 20 } },
     { name: 'repeat by hours clears minutes', f: { repeatMode: 'hour', repeatEvery: 4, lastHour: 23 }, orig: { ...base, repeat_min: 5 }, want: { repeat_min: 0, repeat_hour: 4, last_work_hour: 23 } },
     { name: 'no repeat clears both', f: { repeatMode: 'none' }, orig: { ...base, repeat_min: 5, repeat_hour: 2, last_work_hour: 4 }, want: { repeat_min: 0, repeat_hour: 0, last_work_hour: 23 } },
@@ -104,7 +96,6 @@ test('formToSchedule writes the edits and refuses bad ones', () => {
     { name: 'last hour before first run', f: { time: '10:00', repeatMode: 'hour', repeatEvery: 1, lastHour: 9 }, errors: ['lastHour'] },
     { name: 'bad date and time', f: { date: '2025-02-29', time: '25:00' }, errors: ['date', 'time'] },
     { name: 'unknown repeat', f: { repeat: 'hourly' }, errors: ['repeat'] },
-    { name: 'days ignored unless weekly', f: { repeat: 'daily', weekDays: [] }, want: { week_day: '' } },
   ];
   for (const c of cases) {
     const { schedule, errors } = formToSchedule(form(c.f), c.orig ?? base);
@@ -123,13 +114,12 @@ test('past once schedules and short months are noticed', () => {
   const cases = [
     [{ repeat: 'once', date: '2025-03-10', time: '12:29' }, true],
     [{ repeat: 'once', date: '2025-03-10', time: '12:30' }, false],
-    [{ repeat: 'once', date: '2025-03-11', time: '00:00' }, false],
     [{ repeat: 'once', date: '2024-12-31', time: '23:59' }, true],
     [{ repeat: 'daily', date: '2020-01-01', time: '00:00' }, false],
     [{ repeat: 'once', date: 'bad', time: '00:00' }, false],
   ];
   for (const [f, want] of cases) assert.equal(isOncePast(f, now), want, JSON.stringify(f));
-  for (const [repeat, date, want] of [['monthly', '2025-01-31', 31], ['monthly', '2025-01-29', 29], ['monthly', '2025-01-28', 0], ['daily', '2025-01-31', 0]]) {
+  for (const [repeat, date, want] of [['monthly', '2025-01-31', 31], ['monthly', '2025-01-28', 0], ['daily', '2025-01-31', 0]]) {
     assert.equal(monthlyShortMonthDay({ repeat, date }), want, `${repeat} ${date}`);
   }
 });

@@ -1,33 +1,25 @@
 // Creating, editing and copying every kind with every schedule kind, as a person does it
 // in the editor; what the editor says about bad values; a session that ends mid-edit.
-import { test, before, after } from 'node:test';
+import { test, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { startSystem, launch, openPage, signInWithToken, gridReady, row, editorReady, saveEditor, noProblems, shot, PASSWORD, APPLIANCE_TZ } from './harness.js';
+import { useSystem, openPage, signInWithToken, signInWithPassword, row, editorReady, openEditor, saveEditor, noProblems, shot, APPLIANCE_TZ, TS } from './harness.js';
 
 let sys;
 let browser;
 let page;
-before(async () => {
-  sys = await startSystem();
-  browser = await launch();
+useSystem(async (s, b) => {
+  [sys, browser] = [s, b];
   page = await openPage(browser);
   await signInWithToken(page, sys);
 });
-after(async () => {
+after(() => {
   if (page) noProblems(page);
-  await browser?.close();
-  sys?.stop();
 });
 
-const TS = 'ORVA.Core.TaskScheduler';
 const dialog = () => page.locator('#edit-dialog');
 const field = (label) => dialog().getByLabel(label, { exact: true });
 
-async function create(kind) {
-  await page.locator('#create-btn').click();
-  await page.locator(`#create-menu [data-kind="${kind}"]`).click();
-  await editorReady(page);
-}
+const create = (kind) => openEditor(page, kind);
 
 async function stored(name) {
   const { tasks } = await sys.client.call(TS, 2, 'list', {});
@@ -165,9 +157,7 @@ test('the session ends while editing: the edit is kept and saved after signing i
   await page.locator('#login-view').waitFor();
   assert.match(await page.locator('#login-error').innerText(), /save the task you were editing/);
   assert.equal(await page.locator('#login-account').inputValue(), 'root', 'the account is filled in');
-  await page.locator('#login-account').fill(sys.admin);
-  await page.locator('#login-password').fill(PASSWORD);
-  await page.locator('#login-submit').click();
+  await signInWithPassword(page, sys, sys.admin, { here: true });
   await page.locator('#edit-dialog[open]').waitFor();
   assert.equal(await field('Task name').inputValue(), 'Kept across sign-in');
   await saveEditor(page);
@@ -177,9 +167,7 @@ test('the session ends while editing: the edit is kept and saved after signing i
 test('German: 24-hour text fields, week days and texts of the page language', async () => {
   const de = await openPage(browser, { lang: 'de-DE' });
   await signInWithToken(de, sys);
-  await de.locator('#create-btn').click();
-  await de.locator('#create-menu [data-kind="script"]').click();
-  await editorReady(de);
+  await openEditor(de, 'script');
   const time = de.locator('#edit-dialog').getByLabel('Uhrzeit der ersten Ausführung', { exact: true });
   // The browser's own time field follows its locale (12:00 AM): the page uses text.
   assert.equal(await time.getAttribute('type'), 'text');

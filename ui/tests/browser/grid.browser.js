@@ -1,27 +1,22 @@
 // The grid with 130 tasks: filters, selection across pages, bulk actions that name what
 // they left out, the row switch and its focus, state in the address, toasts, event rows,
 // and the layout at 390, 1024 and 1366 px in English and German.
-import { test, before, after } from 'node:test';
+import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { startSystem, launch, openPage, signInWithToken, gridReady, row, noProblems, contrastOf, shot } from './harness.js';
+import { useSystem, openPage, signInWithToken, gridReady, row, noProblems, contrastOf, shot, addTask, SCHED as sched, TS } from './harness.js';
 
-const TS = 'ORVA.Core.TaskScheduler';
 let sys;
 let browser;
-before(async () => {
-  sys = await startSystem();
-  browser = await launch();
-  const sched = { repeat_date: 'daily', date: '2030-01-01', hour: 3, minute: 0, repeat_min: 0, repeat_hour: 0, last_work_hour: 23, week_day: '0,1,2,3,4,5,6' };
+useSystem(async (s, b) => {
+  [sys, browser] = [s, b];
   for (let i = 0; i < 126; i++) {
     const n = String(i).padStart(3, '0');
-    await sys.client.call(TS, 3, 'create', i % 2
-      ? { name: `Beep ${n}`, owner: 'root', enable: true, type: 'beep', extra: { beep_duration: 1 }, schedule: { ...sched, minute: i % 60 } }
-      : { name: `Script ${n}`, owner: 'root', enable: i % 4 === 0, type: 'script', extra: { script: 'true' }, schedule: { ...sched, minute: i % 60 } });
+    const schedule = { ...sched, minute: i % 60 };
+    await (i % 2 ? addTask(sys, `Beep ${n}`, 'beep', { beep_duration: 1 }, { schedule })
+      : addTask(sys, `Script ${n}`, 'script', { script: 'true' }, { schedule, enable: i % 4 === 0 }));
   }
-  await sys.client.call(TS, 3, 'create', {
-    name: 'FTP up', owner: 'root', enable: true, type: 'service', schedule: sched,
-    extra: { action: 'start', services: [{ type: 'service', id: 'FileXfer', name: 'FileXfer', enable: true }, { type: 'service', id: 'FileXferSsh', name: 'FileXferSsh', enable: true }] },
-  });
+  const service = (id) => ({ type: 'service', id, name: id, enable: true });
+  await addTask(sys, 'FTP up', 'service', { action: 'start', services: [service('FileXfer'), service('FileXferSsh')] });
   await sys.client.call('ORVA.Core.EventScheduler', 1, 'create', { task_name: 'At boot', owner: 'root', enable: true, event: 'bootup', script: 'true' });
   // A task of another app: the page may switch it but not edit it.
   const { execFileSync } = await import('node:child_process');
@@ -30,10 +25,12 @@ before(async () => {
     schedule: sched,
   })]);
 });
-after(async () => {
-  await browser?.close();
-  sys?.stop();
-});
+
+// Types into the search field and waits for the grid's total.
+async function search(page, text, total) {
+  await page.locator('#filter-q').fill(text);
+  await page.waitForFunction((t) => document.querySelector('#pager-total').textContent === t, total);
+}
 
 test('filters, select all across pages, bulk actions, event rows and service names', async () => {
   const page = await openPage(browser, { width: 1366 });
@@ -57,28 +54,22 @@ test('filters, select all across pages, bulk actions, event rows and service nam
 
   // Event rows show their event; other apps' tasks say why they cannot be edited.
   await page.locator('#filter-clear').click();
-  await page.locator('#filter-q').fill('boot');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'boot', '1 task');
   assert.match(await row(page, 'At boot').locator('.col-next').innerText(), /Runs at boot-up/);
   assert.match(await row(page, 'At boot').getByRole('button', { name: 'Edit task At boot' }).getAttribute('title'), /event scheduler/);
   await page.locator('#filter-q').fill('');
   await page.locator('#filter-owner').fill('root');
-  await page.locator('#filter-q').fill('report');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'report', '1 task');
   assert.match(await row(page, 'Storage report').getByRole('button', { name: 'Edit task Storage report' }).getAttribute('title'), /own app/);
 
   // Bulk run of a selection that has an event task: it is named as left out.
   await page.locator('#filter-clear').click();
-  await page.locator('#filter-q').fill('FTP');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'FTP', '1 task');
   assert.match(await row(page, 'FTP up').locator('.col-action').innerText(), /"FTP" "SFTP"/);
-  await page.locator('#filter-q').fill('');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '129 tasks');
-  await page.locator('#filter-q').fill('at boot');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, '', '129 tasks');
+  await search(page, 'at boot', '1 task');
   await page.locator('#select-all').check();
-  await page.locator('#filter-q').fill('FTP');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '1 task');
+  await search(page, 'FTP', '1 task');
   await row(page, 'FTP up').getByRole('checkbox', { name: 'Select task FTP up' }).check();
   await page.locator('[data-bulk="run"]').click();
   await page.locator('.toast.error', { hasText: 'Left out' }).waitFor();

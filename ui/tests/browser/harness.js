@@ -4,6 +4,7 @@
 // CTest (ui_browser) sets ORVA_BUILD_DIR and ORVA_SOURCE_DIR.
 
 import assert from 'node:assert/strict';
+import { before, after } from 'node:test';
 import { spawn, execFileSync } from 'node:child_process';
 import { mkdtempSync, readFileSync, writeFileSync, rmSync, existsSync, linkSync, unlinkSync, mkdirSync } from 'node:fs';
 import { tmpdir } from 'node:os';
@@ -17,6 +18,9 @@ const require = createRequire(import.meta.url);
 const build = process.env.ORVA_BUILD_DIR;
 const source = process.env.ORVA_SOURCE_DIR ?? join(dirname(fileURLToPath(import.meta.url)), '../../..');
 export const PASSWORD = 'Orva-test-pw-1';
+export const TS = 'ORVA.Core.TaskScheduler';
+// Daily at 03:00 from 2030: seeded tasks never start on their own during a scenario.
+export const SCHED = { repeat_date: 'daily', date: '2030-01-01', hour: 3, minute: 0, repeat_min: 0, repeat_hour: 0, last_work_hour: 23, week_day: '0,1,2,3,4,5,6' };
 
 function sh(cmd, args, input) {
   for (let i = 0; ; i++) {
@@ -90,6 +94,21 @@ export async function startSystem() {
   };
 }
 
+// One appliance and browser for a scenario file: started before its tests (then
+// `setup(sys, browser)`, which keeps them), stopped after.
+export function useSystem(setup) {
+  const s = {};
+  before(async () => {
+    s.sys = await startSystem();
+    s.browser = await launch();
+    await setup(s.sys, s.browser);
+  });
+  after(async () => {
+    await s.browser?.close();
+    s.sys?.stop();
+  });
+}
+
 // fetch with a cookie jar, as a browser keeps the session cookie.
 function cookieFetch() {
   const jar = new Map();
@@ -130,6 +149,11 @@ export async function openPage(browser, { lang = 'en-US', dark = false, width = 
   return page;
 }
 
+// A task of root made through the API; `over` replaces any member.
+export const addTask = (sys, name, type, extra, over = {}) => sys.client.call(TS, 3, 'create', {
+  name, owner: 'root', enable: true, type, extra, schedule: SCHED, ...over,
+});
+
 // The grid shows the server's list: loaded, not busy.
 export async function gridReady(page) {
   await page.locator('#app-view').waitFor({ state: 'visible' });
@@ -142,10 +166,11 @@ export async function signInWithToken(page, sys, query = '') {
   await gridReady(page);
 }
 
-export async function signInWithPassword(page, sys, account) {
-  await page.goto(`${sys.base}/`);
+// `here`: on the sign-in view as it is (a second try, or a session that ended).
+export async function signInWithPassword(page, sys, account, { password = PASSWORD, here = false } = {}) {
+  if (!here) await page.goto(`${sys.base}/`);
   await page.locator('#login-account').fill(account);
-  await page.locator('#login-password').fill(PASSWORD);
+  await page.locator('#login-password').fill(password);
   await page.locator('#login-submit').click();
 }
 
@@ -160,6 +185,14 @@ export async function openResult(page, name) {
 export async function editorReady(page) {
   await page.locator('#edit-dialog[open] #edit-body .section').first().waitFor();
 }
+
+export async function openEditor(page, kind) {
+  await page.locator('#create-btn').click();
+  await page.locator(`#create-menu [data-kind="${kind}"]`).click();
+  await editorReady(page);
+}
+
+export const closeDialog = (page, id) => page.locator(`#${id} .dialog-foot [data-close]`).click();
 
 export async function saveEditor(page) {
   await page.locator('#edit-save').click();

@@ -2,31 +2,22 @@
 // anyone start again, shows output while the task runs, stops it, keeps the history
 // with each run's output to open and download, and says when output was cut; the grid's
 // last-run column follows. And the axe-core pass over every view, light and dark.
-import { test, before, after } from 'node:test';
+import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync, writeFileSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
-import { startSystem, launch, openPage, signInWithToken, gridReady, row, openResult, editorReady, axeCheck, noProblems, shot } from './harness.js';
+import { useSystem, openPage, signInWithToken, gridReady, row, openResult, openEditor, closeDialog, axeCheck, noProblems, shot, addTask } from './harness.js';
 
-const TS = 'ORVA.Core.TaskScheduler';
 let sys;
 let browser;
 let gate;
-before(async () => {
-  sys = await startSystem();
-  browser = await launch();
+useSystem(async (s, b) => {
+  [sys, browser] = [s, b];
   gate = join(sys.root, 'gate');
-  const sched = { repeat_date: 'daily', date: '2030-01-01', hour: 3, minute: 0, repeat_min: 0, repeat_hour: 0, last_work_hour: 23, week_day: '0,1,2,3,4,5,6' };
   // Slow runs until the test opens its gate: the test decides when it ends.
-  await sys.client.call(TS, 3, 'create', { name: 'Slow', owner: 'root', enable: true, type: 'script', schedule: sched,
-    extra: { script: `echo first-line; while [ ! -e ${gate} ]; do sleep 0.1; done; echo last-line; exit 2` } });
+  await addTask(sys, 'Slow', 'script', { script: `echo first-line; while [ ! -e ${gate} ]; do sleep 0.1; done; echo last-line; exit 2` });
   // About 109 KB of output: only the last 64 KiB are kept.
-  await sys.client.call(TS, 3, 'create', { name: 'Chatty', owner: 'root', enable: true, type: 'script', schedule: sched,
-    extra: { script: 'seq 1 20000' } });
-});
-after(async () => {
-  await browser?.close();
-  sys?.stop();
+  await addTask(sys, 'Chatty', 'script', { script: 'seq 1 20000' });
 });
 
 const body = (page) => page.locator('#result-body');
@@ -86,7 +77,7 @@ test('run, watch, stop; history with output to open and download; the grid follo
   assert.equal(readFileSync(await download.path(), 'utf8'), 'first-line\nlast-line\n');
 
   // Closed: the grid's last-run column shows the stopped run.
-  await page.locator('#result-dialog .dialog-foot [data-close]').click();
+  await closeDialog(page, 'result-dialog');
   await row(page, 'Slow').locator('.col-last', { hasText: 'Stopped' }).waitFor();
   assert.equal(await row(page, 'Slow').locator('.col-last .when').innerText(), stoppedAt.slice(0, 16));
 
@@ -97,7 +88,7 @@ test('run, watch, stop; history with output to open and download; the grid follo
   await page.waitForFunction(() => !document.querySelector('#result-body .badge.running'));
   const out = await page.locator('#result-body pre.output').textContent();
   assert.ok(out.endsWith('\n19999\n20000\n') && out.length <= 65536 && !out.startsWith('1\n2\n'), `kept ${out.length} bytes`);
-  await page.locator('#result-dialog .dialog-foot [data-close]').click();
+  await closeDialog(page, 'result-dialog');
   await row(page, 'Chatty').locator('.col-last', { hasText: 'Succeeded' }).waitFor();
   await shot(page, 'grid-last-run');
   noProblems(page);
@@ -111,13 +102,11 @@ test('axe-core: grid, each editor with its preview, result view with history, co
     await signInWithToken(page, sys);
     await axeCheck(page, `grid (${scheme})`);
     for (const kind of ['script', 'beep', 'recycle', 'service']) {
-      await page.locator('#create-btn').click();
-      await page.locator(`#create-menu [data-kind="${kind}"]`).click();
-      await editorReady(page);
+      await openEditor(page, kind);
       await page.locator('#edit-dialog .preview-list li').first().waitFor();
       await axeCheck(page, `${kind} editor (${scheme})`);
       if (kind === 'script') await shot(page, `editor-${scheme}`);
-      await page.locator('#edit-dialog .dialog-foot [data-close]').click();
+      await closeDialog(page, 'edit-dialog');
       await page.locator('#edit-dialog').waitFor({ state: 'hidden' });
     }
     for (const name of ['Slow', 'Chatty']) {
@@ -125,7 +114,7 @@ test('axe-core: grid, each editor with its preview, result view with history, co
       await page.locator('#result-body table.runs').waitFor();
       await axeCheck(page, `result view of ${name} (${scheme})`);
       await shot(page, `result-${name}-${scheme}`);
-      await page.locator('#result-dialog .dialog-foot [data-close]').click();
+      await closeDialog(page, 'result-dialog');
     }
     await row(page, 'Slow').getByRole('button', { name: 'Delete task Slow' }).click();
     await page.locator('#confirm-dialog[open]').waitFor();

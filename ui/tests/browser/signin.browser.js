@@ -1,24 +1,14 @@
 // Signing in and out: token, an administrator's password, a plain account refused, a
 // second tab, the German page's own texts; the server's framing and script policy.
-import { test, before, after } from 'node:test';
+import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { startSystem, launch, openPage, signInWithToken, signInWithPassword, gridReady, row, noProblems, PASSWORD } from './harness.js';
+import { useSystem, openPage, signInWithToken, signInWithPassword, gridReady, row, noProblems, addTask, PASSWORD, TS } from './harness.js';
 
 let sys;
 let browser;
-before(async () => {
-  sys = await startSystem();
-  browser = await launch();
-  for (const name of ['Alpha', 'Beta']) {
-    await sys.client.call('ORVA.Core.TaskScheduler', 3, 'create', {
-      name, owner: 'root', enable: true, type: 'beep', extra: { beep_duration: 1 },
-      schedule: { repeat_date: 'daily', date: '2030-01-01', hour: 3, minute: 0, repeat_min: 0, repeat_hour: 0, last_work_hour: 23, week_day: '0,1,2,3,4,5,6' },
-    });
-  }
-});
-after(async () => {
-  await browser?.close();
-  sys?.stop();
+useSystem(async (s, b) => {
+  [sys, browser] = [s, b];
+  for (const name of ['Alpha', 'Beta']) await addTask(sys, name, 'beep', { beep_duration: 1 });
 });
 
 test('token and password sign-in of administrators; sign-out forgets the view', async () => {
@@ -47,9 +37,7 @@ test('a plain account is refused at sign-in, in the page language', async () => 
   assert.match(await page.locator('#login-error').innerText(), /kein Administrator/);
   assert.equal(await page.locator('#app-view').isHidden(), true);
 
-  await page.locator('#login-account').fill(sys.admin);
-  await page.locator('#login-password').fill(`${PASSWORD}x`);
-  await page.locator('#login-submit').click();
+  await signInWithPassword(page, sys, sys.admin, { password: `${PASSWORD}x`, here: true });
   await page.waitForFunction(() => /Passwort/.test(document.querySelector('#login-error').textContent));
   assert.doesNotMatch(await page.locator('#login-error').innerText(), /wrong|account or password/i);
   noProblems(page);
@@ -68,7 +56,7 @@ test('a sign-in in a second tab does not break the first', async () => {
   await gridReady(first);
   assert.equal(await row(first, 'Alpha').getByRole('switch').isChecked(), false);
   assert.equal(await first.locator('.toast.error').count(), 0);
-  const list = await sys.client.call('ORVA.Core.TaskScheduler', 2, 'list', {});
+  const list = await sys.client.call(TS, 2, 'list', {});
   assert.equal(list.tasks.find((x) => x.name === 'Alpha').enable, false);
 
   // Signed out in the second: the first goes back to the sign-in.

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 
 #include "orvatest.h"
@@ -31,11 +30,7 @@ class EventSchedulerTest : public ::testing::Test {
     ORVA::APIRequest req(kApi, 1, method, params, "admin", "en");
     return ORVA::APIRegistry::Instance().Call(*row, req);
   }
-  static Json::Value Parse(const std::string& text) {
-    Json::Value v;
-    std::istringstream(text) >> v;
-    return v;
-  }
+  static Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
   Json::Value Valid() {
     return Parse(R"({"task_name": "warm up", "owner": "root", "enable": true, "event": "bootup",
                     "script": "echo 'boot' > /tmp/x\necho done"})");
@@ -131,20 +126,18 @@ TEST_F(EventSchedulerTest, CreateChecksEveryValue) {
 
 TEST_F(EventSchedulerTest, SetAndDelete) {
   const long id = Create(Valid());
-  Json::Value p;
-  p["id"] = static_cast<int>(id);
-  p["enable"] = false;
-  p["event"] = "shutdown";
-  Json::Value r = Call("set", p);
+  const std::string sid = std::to_string(id);
+  Json::Value r = Call("set", Parse(R"({"id": )" + sid + R"(, "enable": false, "event": "shutdown"})"));
   ASSERT_TRUE(r["success"].asBool()) << r.toStyledString();
   EXPECT_EQ(r["data"]["id"].asInt64(), id);
-  Json::Value listed = Call("list")["data"][0];
-  EXPECT_EQ(listed["enable"], false);
-  EXPECT_EQ(listed["event"], "shutdown");
-  EXPECT_EQ(listed["task_name"], "warm up") << "members not given keep their value";
-
+  // Members not given keep their value.
+  Json::Value want = Valid();
+  want["id"] = static_cast<Json::Int64>(id), want["owner"] = Parse(R"({"0": "root"})");
+  want["enable"] = false, want["event"] = "shutdown";
   const Json::Value before = Call("list")["data"];
-  const std::string sid = std::to_string(id);
+  ASSERT_EQ(before.size(), 1u);
+  EXPECT_EQ(before[0], want);
+
   const std::vector<std::pair<std::string, int>> bad = {
       {R"({"enable": true})", 6100},  // no id
       {R"({"id": ")" + sid + R"("})", 6100},
@@ -161,15 +154,11 @@ TEST_F(EventSchedulerTest, SetAndDelete) {
   }
   EXPECT_EQ(Call("list")["data"], before) << "a refused set changes nothing";
 
-  p = Json::Value();
-  p["id"] = static_cast<int>(id);
-  r = Call("delete", p);
-  EXPECT_TRUE(r["success"].asBool()) << r.toStyledString();
+  const Json::Value p = Parse(R"({"id": )" + sid + "}");
+  EXPECT_TRUE(Call("delete", p)["success"].asBool());
   EXPECT_EQ(Call("list")["data"].size(), 0u);
-  r = Call("delete", p);
-  EXPECT_EQ(r["error"]["code"].asInt(), 6101);
-  r = Call("delete", Json::Value(Json::objectValue));
-  EXPECT_EQ(r["error"]["code"].asInt(), 6100);
+  EXPECT_EQ(Call("delete", p)["error"]["code"].asInt(), 6101);
+  EXPECT_EQ(Call("delete", Json::Value(Json::objectValue))["error"]["code"].asInt(), 6100);
 }
 
 }  // namespace
