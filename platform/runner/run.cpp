@@ -27,14 +27,7 @@ namespace {
 // 1 when the row exists, 0 when not (NOT_FOUND set), -1 on failure.
 int Exists(sqlite3* db, int kind, long id) {
   Stmt st(db, kind == ORVA_SCHED_RUN_TASK ? "SELECT 1 FROM tasks WHERE id = ?" : "SELECT 1 FROM event_tasks WHERE id = ?");
-  st.Bind(1, static_cast<int64_t>(id));
-  int rc = st.Step();
-  if (rc == SQLITE_ROW) return 1;
-  if (rc == SQLITE_DONE) {
-    SCHED_ERR(ORVA_SCHED_ERR_NOT_FOUND);
-    return 0;
-  }
-  return -1;
+  return orva_sched::StepById(st, id);
 }
 
 std::string FormatTime(int64_t t) {

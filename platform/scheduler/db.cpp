@@ -57,6 +57,14 @@ ORVA::SqlDb& Store() {
   return *db;
 }
 
+int StepById(Stmt& st, long id) {
+  if (!st.ok()) return -1;
+  st.Bind(1, static_cast<int64_t>(id));
+  const int rc = st.Step();
+  if (rc == SQLITE_DONE) SCHED_ERR(ORVA_SCHED_ERR_NOT_FOUND);
+  return rc == SQLITE_ROW ? 1 : rc == SQLITE_DONE ? 0 : -1;
+}
+
 bool BumpGeneration(sqlite3* db) {
   return Stmt(db, "UPDATE meta SET value = value + 1 WHERE key = 'generation'").Step() == SQLITE_DONE;
 }

@@ -27,6 +27,10 @@ class Conn : public ORVA::SqlConn {
 };
 using Stmt = ORVA::SqlStmt;
 
+// Binds `id` to a lookup by id and steps it: 1 with its row, 0 when there is none
+// (NOT_FOUND set), -1 on failure.
+int StepById(Stmt& st, long id);
+
 // Raises the store generation; call inside a write transaction.
 bool BumpGeneration(sqlite3* db);
 

@@ -262,16 +262,9 @@ bool WriteTask(sqlite3* db, ORVA_SCHED_TASK& t) {
 int orva_sched::ReadTask(sqlite3* db, long id, ORVA_SCHED_TASK* out) {
   std::string sql = std::string("SELECT ") + kColumns + " FROM tasks WHERE id = ?";
   Stmt st(db, sql.c_str());
-  if (!st.ok()) return -1;
-  st.Bind(1, static_cast<int64_t>(id));
-  int rc = st.Step();
-  if (rc == SQLITE_DONE) {
-    SCHED_ERR(ORVA_SCHED_ERR_NOT_FOUND);
-    return 0;
-  }
-  if (rc != SQLITE_ROW) return -1;
-  RowToTask(st, *out);
-  return 1;
+  const int found = StepById(st, id);
+  if (found == 1) RowToTask(st, *out);
+  return found;
 }
 
 namespace {
@@ -429,13 +422,7 @@ int RemoveTask(long id, bool byUser, unsigned uid) {
   if (!conn.Begin(true)) return -1;
   {
     Stmt st(conn.db(), "SELECT marker, real_owner_uid FROM tasks WHERE id = ?");
-    st.Bind(1, static_cast<int64_t>(id));
-    int rc = st.Step();
-    if (rc == SQLITE_DONE) {
-      SCHED_ERR(ORVA_SCHED_ERR_NOT_FOUND);
-      return -1;
-    }
-    if (rc != SQLITE_ROW) return -1;
+    if (orva_sched::StepById(st, id) != 1) return -1;
     if (byUser && !IsUsersOwn(st.Int(0), static_cast<unsigned>(st.Int(1)), uid)) {
       SCHED_ERR(ORVA_SCHED_ERR_NOT_OWNER);
       return -1;
@@ -585,13 +572,7 @@ int ORVASchedEventTaskLoad(long id, ORVASchedEventTask& task) {
   Conn conn;
   if (!conn.db()) return -1;
   Stmt st(conn.db(), "SELECT id, task_name, owner_uid, enable, event, script FROM event_tasks WHERE id = ?");
-  st.Bind(1, static_cast<int64_t>(id));
-  int rc = st.Step();
-  if (rc == SQLITE_DONE) {
-    SCHED_ERR(ORVA_SCHED_ERR_NOT_FOUND);
-    return -1;
-  }
-  if (rc != SQLITE_ROW) return -1;
+  if (orva_sched::StepById(st, id) != 1) return -1;
   RowToEventTask(st, task);
   return 0;
 }

@@ -147,6 +147,17 @@ void List(ORVA::APIRequest*, ORVA::APIResponse* resp) {
   resp->SetSuccess(data);
 }
 
+// Saves `t` and answers its id.
+void SaveAndReply(ORVA::APIResponse* resp, ORVASchedEventTask& t) {
+  if (ORVASchedEventTaskSave(t) < 0) {
+    FailStore(resp, "save event task");
+    return;
+  }
+  Json::Value data(Json::objectValue);
+  data["id"] = static_cast<Json::Int64>(t.id);
+  resp->SetSuccess(data);
+}
+
 void Create(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   ORVASchedEventTask t;
   if (req->GetParam("").isMember("id")) {
@@ -157,13 +168,7 @@ void Create(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
     return;
   }
   t.id = -1;
-  if (ORVASchedEventTaskSave(t) < 0) {
-    FailStore(resp, "save event task");
-    return;
-  }
-  Json::Value data(Json::objectValue);
-  data["id"] = static_cast<Json::Int64>(t.id);
-  resp->SetSuccess(data);
+  SaveAndReply(resp, t);
 }
 
 void Set(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
@@ -180,13 +185,7 @@ void Set(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
     return;
   }
   t.id = id;
-  if (ORVASchedEventTaskSave(t) < 0) {
-    FailStore(resp, "save event task");
-    return;
-  }
-  Json::Value data(Json::objectValue);
-  data["id"] = static_cast<Json::Int64>(t.id);
-  resp->SetSuccess(data);
+  SaveAndReply(resp, t);
 }
 
 void Delete(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
