@@ -28,9 +28,6 @@ class SessionStore {
   // Marks the session as used.
   bool Lookup(const std::string& id, WebSession* out);
   bool Remove(const std::string& id);
-  // Idle expiry in seconds: configuration key session_idle_timeout, default 1800.
-  int IdleTimeout();
-
   // Failed logins, shared by the workers, under keys such as "account:NAME" and
   // "address:ADDR". After `failures` failures in a row the next attempt waits
   // LoginDelay(failures) seconds from the last one; failures are forgotten 15 minutes
@@ -46,6 +43,8 @@ class SessionStore {
   ~SessionStore();
 
  private:
+  // Idle expiry in seconds: configuration key session_idle_timeout, default 1800.
+  int IdleTimeout();
   int idle_ = -1;
 };
 
