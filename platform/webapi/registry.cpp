@@ -235,7 +235,7 @@ Json::Value APIRegistry::Call(const APITableRow& row, APIRequest& request, APIRe
     syslog(LOG_ERR, "%s:%d %s v%d %s replied %d times; the first reply stands", __FILE_NAME__, __LINE__, row.api,
            row.version, row.method, response->GetReplyCount());
   }
-  return response->GetEnvelope();
+  return response->TakeEnvelope();
 }
 
 std::vector<const APITableRow*> APIRegistry::Rows() const {
