@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/lookup_epoch.h"
 #include "scheduler/task.h"
 
 namespace {
@@ -133,16 +134,27 @@ ORVA_SCHED_SCHEDULE Make(const Case& c) {
 }  // namespace
 
 TEST(SchedSchedule, NextTriggerTable) {
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(std::string(c.what) + " (" + c.tz + ")");
-    setenv("TZ", c.tz, 1);
-    tzset();
-    ORVA_SCHED_SCHEDULE s = Make(c);
-    ASSERT_TRUE(ORVASchedScheduleValidate(s));
-    time_t next = ORVASchedScheduleNextTrigger(s, Utc(c.nowUtc));
-    EXPECT_EQ(ORVASchedFormatTriggerTime(next), c.wantLocal);
-    if (c.wantUtc) {
-      EXPECT_EQ(next, Utc(c.wantUtc));
+  // Again within one lookup epoch, where answers are kept: each case is first asked in
+  // another zone, and then again, which must not answer from what was kept.
+  for (bool epoch : {false, true}) {
+    if (epoch) ORVALookupEpochNext();
+    for (const Case& c : kCases) {
+      SCOPED_TRACE(std::string(c.what) + " (" + c.tz + (epoch ? ", epoch)" : ")"));
+      ORVA_SCHED_SCHEDULE s = Make(c);
+      if (epoch) {
+        setenv("TZ", "UTC0", 1);
+        ORVASchedScheduleNextTrigger(s, Utc(c.nowUtc));
+      }
+      setenv("TZ", c.tz, 1);
+      tzset();
+      ASSERT_TRUE(ORVASchedScheduleValidate(s));
+      for (int again = 0; again <= epoch; ++again) {
+        time_t next = ORVASchedScheduleNextTrigger(s, Utc(c.nowUtc));
+        EXPECT_EQ(ORVASchedFormatTriggerTime(next), c.wantLocal);
+        if (c.wantUtc) {
+          EXPECT_EQ(next, Utc(c.wantUtc));
+        }
+      }
     }
   }
   unsetenv("TZ");
