@@ -48,6 +48,7 @@ struct TriggerMemo {
   time_t after = 0;
   unsigned char key[kMemoKey] = {};
   time_t next = 0;
+  char text[64] = {};  // `next` formatted, once asked for; "" until then
 };
 constexpr size_t kMemoSlots = 1024;  // direct-mapped; a few hundred schedules rarely collide
 thread_local std::unique_ptr<TriggerMemo[]> tMemo;  // on the heap: a module's static TLS is small
@@ -172,13 +173,17 @@ bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& s) {
   return ok;
 }
 
-time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) {
+namespace {
+
+// The next trigger and, when there is a schedule, its memo entry.
+time_t NextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after, TriggerMemo** entry) {
   if (s.month == 0 || s.month > 12 || s.day < 1 || s.day > 31 || s.repeat > ORVA_SCHED_REPEAT_ONCE ||
       s.hour > 23 || s.min > 59) {
     return -1;  // no (usable) schedule
   }
   const uint64_t zone = ZoneCheck();
   TriggerMemo& memo = MemoSlot(s, after);
+  *entry = &memo;
   if (memo.zone == zone && memo.after == after && memcmp(memo.key, &s, kMemoKey) == 0) {
     return memo.next;
   }
@@ -187,10 +192,9 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
   memo.after = after;
   memcpy(memo.key, &s, kMemoKey);
   memo.next = next;
+  memo.text[0] = '\0';
   return next;
 }
-
-namespace {
 
 time_t NextTriggerInZone(const ORVA_SCHED_SCHEDULE& s, time_t after) {
   struct tm lt;
@@ -258,26 +262,48 @@ int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& s, time_t after, in
   return static_cast<int>(out.size());
 }
 
+time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) {
+  TriggerMemo* entry;
+  return NextTrigger(s, after, &entry);
+}
+
 time_t ORVASchedTaskNextTrigger(const _tag_orva_sched_task_& task, time_t after) {
   return orva_sched::ReadField(task, [after](const auto& r) -> time_t {
     return r.enabled ? ORVASchedScheduleNextTrigger(r.schedule, after) : -1;
   });
 }
 
+namespace {
+
+void FormatTriggerTime(time_t t, char (&buf)[64]) {
+  struct tm lt;
+  localtime_r(&t, &lt);
+  snprintf(buf, sizeof(buf), "%04d-%02d-%02d %02d:%02d", lt.tm_year + 1900, lt.tm_mon + 1, lt.tm_mday, lt.tm_hour,
+           lt.tm_min);
+}
+
+}  // namespace
+
 std::string ORVASchedFormatTriggerTime(time_t t) {
   if (t < 0) {
     return "N/A";
   }
-  struct tm lt;
-  localtime_r(&t, &lt);
   char buf[64];
-  snprintf(buf, sizeof(buf), "%04d-%02d-%02d %02d:%02d", lt.tm_year + 1900, lt.tm_mon + 1, lt.tm_mday, lt.tm_hour,
-           lt.tm_min);
+  FormatTriggerTime(t, buf);
   return buf;
 }
 
 std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now) {
-  return ORVASchedFormatTriggerTime(ORVASchedTaskNextTrigger(task, now));
+  // A listing formats the same few instants over and over: the text is kept with the
+  // memo entry (same zone).
+  return orva_sched::ReadField(task, [now](const auto& r) -> std::string {
+    if (!r.enabled) return "N/A";
+    TriggerMemo* entry = nullptr;
+    const time_t next = NextTrigger(r.schedule, now, &entry);
+    if (next < 0) return "N/A";
+    if (!entry->text[0]) FormatTriggerTime(next, entry->text);
+    return entry->text;
+  });
 }
 
 std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task) {

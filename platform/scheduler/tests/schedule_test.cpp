@@ -206,6 +206,12 @@ TEST(SchedSchedule, TaskStateAndEmptySchedules) {
   t->schedule = Make(kCases[0]);
   time_t now = Utc(kCases[0].nowUtc);
   EXPECT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, now), "2024-06-10 08:30");
+  ORVALookupEpochNext();  // answers kept from here on: each time its own text
+  EXPECT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, now), "2024-06-10 08:30");
+  for (time_t after = now; after < now + 2048 * 60; after += 60) {  // more than the memo holds
+    ASSERT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, after),
+              ORVASchedFormatTriggerTime(ORVASchedTaskNextTrigger(*t, after)));
+  }
   ORVASchedCTaskSetState(t, 0);  // disabled
   EXPECT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, now), "N/A");
   EXPECT_EQ(ORVASchedTaskNextTrigger(*t, now), -1);
