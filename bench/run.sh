@@ -23,7 +23,7 @@ filter=${MODULE_FILTER:-BM_ListV2/page50_of_all_by_name_middle}
   --benchmark_report_aggregates_only=true --benchmark_out="$work/module.json" --benchmark_out_format=json
 # The median's CPU time, from the JSON (one member a line).
 awk '/"name":/ { median = ($0 ~ /_median"/) }
-     median && /"cpu_time":/ { gsub(/[ ,]/, "", $2); cpu = $2 }
+     median && /"cpu_time":/ { gsub(/[ ,]/, "", $2); cpu = $2 + 0 }  # a number: "9.6" <= 10 as text is false
      median && /"time_unit":/ { gsub(/[ ",]/, "", $2); unit = $2 }
      END {
        ms = unit == "us" ? cpu / 1000 : (unit == "ns" ? cpu / 1e6 : (unit == "s" ? cpu * 1000 : cpu))

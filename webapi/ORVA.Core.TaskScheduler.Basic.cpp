@@ -9,6 +9,8 @@
 #include <strings.h>
 #include <syslog.h>
 
+#include <utility>
+
 #include "core/kelc.h"
 #include "lib.h"
 #include "scheduler/store.h"
@@ -101,7 +103,7 @@ void TaskSchedulerBasicHandler::Process(const char* method, int version) {
     ok = SetData(result, version);
   }
   if (ok) {
-    response_->SetSuccess(result);
+    response_->SetSuccess(std::move(result));
   } else {
     ReportError();
   }

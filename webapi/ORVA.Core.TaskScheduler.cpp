@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ORVA.Core.TaskScheduler.Service.h"
@@ -153,7 +154,7 @@ void TaskSchedulerHandler::Process_v1(const char* method) {
     ok = ViewData_v1(result);
   }
   if (ok) {
-    response_->SetSuccess(result);
+    response_->SetSuccess(std::move(result));
   } else {
     ReportError();
   }
@@ -175,7 +176,7 @@ void TaskSchedulerHandler::Process_v2(const std::string& method) {
     ok = RunData_v2(result);
   }
   if (ok) {
-    response_->SetSuccess(result);
+    response_->SetSuccess(std::move(result));
   } else {
     ReportError();
   }
@@ -331,6 +332,10 @@ bool TaskSchedulerHandler::ListDataCommon(int version, Json::Value& result) {
     return false;
   }
 
+  // Item member names are literals: static keys spare each item a copy of every name.
+  using Key = Json::StaticString;
+  Json::Value& tasks = result["tasks"];
+  tasks = Json::Value(Json::arrayValue);
   // The page ends where offset + limit, as a 32-bit sum, meets the index.
   int32_t pageEnd = static_cast<int32_t>(static_cast<uint32_t>(offset) + static_cast<uint32_t>(limit));
   int i = 0;
@@ -344,27 +349,27 @@ bool TaskSchedulerHandler::ListDataCommon(int version, Json::Value& result) {
     std::string app = ORVASchedTaskGetApp(*task);
     std::string type = ORVA::Core::TaskScheduler::GetAppKeyFromNameSpace(app);
     Json::Value item;
-    item["enable"] = ORVASchedTaskIsEnabled(*task);
-    item["id"] = static_cast<Json::Int64>(ORVASchedTaskGetID(*task));
-    item["name"] = ORVASchedTaskGetName(*task);
-    item["type"] = type;
+    item[Key("enable")] = ORVASchedTaskIsEnabled(*task);
+    item[Key("id")] = static_cast<Json::Int64>(ORVASchedTaskGetID(*task));
+    item[Key("name")] = ORVASchedTaskGetName(*task);
+    item[Key("type")] = type;
     if (type == "custom") {
-      item["app_name"] = parser->GetString(app, ORVASchedTaskGetAppName(*task));
+      item[Key("app_name")] = parser->GetString(app, ORVASchedTaskGetAppName(*task));
     }
-    item["can_run"] = ORVASchedTaskIsCanRunFromUI(*task);
-    item["can_delete"] = ORVASchedTaskIsCanDeleteFromUI(*task);
-    item["can_edit"] = ORVASchedTaskIsCanEditFromUI(*task);
+    item[Key("can_run")] = ORVASchedTaskIsCanRunFromUI(*task);
+    item[Key("can_delete")] = ORVASchedTaskIsCanDeleteFromUI(*task);
+    item[Key("can_edit")] = ORVASchedTaskIsCanEditFromUI(*task);
     if (app == kServiceNameSpace) {
-      item["action"] = RefreshServiceTaskAction(*task);
+      item[Key("action")] = RefreshServiceTaskAction(*task);
     } else {
-      item["action"] = ORVASchedTaskGetAction(*task);
+      item[Key("action")] = ORVASchedTaskGetAction(*task);
     }
     std::string nextTrigger = ORVASchedTaskGetNextTriggerTime(*task);
-    item["next_trigger_time"] = nextTrigger == "N/A" ? std::string("-") : nextTrigger;
+    item[Key("next_trigger_time")] = nextTrigger == "N/A" ? std::string("-") : nextTrigger;
     if (version == 2 && task->marker == -2) {
-      item["real_owner"] = ORVA::UserName(ORVASchedTaskGetRealOwner(*task));
+      item[Key("real_owner")] = ORVA::UserName(ORVASchedTaskGetRealOwner(*task));
     }
-    item["owner"] = ORVA::UserName(task->owner);
+    item[Key("owner")] = ORVA::UserName(task->owner);
 
     if (0 == strcasecmp(type.c_str(), "service")) {
       for (int row = 0; serviceActionReplaceTable[row].needle; ++row) {
@@ -384,14 +389,11 @@ bool TaskSchedulerHandler::ListDataCommon(int version, Json::Value& result) {
       }
     }
     TranslateActionKey(item, app);
-    result["tasks"].append(item);
+    tasks.append(std::move(item));
   }
 
   if (list) {
     ORVASchedTaskListFree(list);
-  }
-  if (!result.isMember("tasks")) {
-    result["tasks"] = Json::Value(Json::arrayValue);
   }
   result["total"] = total;
   return true;

@@ -206,7 +206,7 @@ AppParser::AppParser(const std::string& lang)
     : lang_(lang), configParser_(lang_.c_str(), false), textParser_(), appTexts_(), sysTexts_() {
   configParser_.Parse(nullptr);
   appTexts_ = configParser_.GetTexts();
-  sysTexts_ = textParser_.ParseTexts(std::string(kWebmanDir) + "texts/" + lang_);
+  sysTexts_ = textParser_.Texts(std::string(kWebmanDir) + "texts/" + lang_);
 }
 
 bool AppParser::IsSectionKey(const std::string& text) const {
@@ -228,12 +228,12 @@ std::string AppParser::GetString(const std::string& appKey, const std::string& t
 
   std::string result;
   if (Is3rdPartyApp(appKey)) {
-    // App texts are read again on every lookup; the parser caches unchanged files.
-    Json::Value appTexts = textParser_.ParseTexts(std::string(kWebmanDir) + appTexts_[appKey].asString());
-    result = LookupText(appTexts, section, key);
+    // Read again on every lookup (a changed file is seen at once); an unchanged file
+    // is served from the parser's cache, shared rather than copied.
+    result = LookupText(*textParser_.Texts(std::string(kWebmanDir) + appTexts_[appKey].asString()), section, key);
   }
   if (result.empty()) {
-    result = LookupText(sysTexts_, section, key);
+    result = LookupText(*sysTexts_, section, key);
   }
   return result.empty() ? text : result;
 }

@@ -5,6 +5,7 @@
 #include <json/json.h>
 
 #include <boost/optional.hpp>
+#include <memory>
 #include <string>
 
 #include "core/vek_parser.h"
@@ -55,7 +56,7 @@ class AppParser {
   ORVA::VEK::JSConfigParser configParser_;
   mutable ORVA::VEK::LocalizedStringParser textParser_;
   Json::Value appTexts_;  // app namespace -> text folder relative to the webman folder
-  Json::Value sysTexts_;  // section -> key -> text
+  std::shared_ptr<const Json::Value> sysTexts_;  // section -> key -> text
 };
 
 }  // namespace TaskScheduler

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "core/json_read.h"
@@ -55,20 +56,25 @@ FileId IdOf(const struct stat& st) {
 
 struct CacheEntry {
   FileId id;
-  Json::Value value;
+  std::shared_ptr<const Json::Value> value;
 };
 
 std::mutex gCacheMutex;
 std::unordered_map<std::string, CacheEntry> gCache;
 std::atomic<unsigned long long> gParseCount{0};
 
+std::shared_ptr<const Json::Value> EmptyObject() {
+  return std::make_shared<const Json::Value>(Json::objectValue);
+}
+
 // The JSON object in `path`, or an empty object when the file is missing, unreadable,
-// malformed or not an object. Served from the cache while the file is unchanged.
-Json::Value LoadObject(const std::string& path) {
+// malformed or not an object. Served from the cache while the file is unchanged; the
+// value is shared, not copied (strings.json is some 16 KiB of values).
+std::shared_ptr<const Json::Value> LoadObject(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
     KELC_ERR_SET(KELC_ERR_NOT_FOUND);
-    return Json::Value(Json::objectValue);
+    return EmptyObject();
   }
   {
     std::lock_guard<std::mutex> lock(gCacheMutex);
@@ -86,7 +92,7 @@ Json::Value LoadObject(const std::string& path) {
       close(fd);
     }
     KELC_ERR_SET(KELC_ERR_IO);
-    return Json::Value(Json::objectValue);
+    return EmptyObject();
   }
   std::string text;
   char buf[65536];
@@ -97,7 +103,7 @@ Json::Value LoadObject(const std::string& path) {
   close(fd);
   if (n < 0) {
     KELC_ERR_SET(KELC_ERR_IO);
-    return Json::Value(Json::objectValue);
+    return EmptyObject();
   }
 
   gParseCount.fetch_add(1, std::memory_order_relaxed);
@@ -113,8 +119,9 @@ Json::Value LoadObject(const std::string& path) {
   if (gCache.size() >= kCacheLimit) {
     gCache.clear();
   }
-  gCache[path] = CacheEntry{IdOf(st), value};
-  return value;
+  auto shared = std::make_shared<const Json::Value>(std::move(value));
+  gCache[path] = CacheEntry{IdOf(st), shared};
+  return shared;
 }
 
 // A language code or app folder name that can only name one folder level.
@@ -160,8 +167,9 @@ namespace {
 
 // Adds NS -> "3rdparty/APP/texts/LANG" for the app folder APP, when its config names a namespace.
 bool AddApp(const std::string& app, const std::string& lang, Json::Value& texts) {
-  Json::Value conf = LoadObject(ORVAPathMap(std::string(kWebman) + "/3rdparty/" + app + "/config.json"));
-  const Json::Value& ns = conf["namespace"];
+  std::shared_ptr<const Json::Value> conf =
+      LoadObject(ORVAPathMap(std::string(kWebman) + "/3rdparty/" + app + "/config.json"));
+  const Json::Value& ns = (*conf)["namespace"];
   if (!ns.isString() || ns.asString().empty()) {
     return false;
   }
@@ -222,10 +230,12 @@ Json::Value JSConfigParser::GetTexts() const { return state_->texts; }
 
 LocalizedStringParser::LocalizedStringParser() = default;
 
-Json::Value LocalizedStringParser::ParseTexts(std::string dir) {
+Json::Value LocalizedStringParser::ParseTexts(std::string dir) { return *Texts(std::move(dir)); }
+
+std::shared_ptr<const Json::Value> LocalizedStringParser::Texts(std::string dir) {
   if (dir.empty() || dir.front() != '/' || HasDotDot(dir)) {
     KELC_ERR_SET(KELC_ERR_INVALID_ARGUMENT);
-    return Json::Value(Json::objectValue);
+    return EmptyObject();
   }
   while (dir.size() > 1 && dir.back() == '/') {
     dir.pop_back();

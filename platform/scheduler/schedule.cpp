@@ -1,10 +1,13 @@
 // Schedules: validation and the next trigger time in the system time zone.
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -17,25 +20,53 @@ namespace {
 
 // tzset() reads the zone file again (a stat at least) on every call: do it once per
 // lookup epoch (each request), on every call in a process without epochs, and
-// whenever TZ changes. localtime_r() itself never reads the zone again.
-void ZoneCheck() {
+// whenever TZ changes. localtime_r() itself never reads the zone again. Returns a
+// number that changes with every tzset().
+uint64_t ZoneCheck() {
   static std::mutex mutex;
   static uint64_t checked = 0;
+  static uint64_t loads = 0;
   static bool hadTz = false;
   static std::string lastTz;
   const uint64_t epoch = ORVALookupEpoch();
   const char* tz = getenv("TZ");
   std::lock_guard<std::mutex> lock(mutex);
   if (epoch != 0 && epoch == checked && (tz != nullptr) == hadTz && (!tz || lastTz == tz)) {
-    return;
+    return loads;
   }
   tzset();
   checked = epoch;
   hadTz = tz != nullptr;
   lastTz = tz ? tz : "";
+  return ++loads;
 }
 
 using namespace std::chrono;
+
+// A listing asks for every task's next trigger at the same second, and tasks share
+// schedules: answers are kept per thread while the zone stays as loaded (a request in
+// the server; never in a process without lookup epochs, which reloads it every call).
+// The key is the fields the answer depends on, year to last_work_hour.
+constexpr size_t kMemoKey = offsetof(ORVA_SCHED_SCHEDULE, n_repeat_min_cfg);
+struct TriggerMemo {
+  uint64_t zone = 0;  // 0: empty
+  time_t after = 0;
+  unsigned char key[kMemoKey] = {};
+  time_t next = 0;
+  char text[64] = {};  // `next` formatted, once asked for; "" until then
+};
+constexpr size_t kMemoSlots = 1024;  // direct-mapped; a few hundred schedules rarely collide
+thread_local std::unique_ptr<TriggerMemo[]> tMemo;  // on the heap: a module's static TLS is small
+
+TriggerMemo& MemoSlot(const ORVA_SCHED_SCHEDULE& s, time_t after) {
+  if (!tMemo) tMemo.reset(new TriggerMemo[kMemoSlots]);
+  uint64_t h = 1469598103934665603ull ^ static_cast<uint64_t>(after);
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(&s);
+  for (size_t i = 0; i < kMemoKey; ++i) h = (h ^ p[i]) * 1099511628211ull;
+  return tMemo[(h ^ (h >> 32)) % kMemoSlots];
+}
+
+time_t NextTriggerInZone(const ORVA_SCHED_SCHEDULE& s, time_t after);
 
 // Days since 1970-01-01 of a civil date.
 int64_t DaysFromCivil(int y, unsigned m, unsigned d) {
@@ -122,12 +153,30 @@ bool ORVASchedScheduleValidate(const ORVA_SCHED_SCHEDULE& s) {
   return ok;
 }
 
-time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) {
+namespace {
+
+// The next trigger and, when there is a schedule, its memo entry.
+time_t NextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after, TriggerMemo** entry) {
   if (s.year > 9999 || s.month == 0 || s.month > 12 || s.day < 1 || s.day > 31 || s.repeat > ORVA_SCHED_REPEAT_ONCE ||
       s.hour > 23 || s.min > 59) {
     return -1;  // no (usable) schedule
   }
-  ZoneCheck();
+  const uint64_t zone = ZoneCheck();
+  TriggerMemo& memo = MemoSlot(s, after);
+  *entry = &memo;
+  if (memo.zone == zone && memo.after == after && memcmp(memo.key, &s, kMemoKey) == 0) {
+    return memo.next;
+  }
+  const time_t next = NextTriggerInZone(s, after);
+  memo.zone = zone;
+  memo.after = after;
+  memcpy(memo.key, &s, kMemoKey);
+  memo.next = next;
+  memo.text[0] = '\0';
+  return next;
+}
+
+time_t NextTriggerInZone(const ORVA_SCHED_SCHEDULE& s, time_t after) {
   struct tm lt;
   localtime_r(&after, &lt);
   const int64_t today = DaysFromCivil(lt.tm_year + 1900, static_cast<unsigned>(lt.tm_mon + 1),
@@ -178,6 +227,8 @@ time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) 
   return -1;
 }
 
+}  // namespace
+
 int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& s, time_t after, int count, std::vector<time_t>& out) {
   out.clear();
   if (count < 0 || !ORVASchedScheduleValidate(s)) {
@@ -192,21 +243,44 @@ int ORVASchedScheduleNextTriggers(const ORVA_SCHED_SCHEDULE& s, time_t after, in
   return static_cast<int>(out.size());
 }
 
+time_t ORVASchedScheduleNextTrigger(const ORVA_SCHED_SCHEDULE& s, time_t after) {
+  TriggerMemo* entry;
+  return NextTrigger(s, after, &entry);
+}
+
+namespace {
+
+void FormatTriggerTime(time_t t, char (&buf)[64]) {
+  struct tm lt;
+  localtime_r(&t, &lt);
+  snprintf(buf, sizeof(buf), "%04d-%02d-%02d %02d:%02d", lt.tm_year + 1900, lt.tm_mon + 1, lt.tm_mday, lt.tm_hour,
+           lt.tm_min);
+}
+
+}  // namespace
+
 std::string ORVASchedFormatTriggerTime(time_t t) {
   if (t < 0) {
     return "N/A";
   }
-  struct tm lt;
-  localtime_r(&t, &lt);
   char buf[64];
-  snprintf(buf, sizeof(buf), "%04d-%02d-%02d %02d:%02d", lt.tm_year + 1900, lt.tm_mon + 1, lt.tm_mday, lt.tm_hour,
-           lt.tm_min);
+  FormatTriggerTime(t, buf);
   return buf;
 }
 
+std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now) {
+  // A listing formats the same few instants over and over: the text is kept with the
+  // memo entry (same zone).
+  return orva_sched::ReadField(task, [now](const auto& r) -> std::string {
+    if (!r.enabled) return "N/A";
+    TriggerMemo* entry = nullptr;
+    const time_t next = NextTrigger(r.schedule, now, &entry);
+    if (next < 0) return "N/A";
+    if (!entry->text[0]) FormatTriggerTime(next, entry->text);
+    return entry->text;
+  });
+}
+
 std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task) {
-  const time_t now = time(nullptr);
-  return ORVASchedFormatTriggerTime(orva_sched::ReadField(task, [now](const auto& r) -> time_t {
-    return r.enabled ? ORVASchedScheduleNextTrigger(r.schedule, now) : -1;
-  }));
+  return ORVASchedTaskGetNextTriggerTimeAt(task, time(nullptr));
 }

@@ -217,7 +217,7 @@ Json::Value APIRegistry::Call(const APITableRow& row, APIRequest& request, APIRe
     ORVA_LOG(LOG_ERR, "%s v%d %s replied %d times; the first reply stands", row.api, row.version, row.method,
              response->GetReplyCount());
   }
-  return response->GetEnvelope();
+  return response->TakeEnvelope();
 }
 
 std::vector<const APITableRow*> APIRegistry::Rows() const {

@@ -95,14 +95,16 @@ APIParameter<Json::Value> APIRequest::GetAndCheckArray(const std::string& name, 
   });
 }
 
-void APIResponse::SetSuccess(const Json::Value& data) {
+void APIResponse::SetSuccess(const Json::Value& data) { SetSuccess(Json::Value(data)); }
+
+void APIResponse::SetSuccess(Json::Value&& data) {
   if (replies_++ > 0) {
     ORVA_LOG(LOG_ERR, "module replied more than once; the first reply stands");
     return;
   }
   success_ = true;
   code_ = 0;
-  data_ = data;
+  data_ = std::move(data);
 }
 
 void APIResponse::SetError(int code, const Json::Value& data) {
@@ -149,6 +151,16 @@ Json::Value APIResponse::GetEnvelope() const {
   // "code" is the framework's: a member of that name in the data does not replace it.
   err["code"] = code_;
   env["error"] = err;
+  return env;
+}
+
+Json::Value APIResponse::TakeEnvelope() {
+  if (replies_ == 0 || !success_) {
+    return GetEnvelope();
+  }
+  Json::Value env(Json::objectValue);
+  env["success"] = true;
+  env["data"] = std::move(data_);
   return env;
 }
 

@@ -39,6 +39,14 @@ TEST_F(ServerEntry, ModuleRepliesKeepTheirShapeAndHttp200) {
   EXPECT_EQ(200, echo.status);
   EXPECT_EQ(ParseJson(R"({"a": [1, {"b": null}]})"), echo.json["data"]["params"]);
   EXPECT_EQ("", echo.json["data"]["user"].asString());  // public: nobody logged in
+  // The reply's bytes are what jsoncpp's writer makes of the same value.
+  auto odd = server.Api(Envelope("ORVA.Test.Public", 2, "echo", ParseJson(R"({"s": "q\" b\\ /\b\f\n\r\t\u0001\u001f\u007f é€😀",
+      "n": [0, -1, 0.1, 1e300, -2.5e-300, 9007199254740993, 18446744073709551615, -9223372036854775808],
+      "e": [{}, [], [[]], "", null, true, false], "": {"k\u0000": 1}})")));
+  Json::StreamWriterBuilder compact;
+  compact["indentation"] = "";
+  compact["emitUTF8"] = true;
+  EXPECT_EQ(Json::writeString(compact, odd.json), odd.body);
   // A public method may call an admin-only API in-process, as the user it names.
   auto exec = server.Api(Envelope("ORVA.Test.Public", 1, "exec", ParseJson(R"({"k": 1})")));
   EXPECT_EQ(ParseJson(R"({"k": 1})"), exec.json["data"]["data"]["params"]) << exec.body;

@@ -104,6 +104,9 @@ TEST(LocalizedStringParser, UnchangedFileIsParsedOnce) {
     ASSERT_EQ(LocalizedStringParser().ParseTexts(kWebman + "/texts/ger/bad").size(), 0u);
   }
   EXPECT_EQ(TextFileParseCount() - before, 2u);  // each file once, the malformed one too
+  // Served shared, not copied per call.
+  EXPECT_EQ(LocalizedStringParser().Texts(kWebman + "/texts/ger").get(),
+            LocalizedStringParser().Texts(kWebman + "/texts/ger").get());
 }
 
 TEST(LocalizedStringParser, ConcurrentReadersSeeWholeFiles) {

@@ -36,6 +36,9 @@ class LocalizedStringParser {
   // component, gives an empty object. Parsed files are cached process-wide by path and
   // modification time (and inode, size, ctime); the cache is thread-safe.
   Json::Value ParseTexts(std::string dir);
+  // The same texts without a copy: the cached value itself, shared and never changed
+  // (a changed file gets a new value). Never null.
+  std::shared_ptr<const Json::Value> Texts(std::string dir);
 };
 
 // How many text and config files the parsers have read and parsed in this process

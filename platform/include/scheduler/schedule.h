@@ -11,6 +11,8 @@
 
 // "YYYY-MM-DD HH:MM" in local time, or "N/A" (disabled, or nothing left to run).
 std::string ORVASchedTaskGetNextTriggerTime(const _tag_orva_sched_task_& task);
+// The same at a given "now" instead of the wall clock.
+std::string ORVASchedTaskGetNextTriggerTimeAt(const _tag_orva_sched_task_& task, time_t now);
 
 // Checks a schedule: ranges, a valid date (month 0 = no schedule, allowed), a weekly
 // schedule with at least one day, repeat_min and repeat_hour not both set. False with

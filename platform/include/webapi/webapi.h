@@ -77,6 +77,8 @@ class APIRequest {
 class APIResponse {
  public:
   void SetSuccess(const Json::Value& data = Json::Value());
+  // The same without copying: a listing's reply may hold thousands of values.
+  void SetSuccess(Json::Value&& data);
   // `data`: null, or an object whose members go beside "code" in the reply.
   void SetError(int code, const Json::Value& data = Json::Value());
   // SetError with {"msg": msg} and, when given, "param": the parameter at fault (the
@@ -92,6 +94,8 @@ class APIResponse {
   // The first reply counts when a module replied more than once.
   // A module that wrote no reply gets the framework's error 100.
   Json::Value GetEnvelope() const;
+  // GetEnvelope, moving the data out (the response is spent).
+  Json::Value TakeEnvelope();
 
   // Asks the server to send a new session cookie with this reply (an empty id clears
   // the cookie). Only the Auth module uses it.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/lookup_epoch.h"
 #include "scheduler/schedule.h"
 
 namespace {
@@ -100,15 +101,27 @@ void SetTZ(const char* tz) {
 }  // namespace
 
 TEST(SchedSchedule, NextTriggerTable) {
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(std::string(c.what) + " (" + c.tz + ")");
-    SetTZ(c.tz);
-    ORVA_SCHED_SCHEDULE s = Make(c.schedule);
-    ASSERT_TRUE(ORVASchedScheduleValidate(s));
-    time_t next = ORVASchedScheduleNextTrigger(s, Utc(c.nowUtc));
-    EXPECT_EQ(ORVASchedFormatTriggerTime(next), c.wantLocal);
-    if (c.wantUtc) {
-      EXPECT_EQ(next, Utc(c.wantUtc));
+  // Again within one lookup epoch, where answers are kept: each case is first asked in
+  // another zone, and then again, which must not answer from what was kept.
+  for (bool epoch : {false, true}) {
+    if (epoch) ORVALookupEpochNext();
+    for (const Case& c : kCases) {
+      SCOPED_TRACE(std::string(c.what) + " (" + c.tz + (epoch ? ", epoch)" : ")"));
+      ORVA_SCHED_SCHEDULE s = Make(c.schedule);
+      if (epoch) {
+        setenv("TZ", "UTC0", 1);
+        ORVASchedScheduleNextTrigger(s, Utc(c.nowUtc));
+      }
+      setenv("TZ", c.tz, 1);
+      tzset();
+      ASSERT_TRUE(ORVASchedScheduleValidate(s));
+      for (int again = 0; again <= epoch; ++again) {
+        time_t next = ORVASchedScheduleNextTrigger(s, Utc(c.nowUtc));
+        EXPECT_EQ(ORVASchedFormatTriggerTime(next), c.wantLocal);
+        if (c.wantUtc) {
+          EXPECT_EQ(next, Utc(c.wantUtc));
+        }
+      }
     }
   }
   SetTZ(nullptr);
@@ -144,9 +157,19 @@ TEST(SchedSchedule, NextTriggersList) {
 }
 
 TEST(SchedSchedule, TaskStateAndEmptySchedules) {
-  ORVA_SCHED_TASK* t = ORVASchedTaskAllocFast();  // daily from today
+  ORVA_SCHED_TASK* t = ORVASchedTaskAllocFast();
   ASSERT_NE(t, nullptr);
-  EXPECT_NE(ORVASchedTaskGetNextTriggerTime(*t), "N/A");
+  SetTZ(BER);
+  t->schedule = Make("D 2024-01-01 08:30");
+  const time_t now = Utc("2024-06-10 05:00");
+  EXPECT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, now), "2024-06-10 08:30");
+  ORVALookupEpochNext();  // answers kept from here on: each time its own text
+  EXPECT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, now), "2024-06-10 08:30");
+  for (time_t after = now; after < now + 2048 * 60; after += 60) {  // more than the memo holds
+    ASSERT_EQ(ORVASchedTaskGetNextTriggerTimeAt(*t, after),
+              ORVASchedFormatTriggerTime(ORVASchedScheduleNextTrigger(t->schedule, after)));
+  }
+  SetTZ(nullptr);
   ORVASchedCTaskSetState(t, 0);  // disabled
   EXPECT_EQ(ORVASchedTaskGetNextTriggerTime(*t), "N/A");
   ORVASchedCTaskSetState(t, 1);
