@@ -60,6 +60,23 @@ inline Json::Value ParseJson(const std::string& text, bool strict = false) {
   return v;
 }
 
+inline std::string WriteJson(const Json::Value& v) {
+  Json::StreamWriterBuilder b;
+  b["indentation"] = "";
+  return Json::writeString(b, v);
+}
+
+// {"api": .., "version": .., "method": .., "params": ..}
+inline std::string Envelope(const std::string& api, int version, const std::string& method,
+                            const Json::Value& params = Json::Value(Json::objectValue)) {
+  Json::Value e;
+  e["api"] = api;
+  e["version"] = version;
+  e["method"] = method;
+  e["params"] = params;
+  return WriteJson(e);
+}
+
 // Polls `done` every 50 ms for up to `seconds`; true once it held.
 inline bool WaitFor(const std::function<bool()>& done, double seconds = 10) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);

@@ -12,14 +12,7 @@ using orvatest::TestUser;
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  Json::CharReaderBuilder b;
-  std::string errs;
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  EXPECT_TRUE(r->parse(text.data(), text.data() + text.size(), &v, &errs)) << text;
-  return v;
-}
+Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
 
 // The record's bytes, to prove a refused conversion changed nothing.
 std::string Bytes(const ORVA_SCHED_TASK& t) { return std::string(reinterpret_cast<const char*>(&t), sizeof(t)); }
