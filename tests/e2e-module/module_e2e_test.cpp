@@ -16,13 +16,7 @@
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  std::istringstream in(text);
-  std::string errs;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, &errs)) << text << errs;
-  return v;
-}
+Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
 
 // The listed item of task `id`, or null.
 Json::Value Listed(const e2e::StagedRoot& root, int version, Json::Int64 id) {

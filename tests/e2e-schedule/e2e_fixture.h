@@ -9,14 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "orvatest.h"
+
 namespace e2e {
 
-struct Result {
-  int status = -1;
-  std::string out;
-  std::string err;
-  Json::Value json;  // stdout parsed, when it is JSON
-};
+using Result = orvatest::Result;
 
 // Runs a program to completion.
 Result Run(const std::vector<std::string>& argv);
@@ -44,7 +41,9 @@ class StagedRoot {
   std::string DaemonLog() const;
 
  private:
-  pid_t Start(const std::vector<std::string>& argv, const std::string& log);
+  // Starts `argv` logging to `log` and waits until `ready` holds; false if it exited first.
+  bool Start(pid_t& pid, const std::vector<std::string>& argv, const std::string& log,
+             const std::function<bool()>& ready);
   std::string path_;
   bool ok_ = false;
   pid_t server_ = -1;

@@ -4,10 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <regex>
-#include <thread>
 
 #include "e2e_fixture.h"
 
@@ -15,21 +12,8 @@ namespace {
 
 const char kApi[] = "ORVA.Core.TaskRuns";
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  Json::CharReaderBuilder b;
-  std::string errs;
-  std::istringstream in(text);
-  EXPECT_TRUE(Json::parseFromStream(b, in, &v, &errs)) << text;
-  return v;
-}
-
-bool WaitFor(const std::function<bool()>& done, int seconds = 10) {
-  for (int i = 0; i < seconds * 10; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
-    if (done()) return true;
-  }
-  return false;
-}
+Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
+using orvatest::WaitFor;
 
 class TaskRunsE2E : public ::testing::Test {
  protected:

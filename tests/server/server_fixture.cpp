@@ -2,16 +2,11 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <pwd.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <thread>
 #include <utility>  // before Asio: its awaitable.hpp uses std::exchange
 
 #include <boost/algorithm/string.hpp>
@@ -24,16 +19,8 @@ namespace orvatest {
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
-using Clock = std::chrono::steady_clock;
 
 namespace {
-
-bool TryParse(const std::string& text, Json::Value* v) {
-  Json::CharReaderBuilder b;
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  std::string errs;
-  return r->parse(text.data(), text.data() + text.size(), v, &errs);
-}
 
 // One request on a new connection to `endpoint` (TCP or Unix socket).
 template <class Endpoint>
@@ -70,7 +57,7 @@ HttpReply Exchange(const Endpoint& endpoint, const std::string& method, const st
     reply.headers.emplace(boost::to_lower_copy(std::string(f.name_string())), std::string(f.value()));
   }
   reply.body = res.body();
-  TryParse(reply.body, &reply.json);
+  reply.json = TryParseJson(reply.body);
   return reply;
 }
 
@@ -79,21 +66,6 @@ HttpReply Exchange(const Endpoint& endpoint, const std::string& method, const st
 std::string HttpReply::Header(const std::string& lowerName) const {
   auto it = headers.find(lowerName);
   return it == headers.end() ? "" : it->second;
-}
-
-std::string WriteJson(const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, v);
-}
-
-std::string Envelope(const std::string& api, int version, const std::string& method, const Json::Value& params) {
-  Json::Value e;
-  e["api"] = api;
-  e["version"] = version;
-  e["method"] = method;
-  e["params"] = params;
-  return WriteJson(e);
 }
 
 ServerRoot::ServerRoot() : TempRoot("orvat-srv") {
@@ -156,43 +128,34 @@ bool Server::Start(int workers, const std::vector<std::string>& extraArgs) {
     execv(bin.c_str(), argv.data());
     _exit(127);
   }
-  for (auto deadline = Clock::now() + std::chrono::seconds(20); Clock::now() < deadline;) {
+  bool exited = false;
+  const bool up = WaitFor([&] {
     int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      ADD_FAILURE() << "server exited at start:\n" << Log();
-      return false;
-    }
+    if ((exited = waitpid(pid_, &status, WNOHANG) == pid_)) return true;
     asio::io_context ioc;
     asio::local::stream_protocol::socket s(ioc);
     beast::error_code ec;
     s.connect(asio::local::stream_protocol::endpoint(SocketPath()), ec);
-    if (!ec) {
-      std::string listen = Slurp(root_.path() + "/run/orva/webapi.listen");
-      port_ = atoi(listen.substr(listen.rfind(':') + 1).c_str());
-      return port_ > 0;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return !ec;
+  }, 20);
+  if (exited) {
+    pid_ = -1;
+    ADD_FAILURE() << "server exited at start:\n" << Log();
+    return false;
   }
-  ADD_FAILURE() << "server did not come up:\n" << Log();
-  return false;
+  if (!up) {
+    ADD_FAILURE() << "server did not come up:\n" << Log();
+    return false;
+  }
+  std::string listen = Slurp(root_.path() + "/run/orva/webapi.listen");
+  port_ = atoi(listen.substr(listen.rfind(':') + 1).c_str());
+  return port_ > 0;
 }
 
 int Server::Stop() {
-  if (pid_ <= 0) return -1;
-  kill(pid_, SIGTERM);
-  int status = 0;
-  for (auto deadline = Clock::now() + std::chrono::seconds(15); Clock::now() < deadline;) {
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  kill(pid_, SIGKILL);
-  waitpid(pid_, &status, 0);
+  const int status = orvatest::Stop(pid_);
   pid_ = -1;
-  return -1;
+  return status;
 }
 
 HttpReply Server::Http(const std::string& method, const std::string& target, const std::string& body,
@@ -236,7 +199,7 @@ HttpReply Server::LocalAs(uid_t uid, gid_t gid, const std::string& body) const {
   if (nl == std::string::npos) return r;
   r.status = atoi(out.substr(0, nl).c_str());
   r.body = out.substr(nl + 1);
-  TryParse(r.body, &r.json);
+  r.json = TryParseJson(r.body);
   return r;
 }
 
@@ -259,14 +222,6 @@ Login TokenLogin(const Server& server, const std::string& lang, const Headers& h
   p["token"] = server.Token();
   if (!lang.empty()) p["lang"] = lang;
   return LoginWith(server, p, headers);
-}
-
-bool WaitForFile(const std::string& path) {
-  for (auto deadline = Clock::now() + std::chrono::seconds(20); Clock::now() < deadline;) {
-    if (access(path.c_str(), F_OK) == 0) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
 }
 
 bool EnsurePamService() {

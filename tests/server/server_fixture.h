@@ -25,11 +25,6 @@ struct HttpReply {
   std::string Header(const std::string& lowerName) const;
 };
 
-std::string WriteJson(const Json::Value& v);
-// {"api": .., "version": .., "method": .., "params": ..}
-std::string Envelope(const std::string& api, int version, const std::string& method,
-                     const Json::Value& params = Json::Value(Json::objectValue));
-
 // A root with the Auth, Info and test modules, texts "en" and "de", a webman folder and
 // secrets just outside it, and a configuration.
 class ServerRoot : public TempRoot {
@@ -91,7 +86,9 @@ Login LoginWith(const Server& server, const Json::Value& params, const Headers& 
 Login TokenLogin(const Server& server, const std::string& lang = "", const Headers& headers = {});
 
 // Waits up to 20 s for a file to exist.
-bool WaitForFile(const std::string& path);
+inline bool WaitForFile(const std::string& path) {
+  return WaitFor([&] { return access(path.c_str(), F_OK) == 0; }, 20);
+}
 
 // Installs the PAM service file orva-webapi when the system has none.
 bool EnsurePamService();

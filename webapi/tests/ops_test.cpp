@@ -2,9 +2,7 @@
 // that stop at the first failure, acting on behalf of users and the real runner.
 #include <unistd.h>
 
-#include <chrono>
 #include <sstream>
-#include <thread>
 
 #include "scheduler/run.h"
 #include "test_support.h"
@@ -139,15 +137,13 @@ TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
 
 // The last run of `id` once the runner recorded it (null after about 20 s).
 Json::Value WaitForLastRun(long id) {
-  for (int i = 0; i < 400; ++i) {
-    Json::Value status;
-    if (ORVASchedTaskGetRunStatus(static_cast<int>(id), status) >= 0 && status["last_run"].isObject() &&
-        !status["running"].asBool()) {
-      return status["last_run"];
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return Json::Value();
+  Json::Value status;
+  const bool done = WaitFor([&] {
+    status = Json::Value();
+    return ORVASchedTaskGetRunStatus(static_cast<int>(id), status) >= 0 && status["last_run"].isObject() &&
+           !status["running"].asBool();
+  }, 20);
+  return done ? status["last_run"] : Json::Value();
 }
 
 TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {

@@ -1,9 +1,6 @@
 // Recycle-bin task: the orvarecycle command line and action text of the flat object, the
 // form's reshaping both ways, round trips through get and set, and switching the bins on
 // against a real shares.json.
-#include <fstream>
-#include <sstream>
-
 #include "ORVA.Core.TaskScheduler.Recycle.h"
 #include "test_support.h"
 
@@ -137,11 +134,8 @@ TEST(ModuleRecycle, ForbiddenExtensionCharactersFailWhileTheExceptionIsOn) {
 
 // The shares of the root's shares.json whose recycle bin is on, blank-separated.
 std::string BinsOn(const ModuleRoot& root) {
-  std::ifstream in(root.path() + "/etc/orva/shares.json");
-  std::stringstream text;
-  text << in.rdbuf();
   std::string out;
-  for (const Json::Value& s : Parse(text.str())) {
+  for (const Json::Value& s : Parse(root.Read("/etc/orva/shares.json"))) {
     if (s["recycle_bin"].asBool()) out += (out.empty() ? "" : " ") + s["name"].asString();
   }
   return out;

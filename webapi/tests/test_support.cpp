@@ -18,6 +18,7 @@
 #include "scheduler/task_json.h"
 #include "webapi/registry.h"
 #include "scheduler/store.h"
+#include "scheduler/task_ptr.h"
 
 namespace {
 
@@ -150,7 +151,8 @@ long Create(const std::string& type, const Json::Value& extra, int version) {
 }
 
 long AddTask(const TaskSeed& seed) {
-  ORVA_SCHED_TASK* task = ORVASchedTaskAllocFast();
+  ORVASchedTaskPtr owned(ORVASchedTaskAllocFast());
+  ORVA_SCHED_TASK* task = owned.get();
   if (!task) {
     ADD_FAILURE() << "alloc failed";
     return -1;
@@ -176,10 +178,8 @@ long AddTask(const TaskSeed& seed) {
   } else {
     rc = ORVASchedTaskSave(task);
   }
-  long id = ORVASchedTaskGetID(*task);
-  ORVASchedTaskFree(task);
   EXPECT_GE(rc, 0) << "save failed for " << seed.name;
-  return rc < 0 ? -1 : id;
+  return rc < 0 ? -1 : ORVASchedTaskGetID(*task);
 }
 
 bool TaskExists(long id) {

@@ -1,9 +1,10 @@
 // Core services on temporary roots: root mapping, configuration, shares, users.
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <random>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -171,27 +172,25 @@ TEST(Helpers, FoldersAtomicWritesDeepJson) {
   ASSERT_EQ(chdir("/"), 0);
 }
 
+// `user` is in the extra group group_, `plain` only in its own group other_.
 class AdminUser : public ::testing::Test {
  protected:
+  struct Accounts {
+    orvatest::TestUser user{"", true}, plain;
+  };
   void SetUp() override {
     if (geteuid() != 0) {
       GTEST_SKIP() << "needs root to add users";
     }
-    std::string tag = std::to_string(getpid()) + "x" + std::to_string(std::random_device()() % 100000);
-    group_ = "orvatg" + tag, other_ = "orvatn" + tag, user_ = "orvatu" + tag, plain_ = "orvatp" + tag;
-    ASSERT_EQ(Run("groupadd " + group_), 0);
-    ASSERT_EQ(Run("groupadd " + other_), 0);
-    ASSERT_EQ(Run("useradd -M -N -g " + other_ + " -G " + group_ + " " + user_), 0);
-    ASSERT_EQ(Run("useradd -M -N -g " + other_ + " " + plain_), 0);
-  }
-  void TearDown() override {
-    if (!user_.empty()) {
-      Run("userdel " + user_ + "; userdel " + plain_ + "; groupdel " + group_ + "; groupdel " + other_);
-    }
+    const Accounts& a = accounts_.emplace();
+    ASSERT_TRUE(a.user.Ok() && a.plain.Ok());
+    user_ = a.user.Name(), plain_ = a.plain.Name();
+    group_ = getgrgid(a.user.ExtraGid())->gr_name, other_ = getgrgid(a.plain.Gid())->gr_name;
   }
   static int Run(const std::string& cmd) { return system(("(" + cmd + ") >/dev/null 2>&1").c_str()); }
 
   TempRoot root_;
+  std::optional<Accounts> accounts_;
   std::string group_, other_, user_, plain_;
 };
 

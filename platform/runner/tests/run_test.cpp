@@ -14,9 +14,9 @@
 #include "scheduler/store.h"
 #include "test_util.h"
 
-using orva_test::Task;
-using orva_test::TempRoot;
-using orva_test::TestUser;
+using orvatest::NewTask;
+using orvatest::TempRoot;
+using orvatest::TestUser;
 
 namespace {
 
@@ -41,7 +41,7 @@ int History(long id, Json::Value& runs, Json::Value* pid = nullptr) {
 // task's is its last run.
 Json::Value WaitRuns(long id, unsigned n, bool event = false) {
   Json::Value runs;
-  bool done = orva_test::WaitFor([&] {
+  bool done = orvatest::WaitFor([&] {
     if (event) {
       Json::Value status;
       EXPECT_EQ(ORVASchedEventTaskGetRunStatus(id, status), 0);
@@ -53,7 +53,7 @@ Json::Value WaitRuns(long id, unsigned n, bool event = false) {
     bool running = false;
     for (const Json::Value& r : runs) running = running || r["result"] == "running";
     return runs.size() >= n && !running;
-  }, 600);
+  }, 60);
   EXPECT_TRUE(done) << "task " << id << " did not finish " << n << " runs";
   return runs;
 }
@@ -63,31 +63,31 @@ class SchedRunTest : public ::testing::Test {
   void SetUp() override {
     setenv("ORVA_SCHEDRUN", ORVA_SCHEDRUN_PATH, 1);
     out_ = root_.path() + "/usr/orva/out";
-    ASSERT_EQ(orva_test::Shell("mkdir -p " + out_ + " && chmod 0777 " + out_), 0);
+    ASSERT_EQ(system(("mkdir -p " + out_ + " && chmod 0777 " + out_).c_str()), 0);
   }
-  void TearDown() override { orva_test::WaitForRunners(root_.path()); }
+  void TearDown() override { orvatest::WaitForRunners(root_.path()); }
 
   // `app`: the app the task belongs to; `appSameTime`: whether it may run beside the app's others.
   long Save(const std::string& command, uid_t owner, bool twice = false, const char* app = nullptr,
             bool appSameTime = true) {
-    Task t;
-    ORVASchedCTaskSetName(t.t, "run test");
-    ORVASchedCTaskSetCommand(t.t, command.c_str());
-    ORVASchedCTaskSetOwner(t.t, owner);
-    ORVASchedCTaskSetCanRunTaskSameTime(t.t, twice);
+    auto t = NewTask();
+    ORVASchedCTaskSetName(t.get(), "run test");
+    ORVASchedCTaskSetCommand(t.get(), command.c_str());
+    ORVASchedCTaskSetOwner(t.get(), owner);
+    ORVASchedCTaskSetCanRunTaskSameTime(t.get(), twice);
     if (app) {
-      ORVASchedCTaskSetApp(t.t, app);
-      ORVASchedCTaskSetCanRunAppSameTime(t.t, appSameTime);
+      ORVASchedCTaskSetApp(t.get(), app);
+      ORVASchedCTaskSetCanRunAppSameTime(t.get(), appSameTime);
     }
-    EXPECT_EQ(ORVASchedTaskSave(t.t), 0);
+    EXPECT_EQ(ORVASchedTaskSave(t.get()), 0);
     return ORVASchedTaskGetID(*t);
   }
   // Waits until a run of the task has started.
   static void WaitRunning(long id) {
     Json::Value status;
-    EXPECT_TRUE(orva_test::WaitFor([&] {
+    EXPECT_TRUE(orvatest::WaitFor([&] {
       return ORVASchedTaskGetRunStatus(static_cast<int>(id), status) == 0 && status["running"].asBool();
-    }, 300)) << id;
+    }, 30)) << id;
   }
 
   TempRoot root_;
@@ -97,11 +97,11 @@ class SchedRunTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
-  TestUser u("r");
+  TestUser u("", true);  // with an extra group
   long id = Save(
       "id -u > /usr/orva/out/ids; id -G >> /usr/orva/out/ids; env > /usr/orva/out/env;"
       " ls /proc/self/fd > /usr/orva/out/fds",
-      u.uid());
+      u.Uid());
   ASSERT_EQ(ORVASchedTaskRun(id, 0, 0), 0);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // detached: no child of the caller's
   ASSERT_EQ(WaitRuns(id, 1).size(), 1u);
@@ -109,15 +109,15 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   // The file is the owner's, written inside the namespace where $ROOT/usr/orva is /usr/orva.
   struct stat st;
   ASSERT_EQ(stat((out_ + "/ids").c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, u.uid());
-  EXPECT_EQ(st.st_gid, u.gid());
+  EXPECT_EQ(st.st_uid, u.Uid());
+  EXPECT_EQ(st.st_gid, u.Gid());
   std::istringstream ids(Slurp(out_ + "/ids"));
   unsigned uid = 0;
   ids >> uid;
-  EXPECT_EQ(uid, u.uid());
+  EXPECT_EQ(uid, u.Uid());
   std::set<unsigned> groups;
   for (unsigned g; ids >> g;) groups.insert(g);
-  EXPECT_EQ(groups, (std::set<unsigned>{u.gid(), u.extraGid()}));
+  EXPECT_EQ(groups, (std::set<unsigned>{u.Gid(), u.ExtraGid()}));
 
   // Only the allowed environment and the system root, plus what the shell itself sets.
   std::istringstream env(Slurp(out_ + "/env"));
@@ -125,7 +125,7 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   for (std::string line; std::getline(env, line);) names.insert(line.substr(0, line.find('=')));
   for (const char* shellOwn : {"PWD", "SHLVL", "OLDPWD", "_"}) names.erase(shellOwn);
   EXPECT_EQ(names, (std::set<std::string>{"HOME", "USER", "LOGNAME", "SHELL", "PATH", "LANG", "ORVA_ROOT"}));
-  EXPECT_NE(Slurp(out_ + "/env").find("USER=" + u.name() + "\n"), std::string::npos);
+  EXPECT_NE(Slurp(out_ + "/env").find("USER=" + u.Name() + "\n"), std::string::npos);
   EXPECT_NE(Slurp(out_ + "/env").find("ORVA_ROOT=" + ORVA::ORVARootGet() + "\n"), std::string::npos);
   // No inherited descriptors: 0-2 and the one ls opened to list them.
   std::istringstream fds(Slurp(out_ + "/fds"));
@@ -133,8 +133,8 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
 }
 
 TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
-  TestUser u("s");
-  long once = Save("echo begun; sleep 3; echo done", u.uid(), false);
+  TestUser u;
+  long once = Save("echo begun; sleep 3; echo done", u.Uid(), false);
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);  // returns at once: the run goes on detached
   WaitRunning(once);
   ASSERT_EQ(ORVASchedTaskRun(once, 0, 0), 0);
@@ -147,7 +147,7 @@ TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
   EXPECT_EQ(runs[1]["output"], "begun\ndone\n");
 
   // A task that may run twice at once does.
-  long twice = Save("sleep 1", u.uid(), true);
+  long twice = Save("sleep 1", u.Uid(), true);
   ASSERT_EQ(ORVASchedTaskRun(twice, 0, 0), 0);
   ASSERT_EQ(ORVASchedTaskRun(twice, 0, 0), 0);
   runs = WaitRuns(twice, 2);
@@ -155,8 +155,8 @@ TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
   EXPECT_EQ(runs[1]["result"], "success");
 
   // While a task of an app that may not run beside the app's others runs, they are skipped.
-  long first = Save("sleep 2", u.uid(), false, "ORVA.Test.Backup", false);
-  long second = Save("true", u.uid(), false, "ORVA.Test.Backup", true);
+  long first = Save("sleep 2", u.Uid(), false, "ORVA.Test.Backup", false);
+  long second = Save("true", u.Uid(), false, "ORVA.Test.Backup", true);
   ASSERT_EQ(ORVASchedTaskRun(first, 0, 0), 0);
   WaitRunning(first);
   ASSERT_EQ(ORVASchedTaskRun(second, 0, 0), 0);
@@ -167,31 +167,31 @@ TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
 }
 
 TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
-  TestUser u("u");
+  TestUser u;
   ORVASchedEventTask ev;
   ev.task_name = "boot";
-  ev.owner = u.uid();
+  ev.owner = u.Uid();
   ev.event = "bootup";
   ev.script = "echo booted as $(id -un)";
   ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
-  ASSERT_EQ(orva_test::Shell(std::string(ORVA_SCHEDRUN_PATH) + " --root " + root_.path() + " --event-task " +
-                             std::to_string(ev.id)),
+  ASSERT_EQ(system((std::string(ORVA_SCHEDRUN_PATH) + " --root " + root_.path() + " --event-task " +
+                    std::to_string(ev.id)).c_str()),
             0);
   Json::Value runs = WaitRuns(ev.id, 1, true);
   EXPECT_EQ(runs[0]["trigger"], "event");
-  EXPECT_EQ(runs[0]["output"], "booted as " + u.name() + "\n");
+  EXPECT_EQ(runs[0]["output"], "booted as " + u.Name() + "\n");
   // Task ids and event task ids are apart: there is no task of that id.
   Json::Value status;
   EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(ev.id), status), -1);
 
-  Task t;
-  ASSERT_EQ(ORVASchedTaskLoadByUser(u.c_str(), -1, t.t), 0);
-  ORVASchedCTaskSetCommand(t.t, "id -u");
-  ASSERT_EQ(ORVASchedTaskSaveByUser(u.c_str(), t.t), 0);
+  auto t = NewTask();
+  ASSERT_EQ(ORVASchedTaskLoadByUser(u.Name().c_str(), -1, t.get()), 0);
+  ORVASchedCTaskSetCommand(t.get(), "id -u");
+  ASSERT_EQ(ORVASchedTaskSaveByUser(u.Name().c_str(), t.get()), 0);
   long id = ORVASchedTaskGetID(*t);
-  ASSERT_EQ(ORVASchedTaskRunByUser(u.c_str(), id, 0, 0), 0);
+  ASSERT_EQ(ORVASchedTaskRunByUser(u.Name().c_str(), id, 0, 0), 0);
   runs = WaitRuns(id, 1);
-  EXPECT_EQ(runs[0]["output"], std::to_string(u.uid()) + "\n");
+  EXPECT_EQ(runs[0]["output"], std::to_string(u.Uid()) + "\n");
   EXPECT_EQ(runs[0]["result"], "success");
 }
 
@@ -199,11 +199,11 @@ TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
 // of the output with an invalid byte as U+FFFD (3 bytes instead of 1), and a refusal to
 // run as an owner that no longer exists.
 TEST_F(SchedRunTest, RecordsExitSignalAndOutput) {
-  TestUser u("o");
+  TestUser u;
   uid_t gone;
   {
-    TestUser g("g");
-    gone = g.uid();
+    TestUser g;
+    gone = g.Uid();
   }
   const std::string tail = std::string(ORVA_SCHED_RUN_OUTPUT_MAX - 5, 'a') + "\xef\xbf\xbd" "END\n";
   const struct {
@@ -220,7 +220,7 @@ TEST_F(SchedRunTest, RecordsExitSignalAndOutput) {
   };
   std::vector<long> ids;
   for (const auto& c : cases) {
-    ids.push_back(Save(c.command, c.goneOwner ? gone : u.uid()));
+    ids.push_back(Save(c.command, c.goneOwner ? gone : u.Uid()));
     ASSERT_EQ(ORVASchedTaskRun(ids.back(), 0, 0), 0);
   }
   for (size_t i = 0; i < ids.size(); ++i) {
@@ -248,7 +248,7 @@ bool Ended(pid_t pid) {
 }
 
 TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
-  TestUser u("p");
+  TestUser u;
   struct Case {
     const char* command;
     int signal;  // what the command's shell ended with
@@ -258,13 +258,13 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.command);
-    long id = Save(c.command, u.uid());
+    long id = Save(c.command, u.Uid());
     ASSERT_EQ(ORVASchedTaskRun(id, 0, 0), 0);
     Json::Value status;
-    ASSERT_TRUE(orva_test::WaitFor([&] {
+    ASSERT_TRUE(orvatest::WaitFor([&] {
       return ORVASchedTaskGetRunStatus(static_cast<int>(id), status) == 0 &&
              status["last_run"]["output"] == "begun\n";
-    }, 50)) << status;
+    }, 5)) << status;
     int64_t runId = 0;
     ASSERT_EQ(ORVASchedTaskStop(id, &runId), 0);
     Json::Value runs = WaitRuns(id, 1);
@@ -277,11 +277,11 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   }
   // The background process of the group went too.
   pid_t bg = static_cast<pid_t>(std::stol(Slurp(out_ + "/bg")));
-  EXPECT_TRUE(orva_test::WaitFor([&] { return Ended(bg); }));
+  EXPECT_TRUE(orvatest::WaitFor([&] { return Ended(bg); }));
 
   // An open run whose recorded runner is not the process that has the pid now: nothing
   // is signalled, and it is not shown as running.
-  long id = Save("true", u.uid());
+  long id = Save("true", u.Uid());
   pid_t other = fork();
   if (other == 0) {
     execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
@@ -292,7 +292,7 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   Json::Value status;
   ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
   EXPECT_TRUE(status["running"].asBool());
-  orva_test::QueryOne(ORVASchedStoreDbPath(),
+  orvatest::QueryOne(ORVASchedStoreDbPath(),
                       ("UPDATE runs SET runner_start = runner_start + 1 WHERE id = " + std::to_string(run)).c_str());
   EXPECT_EQ(ORVASchedTaskStop(id, nullptr), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_RUNNING);
@@ -335,10 +335,10 @@ TEST_F(SchedRunTest, RunnerCommandLine) {
       {"--event-task 999", 1},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(orva_test::Shell(run + c.args + " >/dev/null 2>&1"), c.status) << c.args;
+    EXPECT_EQ(orvatest::ExitStatus(system((run + c.args + " >/dev/null 2>&1").c_str())), c.status) << c.args;
   }
   long id = Save("echo hi", 0);
-  EXPECT_EQ(orva_test::Shell(run + std::to_string(id) + " --trigger schedule >/dev/null 2>&1"), 0);
+  EXPECT_EQ(system((run + std::to_string(id) + " --trigger schedule >/dev/null 2>&1").c_str()), 0);
   Json::Value runs = WaitRuns(id, 1);
   EXPECT_EQ(runs[0]["trigger"], "schedule");
   EXPECT_EQ(runs[0]["output"], "hi\n");

@@ -14,8 +14,8 @@
 #include "scheduler/store.h"
 #include "test_util.h"
 
-using orva_test::Task;
-using orva_test::TempRoot;
+using orvatest::NewTask;
+using orvatest::TempRoot;
 
 TEST(SchedCrash, KilledWriterLosesNoAcknowledgedSave) {
   TempRoot root;
@@ -29,11 +29,11 @@ TEST(SchedCrash, KilledWriterLosesNoAcknowledgedSave) {
     if (pid == 0) {
       close(pfd[0]);
       for (long i = 0;; ++i) {
-        Task t;
+        auto t = NewTask();
         std::string name = "r" + std::to_string(round) + "-" + std::to_string(i);
-        ORVASchedCTaskSetName(t.t, name.c_str());
-        ORVASchedCTaskSetCommand(t.t, std::string(2000, 'c').c_str());  // bigger pages, longer commits
-        if (ORVASchedTaskSave(t.t) != 0) _exit(1);
+        ORVASchedCTaskSetName(t.get(), name.c_str());
+        ORVASchedCTaskSetCommand(t.get(), std::string(2000, 'c').c_str());  // bigger pages, longer commits
+        if (ORVASchedTaskSave(t.get()) != 0) _exit(1);
         long id = ORVASchedTaskGetID(*t);
         if (write(pfd[1], &id, sizeof(id)) != sizeof(id)) _exit(2);  // acknowledged
       }
@@ -50,10 +50,10 @@ TEST(SchedCrash, KilledWriterLosesNoAcknowledgedSave) {
     close(pfd[0]);
     EXPECT_GT(acked.size(), before) << "round " << round << " saved nothing";
 
-    ASSERT_EQ(orva_test::QueryOne(ORVASchedStoreDbPath(), "PRAGMA integrity_check"), "ok");
+    ASSERT_EQ(orvatest::QueryOne(ORVASchedStoreDbPath(), "PRAGMA integrity_check"), "ok");
     for (size_t i = before; i < acked.size(); ++i) {
-      Task back;
-      ASSERT_EQ(ORVASchedTaskLoad(acked[i], back.t), 0) << "lost acknowledged task " << acked[i];
+      auto back = NewTask();
+      ASSERT_EQ(ORVASchedTaskLoad(acked[i], back.get()), 0) << "lost acknowledged task " << acked[i];
       EXPECT_EQ(ORVASchedTaskGetName(*back), "r" + std::to_string(round) + "-" + std::to_string(i - before));
     }
   }
@@ -73,9 +73,9 @@ TEST(SchedCrash, TwoWritersLoseNothing) {
       char c;
       if (read(go[0], &c, 1) != 0) _exit(3);  // released when the parent closes the pipe
       for (int i = 0; i < kSaves; ++i) {
-        Task t;
-        ORVASchedCTaskSetName(t.t, ("w" + std::to_string(w) + "-" + std::to_string(i)).c_str());
-        if (ORVASchedTaskSave(t.t) != 0) {
+        auto t = NewTask();
+        ORVASchedCTaskSetName(t.get(), ("w" + std::to_string(w) + "-" + std::to_string(i)).c_str());
+        if (ORVASchedTaskSave(t.get()) != 0) {
           fprintf(stderr, "writer %d save %d failed: 0x%04X\n", w, i, KELCErrGet());
           _exit(1);
         }
@@ -104,5 +104,5 @@ TEST(SchedCrash, TwoWritersLoseNothing) {
       EXPECT_EQ(names.count("w" + std::to_string(w) + "-" + std::to_string(i)), i % 10 == 0 ? 0u : 1u);
     }
   }
-  EXPECT_EQ(orva_test::QueryOne(ORVASchedStoreDbPath(), "PRAGMA integrity_check"), "ok");
+  EXPECT_EQ(orvatest::QueryOne(ORVASchedStoreDbPath(), "PRAGMA integrity_check"), "ok");
 }

@@ -7,19 +7,12 @@
 #include "scheduler/task_json.h"
 #include "test_util.h"
 
-using orva_test::Task;
-using orva_test::TestUser;
+using orvatest::NewTask;
+using orvatest::TestUser;
 
 namespace {
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  Json::CharReaderBuilder b;
-  std::string errs;
-  std::unique_ptr<Json::CharReader> r(b.newCharReader());
-  EXPECT_TRUE(r->parse(text.data(), text.data() + text.size(), &v, &errs)) << text;
-  return v;
-}
+Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
 
 // The record's bytes, to prove a refused conversion changed nothing.
 std::string Bytes(const ORVA_SCHED_TASK& t) { return std::string(reinterpret_cast<const char*>(&t), sizeof(t)); }
@@ -27,18 +20,18 @@ std::string Bytes(const ORVA_SCHED_TASK& t) { return std::string(reinterpret_cas
 }  // namespace
 
 TEST(SchedJson, BasicToJsonHasEveryKey) {
-  TestUser a("a");
-  Task t;
-  ORVASchedCTaskSetID(t.t, 42);
-  ORVASchedCTaskSetName(t.t, "n\"ame");
-  ORVASchedCTaskSetOwner(t.t, a.uid());
-  ORVASchedCTaskSetRealOwner(t.t, true, a.uid());
-  ORVASchedCTaskSetState(t.t, 0);
-  ORVASchedCTaskSetApp(t.t, "ORVA.VEK.TaskScheduler.Beep");
-  ORVASchedCTaskSetAppName(t.t, "#beep:beep_title#");
-  ORVASchedCTaskSetAction(t.t, "#beep:beep_action#");
-  ORVASchedCTaskSetEditForm(t.t, "Form");
-  ORVASchedCTaskSetCanEditOwner(t.t, 1);
+  TestUser a;
+  auto t = NewTask();
+  ORVASchedCTaskSetID(t.get(), 42);
+  ORVASchedCTaskSetName(t.get(), "n\"ame");
+  ORVASchedCTaskSetOwner(t.get(), a.Uid());
+  ORVASchedCTaskSetRealOwner(t.get(), true, a.Uid());
+  ORVASchedCTaskSetState(t.get(), 0);
+  ORVASchedCTaskSetApp(t.get(), "ORVA.VEK.TaskScheduler.Beep");
+  ORVASchedCTaskSetAppName(t.get(), "#beep:beep_title#");
+  ORVASchedCTaskSetAction(t.get(), "#beep:beep_action#");
+  ORVASchedCTaskSetEditForm(t.get(), "Form");
+  ORVASchedCTaskSetCanEditOwner(t.get(), 1);
   Json::Value task = Parse(R"({"keep": 1})");
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, task));
   Json::Value want = Parse(R"({"keep": 1, "basic": {"id": 42, "task_name": "n\"ame", "enabled": "off",
@@ -46,10 +39,10 @@ TEST(SchedJson, BasicToJsonHasEveryKey) {
       "edit_form": "Form", "can_edit_name": true, "can_edit_owner": true, "can_edit_from_ui": true,
       "can_delete_from_ui": true, "can_run_from_ui": true, "simple_edit_form": false, "listable": true,
       "can_run_app_same_time": true, "can_run_task_same_time": false}})");
-  want["basic"]["owner"] = want["basic"]["real_owner"] = a.name();
+  want["basic"]["owner"] = want["basic"]["real_owner"] = a.Name();
   EXPECT_EQ(task, want);
 
-  Task sys;  // a new system task
+  auto sys = NewTask();  // a new system task
   Json::Value fresh;
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*sys, fresh));
   EXPECT_EQ(fresh["basic"]["id"], -1);
@@ -61,23 +54,23 @@ TEST(SchedJson, BasicToJsonHasEveryKey) {
 }
 
 TEST(SchedJson, BasicFromJsonAtTheLimitAndOver) {
-  TestUser a("a");
-  Task t;
+  TestUser a;
+  auto t = NewTask();
   std::string longest(ORVA_SCHED_NAME_MAX - 1, 'n');
   Json::Value in;
   in["basic"]["id"] = "17";
   in["basic"]["task_name"] = longest;
-  in["basic"]["owner"] = a.name();
+  in["basic"]["owner"] = a.Name();
   in["basic"]["enabled"] = "OFF";
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic(in, *t));
   EXPECT_EQ(ORVASchedTaskGetID(*t), 17);
   EXPECT_EQ(ORVASchedTaskGetName(*t), longest);
-  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.uid());
+  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.Uid());
   EXPECT_FALSE(ORVASchedTaskIsEnabled(*t));
   // Back to JSON and in again: the same record.
   Json::Value out;
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, out));
-  Task again;
+  auto again = NewTask();
   out["basic"]["id"] = std::to_string(out["basic"]["id"].asInt());
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic(out, *again));
   EXPECT_EQ(Bytes(*again), Bytes(*t));
@@ -96,7 +89,7 @@ TEST(SchedJson, BasicFromJsonAtTheLimitAndOver) {
   EXPECT_EQ(ORVASchedTaskGetID(*again), -1);
   EXPECT_TRUE(ORVASchedTaskIsNew(*again));
   EXPECT_EQ(ORVASchedTaskGetName(*again), longest);
-  EXPECT_EQ(ORVASchedTaskGetOwner(*again), a.uid());
+  EXPECT_EQ(ORVASchedTaskGetOwner(*again), a.Uid());
 }
 
 TEST(SchedJson, BasicFromJsonRefusesBadValues) {
@@ -124,7 +117,7 @@ TEST(SchedJson, BasicFromJsonRefusesBadValues) {
       {R"({"basic": {"id": "5", "task_name": "x", "enabled": "maybe"}})", ORVA_SCHED_ERR_INVALID},
   };
   for (const Case& c : cases) {
-    Task t;
+    auto t = NewTask();
     std::string before = Bytes(*t);
     EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic(Parse(c.json), *t)) << c.json;
     EXPECT_EQ(KELCErrGet(), c.code) << c.json;
@@ -132,27 +125,27 @@ TEST(SchedJson, BasicFromJsonRefusesBadValues) {
   }
   // Accepted forms of the id.
   for (const char* ok : {R"({"basic": {"id": 12}})", R"({"basic": {"id": "12"}})", R"({"basic": {}})", R"({})"}) {
-    Task t;
+    auto t = NewTask();
     EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic(Parse(ok), *t)) << ok;
   }
 }
 
 TEST(SchedJson, BasicByUser) {
-  TestUser a("a"), b("b");
-  Task t;
+  TestUser a, b;
+  auto t = NewTask();
   Json::Value in;
   in["basic"]["task_name"] = "mine";
-  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.name(), in, *t));
-  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.uid());  // absent owner: the user
-  EXPECT_EQ(ORVASchedTaskGetRealOwner(*t), a.uid());
+  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *t));
+  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.Uid());  // absent owner: the user
+  EXPECT_EQ(ORVASchedTaskGetRealOwner(*t), a.Uid());
   EXPECT_EQ(ORVASchedTaskGetMarker(*t), ORVA_SCHED_MARKER_BY_USER);
-  in["basic"]["owner"] = a.name();
-  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.name(), in, *t));
-  for (const std::string& other : {b.name(), std::string("root")}) {
+  in["basic"]["owner"] = a.Name();
+  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *t));
+  for (const std::string& other : {b.Name(), std::string("root")}) {
     in["basic"]["owner"] = other;
-    Task u;
+    auto u = NewTask();
     std::string before = Bytes(*u);
-    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.name(), in, *u)) << other;
+    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *u)) << other;
     EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER);
     EXPECT_EQ(Bytes(*u), before);
   }
@@ -162,7 +155,7 @@ TEST(SchedJson, BasicByUser) {
 }
 
 TEST(SchedJson, ScheduleRoundTrip) {
-  Task t;
+  auto t = NewTask();
   Json::Value in = Parse(R"({"schedule": {
       "repeat": "weekly", "date": "2031-12-31", "week_name": "0,2,6", "hour": 23, "min": 59,
       "repeat_hour": 0, "repeat_min": 59, "last_work_hour": 23,
@@ -180,14 +173,14 @@ TEST(SchedJson, ScheduleRoundTrip) {
   EXPECT_EQ(s["next_trigger_time"], ORVASchedTaskGetNextTriggerTime(*t));
   EXPECT_NE(s["next_trigger_time"], "N/A");
   // The object the conversion wrote reads back to the same record.
-  Task again;
+  auto again = NewTask();
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(out, *again));
   EXPECT_EQ(memcmp(&again->schedule, &t->schedule, sizeof(ORVA_SCHED_SCHEDULE)), 0);
 
   // Absent keys keep the record's values.
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat": "once"}})"), *again));
   Json::Value disabled;
-  ORVASchedCTaskSetState(again.t, 0);
+  ORVASchedCTaskSetState(again.get(), 0);
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Schedule(*again, disabled));
   EXPECT_EQ(disabled["schedule"]["next_trigger_time"], "N/A");
   EXPECT_EQ(disabled["schedule"]["repeat"], "once");
@@ -232,14 +225,14 @@ TEST(SchedJson, ScheduleRefusesBadValues) {
       R"({"schedule": {"hour": 7, "min": 7, "repeat": "never"}})",
   };
   for (const char* c : cases) {
-    Task t;
+    auto t = NewTask();
     std::string before = Bytes(*t);
     EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(c), *t)) << c;
     EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_INVALID) << c;
     EXPECT_EQ(Bytes(*t), before) << c;
   }
   // A repeat_hour already set conflicts with a new repeat_min unless cleared with it.
-  Task t;
+  auto t = NewTask();
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_hour": 3}})"), *t));
   EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_min": 5}})"), *t));
   EXPECT_TRUE(

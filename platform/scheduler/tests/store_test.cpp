@@ -19,9 +19,9 @@
 #include "scheduler/task_fields.h"
 #include "test_util.h"
 
-using orva_test::Task;
-using orva_test::TempRoot;
-using orva_test::TestUser;
+using orvatest::NewTask;
+using orvatest::TempRoot;
+using orvatest::TestUser;
 
 namespace {
 
@@ -90,16 +90,16 @@ void SetOnce(ORVA_SCHED_TASK* t, int year, int hour) {
 // Allocated, loaded as id -1 (over garbage) or for a user, or zero-filled: a new task.
 TEST(SchedStore, FreshRecords) {
   TempRoot root;
-  TestUser a("a");
-  Task alloc, loaded, byUser;
-  memset(loaded.t, 0x5a, sizeof(*loaded.t));
-  ASSERT_EQ(ORVASchedTaskLoad(-1, loaded.t), 0);
-  ASSERT_EQ(ORVASchedTaskLoadByUser(a.c_str(), -1, byUser.t), 0);
-  EXPECT_EQ(memcmp(alloc.t, loaded.t, sizeof(ORVA_SCHED_TASK)), 0);
+  TestUser a;
+  auto alloc = NewTask(), loaded = NewTask(), byUser = NewTask();
+  memset(loaded.get(), 0x5a, sizeof(*loaded.get()));
+  ASSERT_EQ(ORVASchedTaskLoad(-1, loaded.get()), 0);
+  ASSERT_EQ(ORVASchedTaskLoadByUser(a.Name().c_str(), -1, byUser.get()), 0);
+  EXPECT_EQ(memcmp(alloc.get(), loaded.get(), sizeof(ORVA_SCHED_TASK)), 0);
   // Read on behalf of a user, it already runs as that user and is theirs.
   EXPECT_EQ(std::vector<int64_t>({ORVASchedTaskGetOwner(*byUser), ORVASchedTaskGetRealOwner(*byUser),
                                   ORVASchedTaskGetMarker(*byUser)}),
-            std::vector<int64_t>({a.uid(), a.uid(), ORVA_SCHED_MARKER_BY_USER}));
+            std::vector<int64_t>({a.Uid(), a.Uid(), ORVA_SCHED_MARKER_BY_USER}));
   EXPECT_TRUE(ORVASchedTaskIsNew(*byUser) && ORVASchedTaskIsNew(*alloc));
   EXPECT_EQ(ORVASchedTaskGetID(*alloc), -1);
   std::string on;
@@ -119,7 +119,7 @@ TEST(SchedStore, FreshRecords) {
   EXPECT_EQ(ORVASchedTaskGetNextTriggerTime(*zero), "N/A");  // no schedule
   ASSERT_EQ(ORVASchedTaskSave(zero), 0);
   EXPECT_FALSE(ORVASchedTaskIsNew(*zero));
-  ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*zero), alloc.t), 0);
+  ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*zero), alloc.get()), 0);
   EXPECT_STREQ(ORVASchedTaskGetName(*alloc), "zeroed");
   free(zero);
 }
@@ -129,10 +129,10 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
   ASSERT_EQ(kTextFields.size(), 8u);
   for (const TextField& f : kTextFields) {
     SCOPED_TRACE(f.name);
-    Task t;
+    auto t = NewTask();
     std::string fits = std::string(f.size - 2, 'x') + "\xc3";  // any byte, up to size - 1
-    f.set(t.t, fits.c_str());
-    ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
+    f.set(t.get(), fits.c_str());
+    ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
     // Listed, the text reads in full from the record, from a copy, and from a copy that
     // outlives its listing; saved as listed it is kept; a text set on a listed record or
     // a copy is what was set there only.
@@ -143,8 +143,8 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
     f.set(&mine, "mine");
     EXPECT_EQ(std::string(f.get(*listed)), fits);
     ASSERT_EQ(ORVASchedTaskSave(listed), 0);
-    Task back;
-    ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*t), back.t), 0);
+    auto back = NewTask();
+    ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*t), back.get()), 0);
     EXPECT_EQ(std::string(f.get(*back)), fits);
     EXPECT_EQ(ORVASchedTaskGetTruncated(*back), 0u);
     f.set(listed, "set");
@@ -157,21 +157,21 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
     // One byte over: kept cut and marked, refused by save (a new task and a stored one
     // alike), until a text that fits clears the mark.
     std::string tooLong(f.size, 'y');
-    f.set(back.t, tooLong.c_str());
+    f.set(back.get(), tooLong.c_str());
     EXPECT_EQ(ORVASchedTaskGetTruncated(*back), f.bit);
     EXPECT_EQ(std::string(f.get(*back)), tooLong.substr(0, f.size - 1));
-    EXPECT_EQ(ORVASchedTaskSave(back.t), -1);
+    EXPECT_EQ(ORVASchedTaskSave(back.get()), -1);
     EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_TOO_LONG);
     EXPECT_STREQ(KELCErrorGetFile(), "store.cpp");
-    Task over;
-    f.set(over.t, tooLong.c_str());
-    EXPECT_EQ(ORVASchedTaskSave(over.t), -1);
+    auto over = NewTask();
+    f.set(over.get(), tooLong.c_str());
+    EXPECT_EQ(ORVASchedTaskSave(over.get()), -1);
     EXPECT_EQ(CountTasks(), 1);
-    ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*t), back.t), 0);
+    ASSERT_EQ(ORVASchedTaskLoad(ORVASchedTaskGetID(*t), back.get()), 0);
     EXPECT_EQ(std::string(f.get(*back)), fits);
-    f.set(over.t, "short");
+    f.set(over.get(), "short");
     EXPECT_EQ(ORVASchedTaskGetTruncated(*over), 0u);
-    ASSERT_EQ(ORVASchedTaskSave(over.t), 0);
+    ASSERT_EQ(ORVASchedTaskSave(over.get()), 0);
     ASSERT_EQ(ORVASchedTaskRemove(ORVASchedTaskGetID(*over)), 0);
     ASSERT_EQ(ORVASchedTaskRemove(ORVASchedTaskGetID(*t)), 0);
   }
@@ -181,12 +181,12 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
 // same through its getter from a listing.
 TEST(SchedStore, EveryFieldRoundTrips) {
   TempRoot root;
-  Task t;
-  for (const TextField& f : kTextFields) f.set(t.t, (std::string("text of ") + f.name + " \"'\n\t").c_str());
-  for (const FlagField& f : kFlagFields) f.set(t.t, !f.get(*t));
-  ORVASchedCTaskSetID(t.t, 4242);
-  ORVASchedCTaskSetOwner(t.t, 2);
-  ORVASchedCTaskSetRealOwner(t.t, true, 2);
+  auto t = NewTask();
+  for (const TextField& f : kTextFields) f.set(t.get(), (std::string("text of ") + f.name + " \"'\n\t").c_str());
+  for (const FlagField& f : kFlagFields) f.set(t.get(), !f.get(*t));
+  ORVASchedCTaskSetID(t.get(), 4242);
+  ORVASchedCTaskSetOwner(t.get(), 2);
+  ORVASchedCTaskSetRealOwner(t.get(), true, 2);
   ORVA_SCHED_SCHEDULE& s = t->schedule;
   s.repeat = ORVA_SCHED_REPEAT_WEEKLY;
   s.year = 2031, s.month = 12, s.day = 31, s.week_mask = 0x41;
@@ -195,10 +195,10 @@ TEST(SchedStore, EveryFieldRoundTrips) {
   for (unsigned i = 0; i < ORVA_SCHED_REPEAT_CFG_MAX; ++i) s.repeat_min_cfg[i] = static_cast<uint8_t>(59 - i);
   memset(s.repeat_hour_cfg, 0, sizeof(s.repeat_hour_cfg));
   s.n_repeat_hour_cfg = 1, s.repeat_hour_cfg[0] = 23;
-  ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
-  Task back;
-  ASSERT_EQ(ORVASchedTaskLoad(4242, back.t), 0);
-  EXPECT_EQ(memcmp(t.t, back.t, sizeof(ORVA_SCHED_TASK)), 0);
+  ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
+  auto back = NewTask();
+  ASSERT_EQ(ORVASchedTaskLoad(4242, back.get()), 0);
+  EXPECT_EQ(memcmp(t.get(), back.get(), sizeof(ORVA_SCHED_TASK)), 0);
   EXPECT_FALSE(ORVASchedTaskIsNew(*back));
   ORVA_SCHED_TASK* list = nullptr;
   ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 1);
@@ -213,27 +213,27 @@ TEST(SchedStore, EveryFieldRoundTrips) {
 
 TEST(SchedStore, IdsAssignedAndKept) {
   TempRoot root;
-  Task a, b, fixed, next;
-  ASSERT_EQ(ORVASchedTaskSave(a.t), 0);
-  ASSERT_EQ(ORVASchedTaskSave(b.t), 0);
+  auto a = NewTask(), b = NewTask(), fixed = NewTask(), next = NewTask();
+  ASSERT_EQ(ORVASchedTaskSave(a.get()), 0);
+  ASSERT_EQ(ORVASchedTaskSave(b.get()), 0);
   const long idA = ORVASchedTaskGetID(*a);
   EXPECT_EQ(ORVASchedTaskGetID(*b), idA + 1);
   // Saving again keeps the id and replaces the stored task.
-  ORVASchedCTaskSetName(a.t, "renamed");
-  ASSERT_EQ(ORVASchedTaskSave(a.t), 0);
+  ORVASchedCTaskSetName(a.get(), "renamed");
+  ASSERT_EQ(ORVASchedTaskSave(a.get()), 0);
   EXPECT_EQ(ORVASchedTaskGetID(*a), idA);
   // A record that carries an id is stored under it; ids are never reused.
-  ORVASchedCTaskSetID(fixed.t, 500);
-  ASSERT_EQ(ORVASchedTaskSave(fixed.t), 0);
-  ASSERT_EQ(ORVASchedTaskSave(next.t), 0);
+  ORVASchedCTaskSetID(fixed.get(), 500);
+  ASSERT_EQ(ORVASchedTaskSave(fixed.get()), 0);
+  ASSERT_EQ(ORVASchedTaskSave(next.get()), 0);
   ASSERT_EQ(ORVASchedTaskRemove(501), 0);
-  ORVASchedCTaskSetID(next.t, -1);
-  ASSERT_EQ(ORVASchedTaskSave(next.t), 0);
+  ORVASchedCTaskSetID(next.get(), -1);
+  ASSERT_EQ(ORVASchedTaskSave(next.get()), 0);
   EXPECT_EQ(ORVASchedTaskGetID(*next), 502);
   EXPECT_EQ(CountTasks(), 4);
   // Unknown ids: load leaves the record untouched; remove, run and status fail.
   for (long id : {501L, 0L, 9999L, -5L}) {
-    EXPECT_EQ(ORVASchedTaskLoad(id, a.t), -1) << id;
+    EXPECT_EQ(ORVASchedTaskLoad(id, a.get()), -1) << id;
     EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_FOUND);
     EXPECT_EQ(ORVASchedTaskRemove(id), -1) << id;
     EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_FOUND);
@@ -243,7 +243,7 @@ TEST(SchedStore, IdsAssignedAndKept) {
   }
   EXPECT_EQ(ORVASchedTaskRemove(-1), -1);
   EXPECT_STREQ(ORVASchedTaskGetName(*a), "renamed");
-  ASSERT_EQ(ORVASchedTaskLoad(idA, b.t), 0);
+  ASSERT_EQ(ORVASchedTaskLoad(idA, b.get()), 0);
   EXPECT_STREQ(ORVASchedTaskGetName(*b), "renamed");
 }
 
@@ -264,9 +264,9 @@ TEST(SchedStore, BadScheduleIsNotSaved) {
       {"config 0", [](ORVA_SCHED_SCHEDULE& s) { s.repeat_min_cfg[0] = 0; }},
   };
   for (const Case& c : cases) {
-    Task t;
+    auto t = NewTask();
     c.spoil(t->schedule);
-    EXPECT_EQ(ORVASchedTaskSave(t.t), -1) << c.what;
+    EXPECT_EQ(ORVASchedTaskSave(t.get()), -1) << c.what;
     EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_INVALID) << c.what;
   }
   EXPECT_EQ(CountTasks(), 0);
@@ -274,11 +274,11 @@ TEST(SchedStore, BadScheduleIsNotSaved) {
 
 TEST(SchedStore, ByUserMatrix) {
   TempRoot root;
-  TestUser a("a"), b("b");
+  TestUser a, b;
   setenv("ORVA_SCHEDRUN", ORVA_SCHEDRUN_PATH, 1);
   enum Actor { kSystem, kA, kB };
-  const char* names[] = {nullptr, a.c_str(), b.c_str()};
-  const uid_t uids[] = {0, a.uid(), b.uid()};
+  const char* names[] = {nullptr, a.Name().c_str(), b.Name().c_str()};
+  const uid_t uids[] = {0, a.Uid(), b.Uid()};
   // Each operation as the system (no user name) or on behalf of a user.
   auto load = [](const char* u, long id, ORVA_SCHED_TASK* t) {
     return u ? ORVASchedTaskLoadByUser(u, id, t) : ORVASchedTaskLoad(id, t);
@@ -299,57 +299,57 @@ TEST(SchedStore, ByUserMatrix) {
       SCOPED_TRACE("owner " + std::to_string(owner) + " actor " + std::to_string(actor));
       // The system touches every task, a user only their own.
       const bool ok = actor == kSystem || actor == owner;
-      Task made;
-      ORVASchedCTaskSetName(made.t, "task");
-      ORVASchedCTaskSetCommand(made.t, "true");
-      ORVASchedCTaskSetOwner(made.t, uids[owner]);
-      ASSERT_EQ(save(names[owner], made.t), 0);
+      auto made = NewTask();
+      ORVASchedCTaskSetName(made.get(), "task");
+      ORVASchedCTaskSetCommand(made.get(), "true");
+      ORVASchedCTaskSetOwner(made.get(), uids[owner]);
+      ASSERT_EQ(save(names[owner], made.get()), 0);
       EXPECT_EQ(ORVASchedTaskGetMarker(*made), owner == kSystem ? 0 : ORVA_SCHED_MARKER_BY_USER);
       EXPECT_EQ(ORVASchedTaskGetRealOwner(*made), uids[owner]);
       const long id = ORVASchedTaskGetID(*made);
 
-      Task t, check2;
-      check(load(names[actor], id, t.t), ok, "load");
+      auto t = NewTask(), check2 = NewTask();
+      check(load(names[actor], id, t.get()), ok, "load");
       // Save: the stored task loaded by the system, changed and saved by the actor.
-      ASSERT_EQ(ORVASchedTaskLoad(id, t.t), 0);
-      ORVASchedCTaskSetName(t.t, "changed");
-      check(save(names[actor], t.t), ok, "save");
-      ASSERT_EQ(ORVASchedTaskLoad(id, check2.t), 0);
+      ASSERT_EQ(ORVASchedTaskLoad(id, t.get()), 0);
+      ORVASchedCTaskSetName(t.get(), "changed");
+      check(save(names[actor], t.get()), ok, "save");
+      ASSERT_EQ(ORVASchedTaskLoad(id, check2.get()), 0);
       EXPECT_STREQ(ORVASchedTaskGetName(*check2), ok ? "changed" : "task");
       // A plain save keeps a user's task theirs.
       EXPECT_EQ(ORVASchedTaskGetMarker(*check2), owner == kSystem ? 0 : ORVA_SCHED_MARKER_BY_USER);
       check(run(names[actor], id), ok, "run");
       check(remove(names[actor], id), ok, "remove");
-      EXPECT_EQ(ORVASchedTaskLoad(id, check2.t), ok ? -1 : 0);
+      EXPECT_EQ(ORVASchedTaskLoad(id, check2.get()), ok ? -1 : 0);
     }
   }
 
   // A user can never make a task run as anyone else, nor through a plain save of a
   // record marked as theirs.
-  Task other;
-  for (uid_t uid : {b.uid(), uid_t(0)}) {
-    ORVASchedCTaskSetOwner(other.t, uid);
-    check(save(a.c_str(), other.t), false, "save as another");
+  auto other = NewTask();
+  for (uid_t uid : {b.Uid(), uid_t(0)}) {
+    ORVASchedCTaskSetOwner(other.get(), uid);
+    check(save(a.Name().c_str(), other.get()), false, "save as another");
   }
-  ORVASchedCTaskSetRealOwner(other.t, true, a.uid());
-  check(save(nullptr, other.t), false, "plain save of a user's record run as root");
+  ORVASchedCTaskSetRealOwner(other.get(), true, a.Uid());
+  check(save(nullptr, other.get()), false, "plain save of a user's record run as root");
   // A user's new record, and a stored id that is free, become the user's.
-  Task mine;
-  ASSERT_EQ(load(a.c_str(), -1, mine.t), 0);
-  ORVASchedCTaskSetID(mine.t, 777);
-  ASSERT_EQ(save(a.c_str(), mine.t), 0);
+  auto mine = NewTask();
+  ASSERT_EQ(load(a.Name().c_str(), -1, mine.get()), 0);
+  ORVASchedCTaskSetID(mine.get(), 777);
+  ASSERT_EQ(save(a.Name().c_str(), mine.get()), 0);
   EXPECT_EQ(ORVASchedTaskGetID(*mine), 777);
-  EXPECT_EQ(load(a.c_str(), 777, mine.t), 0);
-  EXPECT_EQ(load(b.c_str(), 777, mine.t), -1);
+  EXPECT_EQ(load(a.Name().c_str(), 777, mine.get()), 0);
+  EXPECT_EQ(load(b.Name().c_str(), 777, mine.get()), -1);
   // Unknown users fail everywhere; so does running a task that was never saved.
   const char* ghost = "orvat-no-such-user";
-  EXPECT_EQ(load(ghost, -1, mine.t), -1);
+  EXPECT_EQ(load(ghost, -1, mine.get()), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NO_USER);
-  EXPECT_EQ(save(ghost, mine.t), -1);
+  EXPECT_EQ(save(ghost, mine.get()), -1);
   EXPECT_EQ(remove(ghost, 777), -1);
   EXPECT_EQ(run(ghost, 777), -1);
-  EXPECT_EQ(run(a.c_str(), -1), -1);
-  orva_test::WaitForRunners(root.path());
+  EXPECT_EQ(run(a.Name().c_str(), -1), -1);
+  orvatest::WaitForRunners(root.path());
 }
 
 namespace {
@@ -364,9 +364,9 @@ int KeepListable(const ORVA_SCHED_TASK* t, void* arg) {
 TEST(SchedStore, ListFiltersAndFreesForeignRecords) {
   TempRoot root;
   for (int i = 0; i < 10; ++i) {
-    Task t;
-    ORVASchedCTaskSetListable(t.t, i % 3 != 0);
-    ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
+    auto t = NewTask();
+    ORVASchedCTaskSetListable(t.get(), i % 3 != 0);
+    ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
   }
   int calls = 0;
   ORVA_SCHED_TASK* list = reinterpret_cast<ORVA_SCHED_TASK*>(0x1);
@@ -421,14 +421,14 @@ TEST(SchedStore, SortEveryKeyBothDirections) {
       {"alpha", 1, 2, "#b#", "z", 2089, 7},  {"delta", 1, 1, "#c#", "x", 2090, 10},
   };
   for (const Row& r : rows) {
-    Task t;
-    ORVASchedCTaskSetName(t.t, r.name);
-    ORVASchedCTaskSetState(t.t, static_cast<unsigned char>(r.enabled));
-    ORVASchedCTaskSetOwner(t.t, r.owner);
-    ORVASchedCTaskSetAppName(t.t, r.appName);
-    ORVASchedCTaskSetAction(t.t, r.action);
-    SetOnce(t.t, r.year ? r.year : 2001, r.hour);
-    ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
+    auto t = NewTask();
+    ORVASchedCTaskSetName(t.get(), r.name);
+    ORVASchedCTaskSetState(t.get(), static_cast<unsigned char>(r.enabled));
+    ORVASchedCTaskSetOwner(t.get(), r.owner);
+    ORVASchedCTaskSetAppName(t.get(), r.appName);
+    ORVASchedCTaskSetAction(t.get(), r.action);
+    SetOnce(t.get(), r.year ? r.year : 2001, r.hour);
+    ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
   }
   struct Case {
     const char* key;
@@ -470,20 +470,20 @@ TEST(SchedStore, SortEveryKeyBothDirections) {
 // Task and event task writes raise the generation; run records and refused saves do not.
 TEST(SchedStore, GenerationCountsTaskWritesOnly) {
   TempRoot root;
-  Task t, bad;
+  auto t = NewTask(), bad = NewTask();
   ORVASchedEventTask ev{-1, "e", 0, true, "shutdown", ""};
-  ORVASchedCTaskSetName(bad.t, std::string(ORVA_SCHED_NAME_MAX, 'n').c_str());
+  ORVASchedCTaskSetName(bad.get(), std::string(ORVA_SCHED_NAME_MAX, 'n').c_str());
   int64_t last = ORVASchedStoreGeneration();
   ASSERT_GE(last, 0);
   auto rose = [&last] {
     const int64_t was = last;
     return (last = ORVASchedStoreGeneration()) > was;
   };
-  ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
+  ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
   EXPECT_TRUE(rose());
   ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, ORVASchedTaskGetID(*t), "manual", "skipped", "x"), 0);
   EXPECT_FALSE(rose());
-  EXPECT_EQ(ORVASchedTaskSave(bad.t), -1);
+  EXPECT_EQ(ORVASchedTaskSave(bad.get()), -1);
   EXPECT_FALSE(rose());
   ASSERT_EQ(ORVASchedTaskRemove(ORVASchedTaskGetID(*t)), 0);
   EXPECT_TRUE(rose());
@@ -493,8 +493,8 @@ TEST(SchedStore, GenerationCountsTaskWritesOnly) {
 
 TEST(SchedStore, EventTasks) {
   TempRoot root;
-  TestUser a("a");
-  ORVASchedEventTask boot{-1, "on boot", a.uid(), true, "bootup", "echo up"};
+  TestUser a;
+  ORVASchedEventTask boot{-1, "on boot", a.Uid(), true, "bootup", "echo up"};
   ASSERT_EQ(ORVASchedEventTaskSave(boot), 0);
   EXPECT_EQ(boot.id, 1);
   ORVASchedEventTask down = boot;
@@ -509,7 +509,7 @@ TEST(SchedStore, EventTasks) {
   ASSERT_EQ(ORVASchedEventTaskList(all, "shutdown"), 1);
   EXPECT_EQ(all[0].id, 2);
   EXPECT_FALSE(all[0].enable);
-  EXPECT_EQ(all[0].owner, a.uid());
+  EXPECT_EQ(all[0].owner, a.Uid());
   EXPECT_EQ(all[0].script, "echo up");
   EXPECT_EQ(CountTasks(), 0);
 
@@ -556,16 +556,16 @@ TEST(SchedStore, DatabaseSettingsAndSchemaVersion) {
   ASSERT_GE(ORVASchedStoreGeneration(), 0);
   const std::string db = ORVASchedStoreDbPath();
   EXPECT_EQ(db, root.path() + "/var/lib/orva/scheduler.db");
-  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA journal_mode"), "wal");
-  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA user_version"), "2");
+  EXPECT_EQ(orvatest::QueryOne(db, "PRAGMA journal_mode"), "wal");
+  EXPECT_EQ(orvatest::QueryOne(db, "PRAGMA user_version"), "2");
   // A database from a newer release is refused, not rewritten.
-  orva_test::QueryOne(db, "PRAGMA user_version=99");
+  orvatest::QueryOne(db, "PRAGMA user_version=99");
   TempRoot other;  // switching roots reopens
   ASSERT_GE(ORVASchedStoreGeneration(), 0);
   ORVA::ORVARootSet(root.path());
   EXPECT_EQ(ORVASchedStoreGeneration(), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_DATABASE);
-  EXPECT_EQ(orva_test::QueryOne(db, "PRAGMA user_version"), "99");
+  EXPECT_EQ(orvatest::QueryOne(db, "PRAGMA user_version"), "99");
   ORVA::ORVARootSet(other.path());
 }
 
@@ -574,9 +574,9 @@ TEST(SchedStore, DatabaseSettingsAndSchemaVersion) {
 TEST(SchedStore, StoreFilesArePrivateFromTheFirstOpen) {
   TempRoot root;
   const mode_t oldMask = umask(022);
-  Task t;
-  ORVASchedCTaskSetCommand(t.t, "echo secret");
-  ASSERT_EQ(ORVASchedTaskSave(t.t), 0);
+  auto t = NewTask();
+  ORVASchedCTaskSetCommand(t.get(), "echo secret");
+  ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
   umask(oldMask);
   const std::string db = ORVASchedStoreDbPath();
   for (const auto& [path, mode] : {std::pair{root.path() + "/var/lib/orva", 0700}, std::pair{db, 0600},
@@ -592,39 +592,39 @@ TEST(SchedStore, StoreFilesArePrivateFromTheFirstOpen) {
 TEST(SchedStore, ReplacedOrRemovedStoreIsReopened) {
   TempRoot root;
   const std::string db = ORVASchedStoreDbPath();
-  Task a, b, c;
-  ASSERT_EQ(ORVASchedTaskSave(a.t), 0);
-  orva_test::QueryOne(db, ("VACUUM INTO '" + db + ".copy'").c_str());  // a copy holding task a only
-  ASSERT_EQ(ORVASchedTaskSave(b.t), 0);
+  auto a = NewTask(), b = NewTask(), c = NewTask();
+  ASSERT_EQ(ORVASchedTaskSave(a.get()), 0);
+  orvatest::QueryOne(db, ("VACUUM INTO '" + db + ".copy'").c_str());  // a copy holding task a only
+  ASSERT_EQ(ORVASchedTaskSave(b.get()), 0);
   for (const char* suffix : {"-wal", "-shm"}) unlink((db + suffix).c_str());
   ASSERT_EQ(rename((db + ".copy").c_str(), db.c_str()), 0);
   EXPECT_EQ(ORVASchedStoreReopenIfReplaced(), 1);
   EXPECT_EQ(ORVASchedStoreReopenIfReplaced(), 0);
-  Task loaded;
-  EXPECT_EQ(ORVASchedTaskLoad(a.t->id, loaded.t), 0);
-  EXPECT_LT(ORVASchedTaskLoad(b.t->id, loaded.t), 0);
+  auto loaded = NewTask();
+  EXPECT_EQ(ORVASchedTaskLoad(a.get()->id, loaded.get()), 0);
+  EXPECT_LT(ORVASchedTaskLoad(b.get()->id, loaded.get()), 0);
   // Removed: a save creates a new store at the path instead of writing into the deleted file.
   for (const char* suffix : {"", "-wal", "-shm"}) unlink((db + suffix).c_str());
-  ASSERT_EQ(ORVASchedTaskSave(c.t), 0);
-  EXPECT_EQ(orva_test::QueryOne(db, "SELECT count(*) FROM tasks"), "1");
+  ASSERT_EQ(ORVASchedTaskSave(c.get()), 0);
+  EXPECT_EQ(orvatest::QueryOne(db, "SELECT count(*) FROM tasks"), "1");
 }
 
 TEST(SchedStore, ConnectionIsNotCarriedAcrossFork) {
   TempRoot root;
-  Task t;
-  ASSERT_EQ(ORVASchedTaskSave(t.t), 0);  // the parent's connection is open
+  auto t = NewTask();
+  ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);  // the parent's connection is open
   pid_t pid = fork();
   if (pid == 0) {
     int ok = 0;
     for (int i = 0; i < 20; ++i) {
-      Task c;
-      ok += ORVASchedTaskSave(c.t) == 0;
+      auto c = NewTask();
+      ok += ORVASchedTaskSave(c.get()) == 0;
     }
     _exit(ok == 20 ? 0 : 1);
   }
   for (int i = 0; i < 20; ++i) {
-    Task p;
-    EXPECT_EQ(ORVASchedTaskSave(p.t), 0);
+    auto p = NewTask();
+    EXPECT_EQ(ORVASchedTaskSave(p.get()), 0);
   }
   int status = 0;
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
