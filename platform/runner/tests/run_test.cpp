@@ -329,7 +329,7 @@ TEST_F(SchedRunTest, RunnerCommandLine) {
       {"1", 2},
       {"1 --trigger never", 2},
       {"abc --trigger manual", 2},
-      {"1 2 --trigger manual", 2},
+      {"1 x --trigger manual", 2},  // one bad id: none is run
       {"--event-task x", 2},
       {"999 --trigger manual", 1},  // unknown task
       {"--event-task 999", 1},
@@ -342,6 +342,15 @@ TEST_F(SchedRunTest, RunnerCommandLine) {
   Json::Value runs = WaitRuns(id, 1);
   EXPECT_EQ(runs[0]["trigger"], "schedule");
   EXPECT_EQ(runs[0]["output"], "hi\n");
+
+  // Several ids (the daemon's batches): each task in a process of its own.
+  const long a = Save("echo $PPID", 0), b = Save("echo $PPID", 0);
+  EXPECT_EQ(system((run + std::to_string(a) + " " + std::to_string(b) + " --trigger schedule").c_str()), 0);
+  const Json::Value runA = WaitRuns(a, 1)[0], runB = WaitRuns(b, 1)[0];
+  EXPECT_EQ(runA["trigger"], "schedule");
+  EXPECT_EQ(runA["result"], "success");
+  EXPECT_EQ(runB["result"], "success");
+  EXPECT_NE(runA["output"], runB["output"]);
 
   // A runner that cannot be started fails the call.
   setenv("ORVA_SCHEDRUN", (root_.path() + "/no-such-runner").c_str(), 1);
