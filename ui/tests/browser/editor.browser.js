@@ -2,15 +2,11 @@
 // in the editor; what the editor says about bad values; a session that ends mid-edit.
 import { test, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { useSystem, openPage, signInWithToken, signInWithPassword, row, editorReady, openEditor, saveEditor, noProblems, shot, APPLIANCE_TZ, TS } from './harness.js';
+import { useSystem, sys, signedInPage, closePage, signInWithPassword, row, editorReady, openEditor, saveEditor, noProblems, shot, APPLIANCE_TZ, TS } from './harness.js';
 
-let sys;
-let browser;
 let page;
-useSystem(async (s, b) => {
-  [sys, browser] = [s, b];
-  page = await openPage(browser);
-  await signInWithToken(page, sys);
+useSystem(async () => {
+  page = await signedInPage();
 });
 after(() => {
   if (page) noProblems(page);
@@ -19,13 +15,27 @@ after(() => {
 const dialog = () => page.locator('#edit-dialog');
 const field = (label) => dialog().getByLabel(label, { exact: true });
 
-const create = (kind) => openEditor(page, kind);
+// The error shown at a field (`which`: a narrower selector).
+const fieldError = (label, which = '.error') => dialog().locator('.field', { has: page.getByLabel(label, { exact: true }) }).locator(which);
 
-async function stored(name) {
+async function create(kind, name) {
+  await openEditor(page, kind);
+  if (name) await field('Task name').fill(name);
+}
+
+// Saved through the editor: the task as stored.
+async function saved(name) {
+  await saveEditor(page);
   const { tasks } = await sys.client.call(TS, 2, 'list', {});
   const item = tasks.find((x) => x.name === name);
   assert.ok(item, `${name} is listed`);
-  return { item, task: await sys.client.call(TS, 3, 'get', { id: item.id }) };
+  return sys.client.call(TS, 3, 'get', { id: item.id });
+}
+
+// A row's own button (Edit, Copy) opens the editor.
+async function fromRow(action, name) {
+  await row(page, name).getByRole('button', { name: `${action} task ${name}` }).click();
+  await editorReady(page);
 }
 
 async function schedule(repeat, { date, time }) {
@@ -35,17 +45,14 @@ async function schedule(repeat, { date, time }) {
 }
 
 test('every kind with every schedule kind is created and reads back', async () => {
-  await create('script');
-  await field('Task name').fill('Nightly report');
+  await create('script', 'Nightly report');
   await schedule('Once', { date: '2031-05-06', time: '23:15' });
   await field('Script').fill('echo report');
-  await saveEditor(page);
-  let { task } = await stored('Nightly report');
+  let task = await saved('Nightly report');
   assert.deepEqual([task.schedule.repeat_date, task.schedule.date, task.schedule.hour, task.schedule.minute, task.extra.script],
     ['once', '2031-05-06', 23, 15, 'echo report']);
 
-  await create('beep');
-  await field('Task name').fill('Buzzer');
+  await create('beep', 'Buzzer');
   await schedule('Weekly', { date: '2030-01-01', time: '07:05' });
   // A new task starts with every day: leave Monday and Friday.
   for (const d of ['Tue', 'Wed', 'Thu', 'Sat', 'Sun']) await dialog().locator('.days label', { hasText: d }).click();
@@ -57,58 +64,49 @@ test('every kind with every schedule kind is created and reads back', async () =
   });
   await shot(page, 'editor-preview');
   const first = await dialog().locator('.preview-list li').first().innerText();
-  await saveEditor(page);
-  ({ task } = await stored('Buzzer'));
+  task = await saved('Buzzer');
   assert.deepEqual([task.schedule.repeat_date, task.schedule.week_day, task.extra.beep_duration], ['weekly', '1,5', 12]);
   assert.equal(await row(page, 'Buzzer').locator('.col-next').innerText(), first, 'the grid starts it when the preview said');
 
   // The age policy's field once replaced the schedule's time: "Enter a valid time."
-  await create('recycle');
-  await field('Task name').fill('Old files');
+  await create('recycle', 'Old files');
   await schedule('Monthly', { date: '2030-01-15', time: '03:00' });
   await dialog().getByLabel('Delete files older than').first().check();
   await dialog().locator('input[type="number"][aria-label="Delete files older than"]').fill('30');
-  await saveEditor(page);
-  ({ task } = await stored('Old files'));
+  task = await saved('Old files');
   assert.deepEqual([task.schedule.repeat_date, task.schedule.hour, task.extra.clean_file_policy.policy, task.extra.clean_file_policy.time],
     ['monthly', 3, 'time', 30]);
 
-  await create('service');
-  await field('Task name').fill('File transfer');
+  await create('service', 'File transfer');
   await dialog().locator('.segmented label', { hasText: 'Start' }).click();
   for (const s of ['FTP', 'SFTP']) await dialog().getByLabel(s, { exact: true }).check();
   await dialog().getByLabel('Repeat within the day').selectOption({ label: 'Every 2 hours' });
   await dialog().getByLabel('Last start').selectOption('20');
-  await saveEditor(page);
-  ({ task } = await stored('File transfer'));
+  task = await saved('File transfer');
   assert.deepEqual([task.schedule.repeat_date, task.schedule.repeat_hour, task.schedule.last_work_hour], ['daily', 2, 20]);
   // The grid names the services as the editor does, not by their ids.
   assert.match(await row(page, 'File transfer').locator('.col-action').innerText(), /"FTP" "SFTP"/);
 
   // Editing: change and save, the grid follows.
-  await row(page, 'Buzzer').getByRole('button', { name: 'Edit task Buzzer' }).click();
-  await editorReady(page);
+  await fromRow('Edit', 'Buzzer');
   await field('Beep for').fill('30');
-  await saveEditor(page);
-  ({ task } = await stored('Buzzer'));
+  task = await saved('Buzzer');
   assert.equal(task.extra.beep_duration, 30);
 
   // A copy keeps the settings under a new name, and warns about a name in use.
-  await row(page, 'Old files').getByRole('button', { name: 'Copy task Old files' }).click();
-  await editorReady(page);
+  await fromRow('Copy', 'Old files');
   assert.equal(await field('Task name').inputValue(), 'Copy of Old files');
   await field('Task name').fill('Buzzer');
   await dialog().locator('.warn-line:not([hidden])').waitFor();
   await field('Task name').fill('Old files 2');
-  await saveEditor(page);
-  ({ task } = await stored('Old files 2'));
+  task = await saved('Old files 2');
   assert.equal(task.extra.clean_file_policy.time, 30);
 });
 
 test('errors: before saving, next to their field, gone once fixed; refusals named in the page language', async () => {
   await create('script');
   await page.locator('#edit-save').click();
-  const nameErr = dialog().locator('.field', { has: page.getByLabel('Task name', { exact: true }) }).locator('.error');
+  const nameErr = fieldError('Task name');
   await nameErr.waitFor();
   await field('Task name').fill('Fixed');
   await nameErr.waitFor({ state: 'hidden' });
@@ -128,13 +126,13 @@ test('errors: before saving, next to their field, gone once fixed; refusals name
   await field('Script').fill('x'.repeat(4096));
   assert.match(await dialog().locator('.counter').innerText(), /4096 of 4095 bytes/);
   await page.locator('#edit-save').click();
-  assert.match(await dialog().locator('.field', { has: page.getByLabel('Script', { exact: true }) }).locator('.error').innerText(), /too long/);
+  assert.match(await fieldError('Script').innerText(), /too long/);
   await field('Script').fill('true');
 
   // An unknown "Run as user" is named at its field, not "Invalid (basic) object".
   await field('Run as user').fill('orvat-nosuchuser');
   await page.locator('#edit-save').click();
-  const ownerErr = dialog().locator('.field', { has: page.getByLabel('Run as user', { exact: true }) }).locator('.error:not([hidden])');
+  const ownerErr = fieldError('Run as user', '.error:not([hidden])');
   await ownerErr.waitFor();
   assert.match(await ownerErr.innerText(), /no account named “orvat-nosuchuser”/);
   assert.doesNotMatch(await dialog().innerText(), /Invalid \(basic\) object/);
@@ -150,23 +148,20 @@ test('errors: before saving, next to their field, gone once fixed; refusals name
 });
 
 test('the session ends while editing: the edit is kept and saved after signing in again', async () => {
-  await create('beep');
-  await field('Task name').fill('Kept across sign-in');
+  await create('beep', 'Kept across sign-in');
   await page.context().clearCookies();
   await page.locator('#edit-save').click();
   await page.locator('#login-view').waitFor();
   assert.match(await page.locator('#login-error').innerText(), /save the task you were editing/);
   assert.equal(await page.locator('#login-account').inputValue(), 'root', 'the account is filled in');
-  await signInWithPassword(page, sys, sys.admin, { here: true });
+  await signInWithPassword(page, sys.admin, { here: true });
   await page.locator('#edit-dialog[open]').waitFor();
   assert.equal(await field('Task name').inputValue(), 'Kept across sign-in');
-  await saveEditor(page);
-  await stored('Kept across sign-in');
+  await saved('Kept across sign-in');
 });
 
 test('German: 24-hour text fields, week days and texts of the page language', async () => {
-  const de = await openPage(browser, { lang: 'de-DE' });
-  await signInWithToken(de, sys);
+  const de = await signedInPage({ lang: 'de-DE' });
   await openEditor(de, 'script');
   const time = de.locator('#edit-dialog').getByLabel('Uhrzeit der ersten Ausführung', { exact: true });
   // The browser's own time field follows its locale (12:00 AM): the page uses text.
@@ -176,6 +171,5 @@ test('German: 24-hour text fields, week days and texts of the page language', as
   assert.deepEqual(await de.locator('#edit-dialog .days label span[aria-hidden]').allInnerTexts(), ['Mo', 'Di', 'Mi', 'Do', 'Fr', 'Sa', 'So']);
   await de.locator('#edit-save').click();
   assert.match(await de.locator('#edit-error').innerText(), /Bitte korrigieren/);
-  noProblems(de);
-  await de.context().close();
+  await closePage(de);
 });

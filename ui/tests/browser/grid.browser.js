@@ -3,20 +3,17 @@
 // and the layout at 390, 1024 and 1366 px in English and German.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { useSystem, openPage, signInWithToken, gridReady, row, noProblems, contrastOf, shot, addTask, SCHED as sched, TS } from './harness.js';
+import { useSystem, sys, signedInPage, closePage, gridReady, row, contrastOf, shot, addTask, SCHED as sched, TS } from './harness.js';
 
-let sys;
-let browser;
-useSystem(async (s, b) => {
-  [sys, browser] = [s, b];
+useSystem(async () => {
   for (let i = 0; i < 126; i++) {
     const n = String(i).padStart(3, '0');
     const schedule = { ...sched, minute: i % 60 };
-    await (i % 2 ? addTask(sys, `Beep ${n}`, 'beep', { beep_duration: 1 }, { schedule })
-      : addTask(sys, `Script ${n}`, 'script', { script: 'true' }, { schedule, enable: i % 4 === 0 }));
+    await (i % 2 ? addTask(`Beep ${n}`, 'beep', { beep_duration: 1 }, { schedule })
+      : addTask(`Script ${n}`, 'script', { script: 'true' }, { schedule, enable: i % 4 === 0 }));
   }
   const service = (id) => ({ type: 'service', id, name: id, enable: true });
-  await addTask(sys, 'FTP up', 'service', { action: 'start', services: [service('FileXfer'), service('FileXferSsh')] });
+  await addTask('FTP up', 'service', { action: 'start', services: [service('FileXfer'), service('FileXferSsh')] });
   await sys.client.call('ORVA.Core.EventScheduler', 1, 'create', { task_name: 'At boot', owner: 'root', enable: true, event: 'bootup', script: 'true' });
   // A task of another app: the page may switch it but not edit it.
   const { execFileSync } = await import('node:child_process');
@@ -26,15 +23,15 @@ useSystem(async (s, b) => {
   })]);
 });
 
+const waitTotal = (page, total) => page.waitForFunction((t) => document.querySelector('#pager-total').textContent === t, total);
 // Types into the search field and waits for the grid's total.
 async function search(page, text, total) {
   await page.locator('#filter-q').fill(text);
-  await page.waitForFunction((t) => document.querySelector('#pager-total').textContent === t, total);
+  await waitTotal(page, total);
 }
 
 test('filters, select all across pages, bulk actions, event rows and service names', async () => {
-  const page = await openPage(browser, { width: 1366 });
-  await signInWithToken(page, sys);
+  const page = await signedInPage();
   assert.equal(await page.locator('#pager-total').innerText(), '129 tasks');
   await shot(page, 'grid');
   // Primary buttons keep their colours on hover.
@@ -43,7 +40,7 @@ test('filters, select all across pages, bulk actions, event rows and service nam
 
   await page.locator('#filter-type').selectOption('script');
   await page.locator('#filter-state').selectOption('disabled');
-  await page.waitForFunction(() => document.querySelector('#pager-total').textContent === '31 tasks');
+  await waitTotal(page, '31 tasks');
   await page.locator('#select-all').check();
   await page.locator('#select-every').click();
   await page.waitForFunction(() => /31/.test(document.querySelector('#selection-count').textContent));
@@ -74,13 +71,11 @@ test('filters, select all across pages, bulk actions, event rows and service nam
   await page.locator('[data-bulk="run"]').click();
   await page.locator('.toast.error', { hasText: 'Left out' }).waitFor();
   assert.match(await page.locator('.toast.error').last().innerText(), /“At boot”/);
-  noProblems(page);
-  await page.context().close();
+  await closePage(page);
 });
 
 test('the row switch keeps the focus; sort, size and page survive a reload; toasts go', async () => {
-  const page = await openPage(browser, { width: 1366 });
-  await signInWithToken(page, sys);
+  const page = await signedInPage();
   await page.locator('th[data-sort="name"] button').click();
   await page.locator('#page-size').selectOption('10');
   await page.locator('#page-next').click();
@@ -102,8 +97,7 @@ test('the row switch keeps the focus; sort, size and page survive a reload; toas
   assert.equal(await page.evaluate(() => document.activeElement?.dataset.focus), key, 'focus stays on the switch');
   assert.ok(await page.locator('.toast').count() <= 4, 'toasts do not pile up');
   await page.locator('.toast').first().waitFor({ state: 'detached', timeout: 12000 });
-  noProblems(page);
-  await page.context().close();
+  await closePage(page);
 });
 
 test('layout in English and German: 390, 1024 and 1366 px', async () => {
@@ -112,8 +106,7 @@ test('layout in English and German: 390, 1024 and 1366 px', async () => {
   await sys.client.call(TS, 2, 'run', { tasks: tasks.map((x) => ({ id: x.id })) });
   for (const [lang, width] of [390, 1024, 1366].flatMap((w) => [['en-US', w], ['de-DE', w]])) {
     const at = `${lang} ${width}`;
-    const page = await openPage(browser, { lang, width, height: 800 });
-    await signInWithToken(page, sys);
+    const page = await signedInPage({ lang, width, height: 800 });
     await page.locator('#grid-body .last-run .when').first().waitFor({ state: 'attached' });
     await shot(page, `grid-${lang.slice(0, 2)}-${width}`);
     const m = await page.evaluate(() => {
@@ -154,7 +147,6 @@ test('layout in English and German: 390, 1024 and 1366 px', async () => {
     assert.ok(m.langFits, `${at}: the language select shows its text`);
     assert.deepEqual(m.faults, [], `${at}: every cell readable, row buttons in view`);
     if (width === 1366) assert.ok(m.actionWidth >= 170, `${at}: the action column is not squeezed (${m.actionWidth})`);
-    noProblems(page);
-    await page.context().close();
+    await closePage(page);
   }
 });

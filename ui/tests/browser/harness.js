@@ -94,18 +94,20 @@ export async function startSystem() {
   };
 }
 
-// One appliance and browser for a scenario file: started before its tests (then
-// `setup(sys, browser)`, which keeps them), stopped after.
-export function useSystem(setup) {
-  const s = {};
+// One appliance and browser for a scenario file (each file runs in its own process, so
+// the bindings are the file's own): started before its tests, then `setup()` seeds it;
+// stopped after.
+export let sys;
+export let browser;
+export function useSystem(setup = async () => {}) {
   before(async () => {
-    s.sys = await startSystem();
-    s.browser = await launch();
-    await setup(s.sys, s.browser);
+    sys = await startSystem();
+    browser = await launch();
+    await setup();
   });
   after(async () => {
-    await s.browser?.close();
-    s.sys?.stop();
+    await browser?.close();
+    sys?.stop();
   });
 }
 
@@ -150,7 +152,7 @@ export async function openPage(browser, { lang = 'en-US', dark = false, width = 
 }
 
 // A task of root made through the API; `over` replaces any member.
-export const addTask = (sys, name, type, extra, over = {}) => sys.client.call(TS, 3, 'create', {
+export const addTask = (name, type, extra, over = {}) => sys.client.call(TS, 3, 'create', {
   name, owner: 'root', enable: true, type, extra, schedule: SCHED, ...over,
 });
 
@@ -161,13 +163,13 @@ export async function gridReady(page) {
     && (document.querySelectorAll('#grid-body tr').length > 0 || !document.querySelector('#grid-state').hidden));
 }
 
-export async function signInWithToken(page, sys, query = '') {
-  await page.goto(`${sys.base}/?token=${sys.token}${query ? `&${query}` : ''}`);
+export async function signInWithToken(page) {
+  await page.goto(`${sys.base}/?token=${sys.token}`);
   await gridReady(page);
 }
 
 // `here`: on the sign-in view as it is (a second try, or a session that ended).
-export async function signInWithPassword(page, sys, account, { password = PASSWORD, here = false } = {}) {
+export async function signInWithPassword(page, account, { password = PASSWORD, here = false } = {}) {
   if (!here) await page.goto(`${sys.base}/`);
   await page.locator('#login-account').fill(account);
   await page.locator('#login-password').fill(password);
@@ -222,14 +224,10 @@ export function contrastOf(locator) {
       return 0.2126 * f(r) + 0.7152 * f(g) + 0.0722 * f(b);
     };
     const cs = getComputedStyle(el);
-    const [a, b] = [lum(rgb(cs.color)), lum(rgb(cs.backgroundColor))];
-    const ratio = (Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05);
-    // A brightness filter changes the painted background: apply it.
-    const m = /brightness\(([\d.]+)\)/.exec(cs.filter);
-    if (!m) return ratio;
-    const k = Number(m[1]);
-    const [fa, fb] = [lum(rgb(cs.color).map((v) => Math.min(255, v * k))), lum(rgb(cs.backgroundColor).map((v) => Math.min(255, v * k)))];
-    return (Math.max(fa, fb) + 0.05) / (Math.min(fa, fb) + 0.05);
+    // A brightness filter changes the painted colours: apply it.
+    const k = Number(/brightness\(([\d.]+)\)/.exec(cs.filter)?.[1] ?? 1);
+    const [a, b] = [cs.color, cs.backgroundColor].map((c) => lum(rgb(c).map((v) => Math.min(255, v * k))));
+    return (Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05);
   });
 }
 
@@ -239,4 +237,17 @@ export async function shot(page, name) {
 
 export function noProblems(page) {
   assert.deepEqual(page.problems, [], 'no script errors or CSP violations');
+}
+
+// A page of its own context, signed in with the token.
+export async function signedInPage(opts) {
+  const page = await openPage(browser, opts);
+  await signInWithToken(page);
+  return page;
+}
+
+// The scenario's end for a page: no problems, its context closed.
+export async function closePage(page) {
+  noProblems(page);
+  await page.context().close();
 }

@@ -6,26 +6,22 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync, writeFileSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
-import { useSystem, openPage, signInWithToken, gridReady, row, openResult, openEditor, closeDialog, axeCheck, noProblems, shot, addTask } from './harness.js';
+import { useSystem, sys, signedInPage, closePage, gridReady, row, openResult, openEditor, closeDialog, axeCheck, shot, addTask } from './harness.js';
 
-let sys;
-let browser;
 let gate;
-useSystem(async (s, b) => {
-  [sys, browser] = [s, b];
+useSystem(async () => {
   gate = join(sys.root, 'gate');
   // Slow runs until the test opens its gate: the test decides when it ends.
-  await addTask(sys, 'Slow', 'script', { script: `echo first-line; while [ ! -e ${gate} ]; do sleep 0.1; done; echo last-line; exit 2` });
+  await addTask('Slow', 'script', { script: `echo first-line; while [ ! -e ${gate} ]; do sleep 0.1; done; echo last-line; exit 2` });
   // About 109 KB of output: only the last 64 KiB are kept.
-  await addTask(sys, 'Chatty', 'script', { script: 'seq 1 20000' });
+  await addTask('Chatty', 'script', { script: 'seq 1 20000' });
 });
 
 const body = (page) => page.locator('#result-body');
 const historyRows = (page) => page.locator('#result-body table.runs tbody tr');
 
 test('run, watch, stop; history with output to open and download; the grid follows', async () => {
-  const page = await openPage(browser);
-  await signInWithToken(page, sys);
+  const page = await signedInPage();
   // Hold the status replies a moment, as a slow appliance would.
   let held = 0;
   await page.route('**/webapi/entry', async (route) => {
@@ -91,15 +87,13 @@ test('run, watch, stop; history with output to open and download; the grid follo
   await closeDialog(page, 'result-dialog');
   await row(page, 'Chatty').locator('.col-last', { hasText: 'Succeeded' }).waitFor();
   await shot(page, 'grid-last-run');
-  noProblems(page);
-  await page.context().close();
+  await closePage(page);
 });
 
 test('axe-core: grid, each editor with its preview, result view with history, confirmation, light and dark', async () => {
   for (const dark of [false, true]) {
-    const page = await openPage(browser, { dark });
+    const page = await signedInPage({ dark });
     const scheme = dark ? 'dark' : 'light';
-    await signInWithToken(page, sys);
     await axeCheck(page, `grid (${scheme})`);
     for (const kind of ['script', 'beep', 'recycle', 'service']) {
       await openEditor(page, kind);
@@ -121,7 +115,6 @@ test('axe-core: grid, each editor with its preview, result view with history, co
     await axeCheck(page, `confirmation (${scheme})`);
     await page.locator('#confirm-cancel').click();
     await gridReady(page);
-    noProblems(page);
-    await page.context().close();
+    await closePage(page);
   }
 });

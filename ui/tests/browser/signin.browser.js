@@ -2,24 +2,20 @@
 // second tab, the German page's own texts; the server's framing and script policy.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { useSystem, openPage, signInWithToken, signInWithPassword, gridReady, row, noProblems, addTask, PASSWORD, TS } from './harness.js';
+import { useSystem, sys, browser, openPage, signedInPage, signInWithToken, signInWithPassword, gridReady, row, noProblems, addTask, PASSWORD, TS } from './harness.js';
 
-let sys;
-let browser;
-useSystem(async (s, b) => {
-  [sys, browser] = [s, b];
-  for (const name of ['Alpha', 'Beta']) await addTask(sys, name, 'beep', { beep_duration: 1 });
+useSystem(async () => {
+  for (const name of ['Alpha', 'Beta']) await addTask(name, 'beep', { beep_duration: 1 });
 });
 
 test('token and password sign-in of administrators; sign-out forgets the view', async () => {
-  const page = await openPage(browser);
-  await signInWithToken(page, sys);
+  const page = await signedInPage();
   assert.equal(page.url(), `${sys.base}/`, 'the token leaves the address');
   await page.locator('#select-all').check();
   await page.locator('#logout').click();
   await page.locator('#login-view').waitFor();
 
-  await signInWithPassword(page, sys, sys.admin);
+  await signInWithPassword(page, sys.admin);
   await gridReady(page);
   assert.match(await page.locator('#user-text').innerText(), new RegExp(sys.admin));
   assert.equal(await page.locator('#selection-count').innerText(), '', 'no selection left from before');
@@ -32,23 +28,22 @@ test('a plain account is refused at sign-in, in the page language', async () => 
   const langs = await (await fetch(`${sys.base}/assets/languages.json`)).json();
   for (const { code } of langs) assert.equal((await fetch(`${sys.base}/texts/${code}/strings.json`)).status, 200, code);
   const page = await openPage(browser, { lang: 'de-DE' });
-  await signInWithPassword(page, sys, sys.plain);
+  await signInWithPassword(page, sys.plain);
   await page.locator('#login-error:not([hidden])').waitFor();
   assert.match(await page.locator('#login-error').innerText(), /kein Administrator/);
   assert.equal(await page.locator('#app-view').isHidden(), true);
 
-  await signInWithPassword(page, sys, sys.admin, { password: `${PASSWORD}x`, here: true });
+  await signInWithPassword(page, sys.admin, { password: `${PASSWORD}x`, here: true });
   await page.waitForFunction(() => /Passwort/.test(document.querySelector('#login-error').textContent));
   assert.doesNotMatch(await page.locator('#login-error').innerText(), /wrong|account or password/i);
   noProblems(page);
 });
 
 test('a sign-in in a second tab does not break the first', async () => {
-  const first = await openPage(browser);
-  await signInWithToken(first, sys);
+  const first = await signedInPage();
   // The second tab signs in anew (the sign-in link): a new session and CSRF token.
   const second = await first.context().newPage();
-  await signInWithToken(second, sys);
+  await signInWithToken(second);
 
   // The first tab works on under the new session.
   await row(first, 'Alpha').getByRole('switch').click();
