@@ -24,11 +24,9 @@ test('parseReply reads both envelopes and refuses anything else', () => {
   ];
   for (const c of cases) {
     const r = parseReply(c.status, c.body);
-    if (c.ok) {
-      assert.equal(r.ok, true, c.name);
-      assert.deepEqual(r.data, c.data, c.name);
-    } else {
-      assert.equal(r.ok, false, c.name);
+    assert.equal(r.ok, Boolean(c.ok), c.name);
+    if (c.ok) assert.deepEqual(r.data, c.data, c.name);
+    else {
       assert.ok(r.error instanceof ApiError, c.name);
       assert.equal(r.error.code, c.code, c.name);
       assert.equal(r.error.status, c.status, c.name);
