@@ -28,6 +28,12 @@ const save = (kind, task, edit, isNew = false) => {
   edit(form);
   return formToParams(form, task, kind, isNew);
 };
+// An edit that must save: its parameters.
+const saved = (...args) => {
+  const { params, errors } = save(...args);
+  assert.deepEqual(errors, {});
+  return params;
+};
 
 test('parseIntIn takes whole numbers in range only', () => {
   const cases = [
@@ -45,17 +51,13 @@ test('only the creatable kinds have an editor, whatever the name', () => {
 
 // Each kind's create parameters as stored: the browser's editor scenario.
 test('a new task carries its type and its trimmed name, no id and no real_owner', () => {
-  const { params, errors } = save('script', fresh.script, (f) => { f.name = '  s task '; f.app.script = 'exit 3'; }, true);
-  assert.deepEqual(errors, {});
-  const { schedule: sched, ...rest } = params;
+  const { schedule: sched, ...rest } = saved('script', fresh.script, (f) => { f.name = '  s task '; f.app.script = 'exit 3'; }, true);
   assert.deepEqual(rest, { type: 'script', name: 's task', owner: 'root', enable: true, extra: { script: 'exit 3' } });
 });
 
 test('set parameters name the task and its real owner', () => {
   const task = { ...fresh.beep, id: 12, name: 'Nightly beep', real_owner: 'alice', owner: 'alice', extra: { beep_duration: 900, note: 'x' } };
-  const { params, errors } = save('beep', task, (f) => { f.enable = false; f.app.duration = '600'; });
-  assert.deepEqual(errors, {});
-  const { schedule: sched, extra, ...rest } = params;  // no type
+  const { schedule: sched, extra, ...rest } = saved('beep', task, (f) => { f.enable = false; f.app.duration = '600'; });  // no type
   assert.deepEqual(rest, { id: 12, real_owner: 'alice', name: 'Nightly beep', owner: 'alice', enable: false });
   assert.deepEqual(extra, { beep_duration: 600, note: 'x' });  // members the form does not show survive
 
@@ -79,9 +81,7 @@ test('common part: name and owner rules', () => {
   }
   // A name the task does not let the user change stays as stored.
   const locked = { ...fresh.beep, id: 5, name: 'System beep', can_edit_name: false };
-  const { params, errors } = save('beep', locked, (f) => { f.name = ''; });
-  assert.deepEqual(errors, {});
-  assert.equal(params.name, 'System beep');
+  assert.equal(saved('beep', locked, (f) => { f.name = ''; }).name, 'System beep');
 });
 
 test('beep duration: the stored text or number shows, only 1..600 saves', () => {
@@ -112,9 +112,7 @@ test('recycle form reads a stored task and writes it back the same', () => {
     keepGreater: true, greater: '50', keepSmaller: false, smaller: '', keepExt: true, extensions: 'doc, pdf',
     enableBins: false, includeHome: false,
   });
-  const { params, errors } = save('recycle', task, () => {});
-  assert.deepEqual(errors, {});
-  assert.deepEqual(params.extra, extra);
+  assert.deepEqual(saved('recycle', task, () => {}).extra, extra);
 });
 
 test('recycle form: policies, exceptions and the recycle bin switch', () => {
