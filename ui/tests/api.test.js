@@ -81,11 +81,8 @@ test('login without a CSRF token in the reply fails and keeps none', async () =>
 
 test('a lost session is reported, except for a refused login', async () => {
   const lost = [];
-  const { fetchImpl } = recorder([
-    { status: 401, body: { success: false, error: { code: 106 } } },
-    { status: 401, body: { success: false, error: { code: 106 } } },
-    { status: 403, body: { success: false, error: { code: 105 } } },
-  ]);
+  const refusal = (status, code) => ({ status, body: { success: false, error: { code } } });
+  const { fetchImpl } = recorder([refusal(401, 106), refusal(401, 106), refusal(403, 105)]);
   const client = new ApiClient({ fetchImpl, onSessionLost: (e) => lost.push(e.code) });
   await assert.rejects(client.call('ORVA.Core.TaskScheduler', 2, 'list', {}), (e) => e.code === 106);
   await assert.rejects(client.login({ account: 'x', passwd: 'y' }), (e) => e.code === 106);
