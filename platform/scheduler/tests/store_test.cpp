@@ -259,8 +259,8 @@ TEST(SchedStore, BadScheduleIsNotSaved) {
       {"30 February", [](ORVA_SCHED_SCHEDULE& s) { s.year = 2024, s.month = 2, s.day = 30; }},
       {"29 February 2023", [](ORVA_SCHED_SCHEDULE& s) { s.year = 2023, s.month = 2, s.day = 29; }},
       {"month 13", [](ORVA_SCHED_SCHEDULE& s) { s.month = 13; }},
-      {"weekly, no day", [](ORVA_SCHED_SCHEDULE& s) { s.repeat = ORVA_SCHED_REPEAT_WEEKLY, s.week_mask = 0; }},
       {"repeat 4", [](ORVA_SCHED_SCHEDULE& s) { s.repeat = 4; }},
+      {"weekly, no day", [](ORVA_SCHED_SCHEDULE& s) { s.repeat = ORVA_SCHED_REPEAT_WEEKLY, s.week_mask = 0; }},
       {"config 0", [](ORVA_SCHED_SCHEDULE& s) { s.repeat_min_cfg[0] = 0; }},
   };
   for (const Case& c : cases) {
@@ -432,32 +432,26 @@ TEST(SchedStore, SortEveryKeyBothDirections) {
   }
   struct Case {
     const char* key;
-    int ascending;
-    std::vector<long> ids;
+    std::vector<long> ascending, descending;
   } cases[] = {
-      {"state", 1, {2, 4, 1, 3, 5, 6}},
-      {"state", 0, {1, 3, 5, 6, 2, 4}},
-      {"id", 1, {1, 2, 3, 4, 5, 6}},
-      {"id", 0, {6, 5, 4, 3, 2, 1}},
-      {"name", 1, {2, 5, 1, 3, 6, 4}},
-      {"name", 0, {4, 6, 1, 3, 5, 2}},
-      {"owner", 1, {2, 5, 3, 6, 1, 4}},  // bin, daemon, root
-      {"owner", 0, {1, 4, 3, 6, 2, 5}},
-      {"app name", 1, {2, 3, 1, 5, 4, 6}},
-      {"app name", 0, {4, 6, 1, 5, 2, 3}},
-      {"action", 1, {4, 1, 3, 6, 2, 5}},
-      {"action", 0, {5, 2, 1, 3, 6, 4}},
-      {"next trigger time", 1, {5, 1, 6, 2, 3, 4}},  // disabled and past: last, by id
-      {"next trigger time", 0, {1, 6, 5, 2, 3, 4}},
+      {"state", {2, 4, 1, 3, 5, 6}, {1, 3, 5, 6, 2, 4}},
+      {"id", {1, 2, 3, 4, 5, 6}, {6, 5, 4, 3, 2, 1}},
+      {"name", {2, 5, 1, 3, 6, 4}, {4, 6, 1, 3, 5, 2}},
+      {"owner", {2, 5, 3, 6, 1, 4}, {1, 4, 3, 6, 2, 5}},  // bin, daemon, root
+      {"app name", {2, 3, 1, 5, 4, 6}, {4, 6, 1, 5, 2, 3}},
+      {"action", {4, 1, 3, 6, 2, 5}, {5, 2, 1, 3, 6, 4}},
+      {"next trigger time", {5, 1, 6, 2, 3, 4}, {1, 6, 5, 2, 3, 4}},  // disabled and past: last, by id
   };
   for (const Case& c : cases) {
-    ORVA_SCHED_TASK* list = nullptr;
-    ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 6);
-    // Start from a scrambled order so that the result owes nothing to the input.
-    ASSERT_EQ(ORVASchedTaskListSort(&list, "id", 0), 0);
-    ASSERT_EQ(ORVASchedTaskListSort(&list, c.key, c.ascending), 0) << c.key;
-    EXPECT_EQ(Ids(list), c.ids) << c.key << (c.ascending ? " ascending" : " descending");
-    ORVASchedTaskListFree(list);
+    for (int ascending : {1, 0}) {
+      ORVA_SCHED_TASK* list = nullptr;
+      ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 6);
+      // Start from a scrambled order so that the result owes nothing to the input.
+      ASSERT_EQ(ORVASchedTaskListSort(&list, "id", 0), 0);
+      ASSERT_EQ(ORVASchedTaskListSort(&list, c.key, ascending), 0) << c.key;
+      EXPECT_EQ(Ids(list), ascending ? c.ascending : c.descending) << c.key << " ascending " << ascending;
+      ORVASchedTaskListFree(list);
+    }
   }
   ORVA_SCHED_TASK* list = nullptr;
   ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 6);
@@ -497,20 +491,15 @@ TEST(SchedStore, EventTasks) {
   ORVASchedEventTask boot{-1, "on boot", a.Uid(), true, "bootup", "echo up"};
   ASSERT_EQ(ORVASchedEventTaskSave(boot), 0);
   EXPECT_EQ(boot.id, 1);
-  ORVASchedEventTask down = boot;
-  down.id = -1;
-  down.event = "shutdown";
-  down.enable = false;
+  ORVASchedEventTask down{-1, "on boot", a.Uid(), false, "shutdown", "echo up"};
   ASSERT_EQ(ORVASchedEventTaskSave(down), 0);
   EXPECT_EQ(down.id, 2);
 
   std::vector<ORVASchedEventTask> all;
   ASSERT_EQ(ORVASchedEventTaskList(all, nullptr), 2);
   ASSERT_EQ(ORVASchedEventTaskList(all, "shutdown"), 1);
-  EXPECT_EQ(all[0].id, 2);
-  EXPECT_FALSE(all[0].enable);
-  EXPECT_EQ(all[0].owner, a.Uid());
-  EXPECT_EQ(all[0].script, "echo up");
+  EXPECT_EQ(std::tuple(all[0].id, all[0].enable, all[0].owner, all[0].script),
+            std::tuple(2L, false, a.Uid(), std::string("echo up")));
   EXPECT_EQ(CountTasks(), 0);
 
   struct Bad {
@@ -538,8 +527,7 @@ TEST(SchedStore, EventTasks) {
   ASSERT_EQ(ORVASchedEventTaskSave(longest), 0);
   ORVASchedEventTask back;
   ASSERT_EQ(ORVASchedEventTaskLoad(1, back), 0);
-  EXPECT_EQ(back.task_name, longest.task_name);
-  EXPECT_EQ(back.script, longest.script);
+  EXPECT_EQ(std::pair(back.task_name, back.script), std::pair(longest.task_name, longest.script));
 
   ASSERT_EQ(ORVASchedEventTaskRemove(1), 0);
   EXPECT_EQ(ORVASchedEventTaskRemove(1), -1);
@@ -613,19 +601,15 @@ TEST(SchedStore, ConnectionIsNotCarriedAcrossFork) {
   TempRoot root;
   auto t = NewTask();
   ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);  // the parent's connection is open
-  pid_t pid = fork();
-  if (pid == 0) {
+  // Both save 20 new tasks at once.
+  auto save20 = [] {
     int ok = 0;
-    for (int i = 0; i < 20; ++i) {
-      auto c = NewTask();
-      ok += ORVASchedTaskSave(c.get()) == 0;
-    }
-    _exit(ok == 20 ? 0 : 1);
-  }
-  for (int i = 0; i < 20; ++i) {
-    auto p = NewTask();
-    EXPECT_EQ(ORVASchedTaskSave(p.get()), 0);
-  }
+    for (int i = 0; i < 20; ++i) ok += ORVASchedTaskSave(NewTask().get()) == 0;
+    return ok;
+  };
+  pid_t pid = fork();
+  if (pid == 0) _exit(save20() == 20 ? 0 : 1);
+  EXPECT_EQ(save20(), 20);
   int status = 0;
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
