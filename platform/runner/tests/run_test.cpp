@@ -114,12 +114,10 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   // The file is the owner's, written inside the namespace where $ROOT/usr/orva is /usr/orva.
   struct stat st;
   ASSERT_EQ(stat((out_ + "/ids").c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, u.Uid());
-  EXPECT_EQ(st.st_gid, u.Gid());
+  EXPECT_EQ(std::pair(st.st_uid, st.st_gid), std::pair(u.Uid(), u.Gid()));
   std::istringstream ids(Slurp(out_ + "/ids"));
   unsigned uid = 0;
-  ids >> uid;
-  EXPECT_EQ(uid, u.Uid());
+  EXPECT_TRUE(ids >> uid && uid == u.Uid()) << uid;
   std::set<unsigned> groups;
   for (unsigned g; ids >> g;) groups.insert(g);
   EXPECT_EQ(groups, (std::set<unsigned>{u.Gid(), u.ExtraGid()}));

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <functional>
+#include <tuple>
 
 #include "core/kelc.h"
 #include "scheduler/schedule.h"
@@ -71,16 +72,13 @@ TEST(SchedJson, BasicFromJsonAtTheLimitAndOver) {
   TestUser a;
   auto t = NewTask();
   std::string longest(ORVA_SCHED_NAME_MAX - 1, 'n');
-  Json::Value in;
-  in["basic"]["id"] = "17";
+  Json::Value in = Parse(R"({"basic": {"id": "17", "enabled": "OFF"}})");
   in["basic"]["task_name"] = longest;
   in["basic"]["owner"] = a.Name();
-  in["basic"]["enabled"] = "OFF";
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic(in, *t));
-  EXPECT_EQ(ORVASchedTaskGetID(*t), 17);
-  EXPECT_EQ(ORVASchedTaskGetName(*t), longest);
-  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.Uid());
-  EXPECT_FALSE(ORVASchedTaskIsEnabled(*t));
+  EXPECT_EQ(std::tuple(ORVASchedTaskGetID(*t), std::string(ORVASchedTaskGetName(*t)), ORVASchedTaskGetOwner(*t),
+                       ORVASchedTaskIsEnabled(*t)),
+            std::tuple(17L, longest, a.Uid(), false));
   // Back to JSON and in again: the same record.
   Json::Value out;
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, out));
@@ -137,9 +135,9 @@ TEST(SchedJson, BasicByUser) {
   Json::Value in;
   in["basic"]["task_name"] = "mine";
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *t));
-  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.Uid());  // absent owner: the user
-  EXPECT_EQ(ORVASchedTaskGetRealOwner(*t), a.Uid());
-  EXPECT_EQ(ORVASchedTaskGetMarker(*t), ORVA_SCHED_MARKER_BY_USER);
+  // Absent owner: the user.
+  EXPECT_EQ(std::vector<int64_t>({ORVASchedTaskGetOwner(*t), ORVASchedTaskGetRealOwner(*t), ORVASchedTaskGetMarker(*t)}),
+            std::vector<int64_t>({a.Uid(), a.Uid(), ORVA_SCHED_MARKER_BY_USER}));
   in["basic"]["owner"] = a.Name();
   EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *t));
   for (const std::string& other : {b.Name(), std::string("root")}) {

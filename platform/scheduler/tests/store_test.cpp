@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -75,14 +76,6 @@ std::vector<long> Ids(ORVA_SCHED_TASK* list) {
 ORVA_SCHED_TASK* Find(ORVA_SCHED_TASK* list, long id) {
   while (list && ORVASchedTaskGetID(*list) != id) list = ORVASchedTaskNext(list);
   return list;
-}
-
-void SetOnce(ORVA_SCHED_TASK* t, int year, int hour) {
-  t->schedule.repeat = ORVA_SCHED_REPEAT_ONCE;
-  t->schedule.year = static_cast<uint16_t>(year);
-  t->schedule.month = t->schedule.day = 1;
-  t->schedule.hour = static_cast<uint8_t>(hour);
-  t->schedule.min = 0;
 }
 
 }  // namespace
@@ -345,10 +338,8 @@ TEST(SchedStore, ByUserMatrix) {
   const char* ghost = "orvat-no-such-user";
   EXPECT_EQ(load(ghost, -1, mine.get()), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NO_USER);
-  EXPECT_EQ(save(ghost, mine.get()), -1);
-  EXPECT_EQ(remove(ghost, 777), -1);
-  EXPECT_EQ(run(ghost, 777), -1);
-  EXPECT_EQ(run(a.Name().c_str(), -1), -1);
+  EXPECT_EQ(std::vector<int>({save(ghost, mine.get()), remove(ghost, 777), run(ghost, 777), run(a.Name().c_str(), -1)}),
+            std::vector<int>(4, -1));
   orvatest::WaitForRunners(root.path());
 }
 
@@ -427,7 +418,9 @@ TEST(SchedStore, SortEveryKeyBothDirections) {
     ORVASchedCTaskSetOwner(t.get(), r.owner);
     ORVASchedCTaskSetAppName(t.get(), r.appName);
     ORVASchedCTaskSetAction(t.get(), r.action);
-    SetOnce(t.get(), r.year ? r.year : 2001, r.hour);
+    ORVA_SCHED_SCHEDULE& s = t->schedule;
+    s.repeat = ORVA_SCHED_REPEAT_ONCE, s.year = static_cast<uint16_t>(r.year ? r.year : 2001), s.month = s.day = 1;
+    s.hour = static_cast<uint8_t>(r.hour), s.min = 0;
     ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
   }
   struct Case {
