@@ -463,20 +463,17 @@ TEST(SchedStore, GenerationCountsTaskWritesOnly) {
   ORVASchedCTaskSetName(bad.get(), std::string(ORVA_SCHED_NAME_MAX, 'n').c_str());
   int64_t last = ORVASchedStoreGeneration();
   ASSERT_GE(last, 0);
-  auto rose = [&last] {
+  // A step's return code, and whether it raised the generation.
+  auto step = [&last](int rc, int wantRc, bool rises) {
+    EXPECT_EQ(rc, wantRc);
     const int64_t was = last;
-    return (last = ORVASchedStoreGeneration()) > was;
+    EXPECT_EQ((last = ORVASchedStoreGeneration()) > was, rises) << "after a step returning " << rc;
   };
-  ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
-  EXPECT_TRUE(rose());
-  ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, ORVASchedTaskGetID(*t), "manual", "skipped", "x"), 0);
-  EXPECT_FALSE(rose());
-  EXPECT_EQ(ORVASchedTaskSave(bad.get()), -1);
-  EXPECT_FALSE(rose());
-  ASSERT_EQ(ORVASchedTaskRemove(ORVASchedTaskGetID(*t)), 0);
-  EXPECT_TRUE(rose());
-  ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
-  EXPECT_TRUE(rose());
+  step(ORVASchedTaskSave(t.get()), 0, true);
+  step(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, ORVASchedTaskGetID(*t), "manual", "skipped", "x"), 0, false);
+  step(ORVASchedTaskSave(bad.get()), -1, false);
+  step(ORVASchedTaskRemove(ORVASchedTaskGetID(*t)), 0, true);
+  step(ORVASchedEventTaskSave(ev), 0, true);
 }
 
 TEST(SchedStore, EventTasks) {
