@@ -371,11 +371,9 @@ TEST(SchedStore, ListFiltersAndFreesForeignRecords) {
   ORVA_SCHED_TASK* last = list;
   while (ORVASchedTaskNext(last)) last = ORVASchedTaskNext(last);
   for (int i = 0; i < 3; ++i) {
-    ORVA_SCHED_TASK* mine = static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)));
-    ORVASchedCTaskSetID(mine, 1000 + i);
-    ORVASchedCTaskSetEvent(mine, "bootup");
-    last->next = mine;
-    last = mine;
+    last = last->next = static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)));
+    ORVASchedCTaskSetID(last, 1000 + i);
+    ORVASchedCTaskSetEvent(last, "bootup");
   }
   ASSERT_EQ(ORVASchedTaskListSort(&list, "next trigger time", 1), 0);
   EXPECT_EQ(Ids(list).size(), 9u);
