@@ -58,6 +58,11 @@ Json::Value WaitRuns(long id, unsigned n, bool event = false) {
   return runs;
 }
 
+// Each key of `want` as the run recorded it.
+void ExpectRun(const Json::Value& run, std::initializer_list<std::pair<const char*, Json::Value>> want) {
+  for (const auto& [key, value] : want) EXPECT_EQ(run[key], value) << key;
+}
+
 class SchedRunTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -82,13 +87,14 @@ class SchedRunTest : public ::testing::Test {
     EXPECT_EQ(ORVASchedTaskSave(t.get()), 0);
     return ORVASchedTaskGetID(*t);
   }
-  // Waits until a run of the task has started.
-  static void WaitRunning(long id) {
+  // 1 while the store shows a run of the task in progress, 0 if not, -1 if it knows no such task.
+  static int Running(long id) {
     Json::Value status;
-    EXPECT_TRUE(orvatest::WaitFor([&] {
-      return ORVASchedTaskGetRunStatus(static_cast<int>(id), status) == 0 && status["running"].asBool();
-    }, 30)) << id;
+    if (ORVASchedTaskGetRunStatus(static_cast<int>(id), status) != 0) return -1;
+    return status["running"].asBool();
   }
+  // Waits until a run of the task has started.
+  static void WaitRunning(long id) { EXPECT_TRUE(orvatest::WaitFor([&] { return Running(id) == 1; }, 30)) << id; }
 
   TempRoot root_;
   std::string out_;
@@ -109,12 +115,10 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
   // The file is the owner's, written inside the namespace where $ROOT/usr/orva is /usr/orva.
   struct stat st;
   ASSERT_EQ(stat((out_ + "/ids").c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, u.Uid());
-  EXPECT_EQ(st.st_gid, u.Gid());
+  EXPECT_EQ(std::pair(st.st_uid, st.st_gid), std::pair(u.Uid(), u.Gid()));
   std::istringstream ids(Slurp(out_ + "/ids"));
   unsigned uid = 0;
-  ids >> uid;
-  EXPECT_EQ(uid, u.Uid());
+  EXPECT_TRUE(ids >> uid && uid == u.Uid()) << uid;
   std::set<unsigned> groups;
   for (unsigned g; ids >> g;) groups.insert(g);
   EXPECT_EQ(groups, (std::set<unsigned>{u.Gid(), u.ExtraGid()}));
@@ -143,16 +147,13 @@ TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
   Json::Value runs = WaitRuns(once, 2);
   ASSERT_EQ(runs.size(), 2u);
   EXPECT_EQ(runs[0]["result"], "skipped");  // newest first
-  EXPECT_EQ(runs[1]["result"], "success");
-  EXPECT_EQ(runs[1]["output"], "begun\ndone\n");
+  ExpectRun(runs[1], {{"result", "success"}, {"output", "begun\ndone\n"}});
 
   // A task that may run twice at once does.
   long twice = Save("sleep 1", u.Uid(), true);
   ASSERT_EQ(ORVASchedTaskRun(twice, 0, 0), 0);
   ASSERT_EQ(ORVASchedTaskRun(twice, 0, 0), 0);
-  runs = WaitRuns(twice, 2);
-  EXPECT_EQ(runs[0]["result"], "success");
-  EXPECT_EQ(runs[1]["result"], "success");
+  for (const Json::Value& run : WaitRuns(twice, 2)) EXPECT_EQ(run["result"], "success");
 
   // While a task of an app that may not run beside the app's others runs, they are skipped.
   long first = Save("sleep 2", u.Uid(), false, "ORVA.Test.Backup", false);
@@ -168,21 +169,14 @@ TEST_F(SchedRunTest, RunsThatMayNotOverlapAreSkipped) {
 
 TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
   TestUser u;
-  ORVASchedEventTask ev;
-  ev.task_name = "boot";
-  ev.owner = u.Uid();
-  ev.event = "bootup";
-  ev.script = "echo booted as $(id -un)";
+  ORVASchedEventTask ev{-1, "boot", u.Uid(), true, "bootup", "echo booted as $(id -un)"};
   ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
   ASSERT_EQ(system((std::string(ORVA_SCHEDRUN_PATH) + " --root " + root_.path() + " --event-task " +
                     std::to_string(ev.id)).c_str()),
             0);
-  Json::Value runs = WaitRuns(ev.id, 1, true);
-  EXPECT_EQ(runs[0]["trigger"], "event");
-  EXPECT_EQ(runs[0]["output"], "booted as " + u.Name() + "\n");
+  ExpectRun(WaitRuns(ev.id, 1, true)[0], {{"trigger", "event"}, {"output", "booted as " + u.Name() + "\n"}});
   // Task ids and event task ids are apart: there is no task of that id.
-  Json::Value status;
-  EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(ev.id), status), -1);
+  EXPECT_EQ(Running(ev.id), -1);
 
   auto t = NewTask();
   ASSERT_EQ(ORVASchedTaskLoadByUser(u.Name().c_str(), -1, t.get()), 0);
@@ -190,9 +184,7 @@ TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
   ASSERT_EQ(ORVASchedTaskSaveByUser(u.Name().c_str(), t.get()), 0);
   long id = ORVASchedTaskGetID(*t);
   ASSERT_EQ(ORVASchedTaskRunByUser(u.Name().c_str(), id, 0, 0), 0);
-  runs = WaitRuns(id, 1);
-  EXPECT_EQ(runs[0]["output"], std::to_string(u.Uid()) + "\n");
-  EXPECT_EQ(runs[0]["result"], "success");
+  ExpectRun(WaitRuns(id, 1)[0], {{"output", std::to_string(u.Uid()) + "\n"}, {"result", "success"}});
 }
 
 // What a run records: exit status or signal, stdout and stderr together, the last 64 KiB
@@ -200,11 +192,7 @@ TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
 // run as an owner that no longer exists.
 TEST_F(SchedRunTest, RecordsExitSignalAndOutput) {
   TestUser u;
-  uid_t gone;
-  {
-    TestUser g;
-    gone = g.Uid();
-  }
+  const uid_t gone = TestUser().Uid();  // the user is removed again at once
   const std::string tail = std::string(ORVA_SCHED_RUN_OUTPUT_MAX - 5, 'a') + "\xef\xbf\xbd" "END\n";
   const struct {
     std::string command;
@@ -226,10 +214,8 @@ TEST_F(SchedRunTest, RecordsExitSignalAndOutput) {
   for (size_t i = 0; i < ids.size(); ++i) {
     SCOPED_TRACE(cases[i].command);
     const Json::Value run = WaitRuns(ids[i], 1)[0];
-    EXPECT_EQ(run["trigger"], "manual");
-    EXPECT_EQ(run["exit_code"], cases[i].exitCode);
-    EXPECT_EQ(run["signal"], cases[i].signal);
-    EXPECT_EQ(run["result"], cases[i].result);
+    ExpectRun(run, {{"trigger", "manual"}, {"exit_code", cases[i].exitCode}, {"signal", cases[i].signal},
+                    {"result", cases[i].result}});
     const std::string out = run["output"].asString();
     if (cases[i].output[0] == '*') {
       EXPECT_NE(out.find(cases[i].output.substr(1)), std::string::npos) << out;
@@ -267,11 +253,8 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
     }, 5)) << status;
     int64_t runId = 0;
     ASSERT_EQ(ORVASchedTaskStop(id, &runId), 0);
-    Json::Value runs = WaitRuns(id, 1);
-    EXPECT_EQ(runs[0]["run_id"], static_cast<Json::Int64>(runId));
-    EXPECT_EQ(runs[0]["result"], "stopped");
-    EXPECT_EQ(runs[0]["signal"], c.signal);
-    EXPECT_EQ(runs[0]["output"], "begun\n");
+    ExpectRun(WaitRuns(id, 1)[0], {{"run_id", static_cast<Json::Int64>(runId)}, {"result", "stopped"},
+                                   {"signal", c.signal}, {"output", "begun\n"}});
     EXPECT_EQ(ORVASchedTaskStop(id, nullptr), -1);
     EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_RUNNING);
   }
@@ -289,15 +272,12 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   }
   int64_t run = ORVASchedRunBegin(ORVA_SCHED_RUN_TASK, id, "manual", other);
   ASSERT_GT(run, 0);
-  Json::Value status;
-  ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
-  EXPECT_TRUE(status["running"].asBool());
+  EXPECT_EQ(Running(id), 1);
   orvatest::QueryOne(ORVASchedStoreDbPath(),
                       ("UPDATE runs SET runner_start = runner_start + 1 WHERE id = " + std::to_string(run)).c_str());
   EXPECT_EQ(ORVASchedTaskStop(id, nullptr), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_RUNNING);
-  ASSERT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
-  EXPECT_FALSE(status["running"].asBool());
+  EXPECT_EQ(Running(id), 0);
   EXPECT_EQ(waitpid(other, nullptr, WNOHANG), 0);  // still alive
   kill(other, SIGKILL);
   waitpid(other, nullptr, 0);
@@ -324,31 +304,22 @@ TEST_F(SchedRunTest, RunnerCommandLine) {
     std::string args;
     int status;
   } cases[] = {
-      {"--help", 0},
-      {"", 2},
-      {"1", 2},
-      {"1 --trigger never", 2},
-      {"abc --trigger manual", 2},
+      {"--help", 0}, {"", 2}, {"1", 2}, {"1 --trigger never", 2}, {"abc --trigger manual", 2},
       {"1 x --trigger manual", 2},  // one bad id: none is run
-      {"--event-task x", 2},
-      {"999 --trigger manual", 1},  // unknown task
-      {"--event-task 999", 1},
+      {"--event-task x", 2}, {"999 --trigger manual", 1} /* unknown task */, {"--event-task 999", 1},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(orvatest::ExitStatus(system((run + c.args + " >/dev/null 2>&1").c_str())), c.status) << c.args;
   }
   long id = Save("echo hi", 0);
   EXPECT_EQ(system((run + std::to_string(id) + " --trigger schedule >/dev/null 2>&1").c_str()), 0);
-  Json::Value runs = WaitRuns(id, 1);
-  EXPECT_EQ(runs[0]["trigger"], "schedule");
-  EXPECT_EQ(runs[0]["output"], "hi\n");
+  ExpectRun(WaitRuns(id, 1)[0], {{"trigger", "schedule"}, {"output", "hi\n"}});
 
   // Several ids (the daemon's batches): each task in a process of its own.
   const long a = Save("echo $PPID", 0), b = Save("echo $PPID", 0);
   EXPECT_EQ(system((run + std::to_string(a) + " " + std::to_string(b) + " --trigger schedule").c_str()), 0);
   const Json::Value runA = WaitRuns(a, 1)[0], runB = WaitRuns(b, 1)[0];
-  EXPECT_EQ(runA["trigger"], "schedule");
-  EXPECT_EQ(runA["result"], "success");
+  ExpectRun(runA, {{"trigger", "schedule"}, {"result", "success"}});
   EXPECT_EQ(runB["result"], "success");
   EXPECT_NE(runA["output"], runB["output"]);
 

@@ -2,6 +2,9 @@
 // refused with nothing applied.
 #include <string.h>
 
+#include <functional>
+#include <tuple>
+
 #include "core/kelc.h"
 #include "scheduler/schedule.h"
 #include "scheduler/task_json.h"
@@ -16,6 +19,20 @@ Json::Value Parse(const std::string& text) { return orvatest::ParseJson(text); }
 
 // The record's bytes, to prove a refused conversion changed nothing.
 std::string Bytes(const ORVA_SCHED_TASK& t) { return std::string(reinterpret_cast<const char*>(&t), sizeof(t)); }
+
+// `convert` refuses with `code` and leaves `t` as it was.
+void ExpectRefused(const std::function<bool(ORVA_SCHED_TASK&)>& convert, ORVA_SCHED_TASK& t, int code,
+                   const std::string& what) {
+  const std::string before = Bytes(t);
+  EXPECT_FALSE(convert(t)) << what;
+  EXPECT_EQ(KELCErrGet(), code) << what;
+  EXPECT_EQ(Bytes(t), before) << what;
+}
+
+// `schedule`: the value of the "schedule" key.
+bool FromSchedule(const std::string& schedule, ORVA_SCHED_TASK& t) {
+  return ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": )" + schedule + "}"), t);
+}
 
 }  // namespace
 
@@ -45,10 +62,8 @@ TEST(SchedJson, BasicToJsonHasEveryKey) {
   auto sys = NewTask();  // a new system task
   Json::Value fresh;
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*sys, fresh));
-  EXPECT_EQ(fresh["basic"]["id"], -1);
-  EXPECT_EQ(fresh["basic"]["owner"], "root");
-  EXPECT_EQ(fresh["basic"]["real_owner"], "");
-  EXPECT_EQ(fresh["basic"]["enabled"], "on");
+  const Json::Value want2 = Parse(R"({"id": -1, "owner": "root", "real_owner": "", "enabled": "on"})");
+  for (const std::string& key : want2.getMemberNames()) EXPECT_EQ(fresh["basic"][key], want2[key]) << key;
   Json::Value notObject = 5;
   EXPECT_FALSE(ORVASchedTaskConvertToJson_Basic(*sys, notObject));
 }
@@ -57,16 +72,13 @@ TEST(SchedJson, BasicFromJsonAtTheLimitAndOver) {
   TestUser a;
   auto t = NewTask();
   std::string longest(ORVA_SCHED_NAME_MAX - 1, 'n');
-  Json::Value in;
-  in["basic"]["id"] = "17";
+  Json::Value in = Parse(R"({"basic": {"id": "17", "enabled": "OFF"}})");
   in["basic"]["task_name"] = longest;
   in["basic"]["owner"] = a.Name();
-  in["basic"]["enabled"] = "OFF";
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic(in, *t));
-  EXPECT_EQ(ORVASchedTaskGetID(*t), 17);
-  EXPECT_EQ(ORVASchedTaskGetName(*t), longest);
-  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.Uid());
-  EXPECT_FALSE(ORVASchedTaskIsEnabled(*t));
+  EXPECT_EQ(std::tuple(ORVASchedTaskGetID(*t), std::string(ORVASchedTaskGetName(*t)), ORVASchedTaskGetOwner(*t),
+                       ORVASchedTaskIsEnabled(*t)),
+            std::tuple(17L, longest, a.Uid(), false));
   // Back to JSON and in again: the same record.
   Json::Value out;
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, out));
@@ -76,11 +88,9 @@ TEST(SchedJson, BasicFromJsonAtTheLimitAndOver) {
   EXPECT_EQ(Bytes(*again), Bytes(*t));
 
   in["basic"]["task_name"] = longest + "n";
-  std::string before = Bytes(*again);
-  EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic(in, *again));
-  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_TOO_LONG);
+  ExpectRefused([&](ORVA_SCHED_TASK& r) { return ORVASchedTaskConvertFromJson_Basic(in, r); }, *again,
+                ORVA_SCHED_ERR_TOO_LONG, "one over");
   EXPECT_STREQ(KELCErrorGetFile(), "json.cpp");
-  EXPECT_EQ(Bytes(*again), before);
 
   // Absent keys keep what the record holds; "-1" makes it new.
   Json::Value onlyId;
@@ -95,33 +105,22 @@ TEST(SchedJson, BasicFromJsonAtTheLimitAndOver) {
 TEST(SchedJson, BasicFromJsonRefusesBadValues) {
   struct Case {
     const char* json;
-    int code;
+    int code = ORVA_SCHED_ERR_INVALID;
   } cases[] = {
-      {R"({"basic": 1})", ORVA_SCHED_ERR_INVALID},
-      {R"([])", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": "abc"}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": "12x"}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": ""}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": "0"}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": "-2"}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": 1.5}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": true}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"id": "99999999999999999999"}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"task_name": ""}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"task_name": 5}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": 1})"}, {R"([])"}, {R"({"basic": {"id": "abc"}})"}, {R"({"basic": {"id": "12x"}})"},
+      {R"({"basic": {"id": ""}})"}, {R"({"basic": {"id": "0"}})"}, {R"({"basic": {"id": "-2"}})"},
+      {R"({"basic": {"id": 1.5}})"}, {R"({"basic": {"id": true}})"}, {R"({"basic": {"id": "99999999999999999999"}})"},
+      {R"({"basic": {"task_name": ""}})"}, {R"({"basic": {"task_name": 5}})"},
       {R"({"basic": {"owner": "orvat-no-such-user"}})", ORVA_SCHED_ERR_NO_USER},
       {R"({"basic": {"owner": 0}})", ORVA_SCHED_ERR_NO_USER},
-      {R"({"basic": {"enabled": true}})", ORVA_SCHED_ERR_INVALID},
-      {R"({"basic": {"enabled": "yes"}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"enabled": true}})"}, {R"({"basic": {"enabled": "yes"}})"},
       // One bad value spoils the whole object: the good ones are not applied either.
-      {R"({"basic": {"id": "5", "task_name": "x", "enabled": "maybe"}})", ORVA_SCHED_ERR_INVALID},
+      {R"({"basic": {"id": "5", "task_name": "x", "enabled": "maybe"}})"},
   };
   for (const Case& c : cases) {
     auto t = NewTask();
-    std::string before = Bytes(*t);
-    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic(Parse(c.json), *t)) << c.json;
-    EXPECT_EQ(KELCErrGet(), c.code) << c.json;
-    EXPECT_EQ(Bytes(*t), before) << c.json;
+    ExpectRefused([&](ORVA_SCHED_TASK& r) { return ORVASchedTaskConvertFromJson_Basic(Parse(c.json), r); }, *t,
+                  c.code, c.json);
   }
   // Accepted forms of the id.
   for (const char* ok : {R"({"basic": {"id": 12}})", R"({"basic": {"id": "12"}})", R"({"basic": {}})", R"({})"}) {
@@ -136,18 +135,16 @@ TEST(SchedJson, BasicByUser) {
   Json::Value in;
   in["basic"]["task_name"] = "mine";
   ASSERT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *t));
-  EXPECT_EQ(ORVASchedTaskGetOwner(*t), a.Uid());  // absent owner: the user
-  EXPECT_EQ(ORVASchedTaskGetRealOwner(*t), a.Uid());
-  EXPECT_EQ(ORVASchedTaskGetMarker(*t), ORVA_SCHED_MARKER_BY_USER);
+  // Absent owner: the user.
+  EXPECT_EQ(std::vector<int64_t>({ORVASchedTaskGetOwner(*t), ORVASchedTaskGetRealOwner(*t), ORVASchedTaskGetMarker(*t)}),
+            std::vector<int64_t>({a.Uid(), a.Uid(), ORVA_SCHED_MARKER_BY_USER}));
   in["basic"]["owner"] = a.Name();
   EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *t));
   for (const std::string& other : {b.Name(), std::string("root")}) {
     in["basic"]["owner"] = other;
     auto u = NewTask();
-    std::string before = Bytes(*u);
-    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, *u)) << other;
-    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_OWNER);
-    EXPECT_EQ(Bytes(*u), before);
+    ExpectRefused([&](ORVA_SCHED_TASK& r) { return ORVASchedTaskConvertFromJson_Basic_ByUser(a.Name(), in, r); }, *u,
+                  ORVA_SCHED_ERR_NOT_OWNER, other);
   }
   in["basic"].removeMember("owner");
   EXPECT_FALSE(ORVASchedTaskConvertFromJson_Basic_ByUser("orvat-no-such-user", in, *t));
@@ -166,10 +163,7 @@ TEST(SchedJson, ScheduleRoundTrip) {
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Schedule(*t, out));
   EXPECT_EQ(out["other"], "kept");
   const Json::Value& s = out["schedule"];
-  for (const char* key : {"repeat", "date", "week_name", "hour", "min", "repeat_hour", "repeat_min", "last_work_hour",
-                          "repeat_min_store_config", "repeat_hour_store_config"}) {
-    EXPECT_EQ(s[key], in["schedule"][key]) << key;
-  }
+  for (const std::string& key : in["schedule"].getMemberNames()) EXPECT_EQ(s[key], in["schedule"][key]) << key;
   EXPECT_EQ(s["next_trigger_time"], ORVASchedTaskGetNextTriggerTime(*t));
   EXPECT_NE(s["next_trigger_time"], "N/A");
   // The object the conversion wrote reads back to the same record.
@@ -178,69 +172,43 @@ TEST(SchedJson, ScheduleRoundTrip) {
   EXPECT_EQ(memcmp(&again->schedule, &t->schedule, sizeof(ORVA_SCHED_SCHEDULE)), 0);
 
   // Absent keys keep the record's values.
-  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat": "once"}})"), *again));
+  ASSERT_TRUE(FromSchedule(R"({"repeat": "once"})", *again));
   Json::Value disabled;
   ORVASchedCTaskSetState(again.get(), 0);
   ASSERT_TRUE(ORVASchedTaskConvertToJson_Schedule(*again, disabled));
-  EXPECT_EQ(disabled["schedule"]["next_trigger_time"], "N/A");
-  EXPECT_EQ(disabled["schedule"]["repeat"], "once");
-  EXPECT_EQ(disabled["schedule"]["date"], "2031-12-31");
-  EXPECT_EQ(disabled["schedule"]["week_name"], "0,2,6");
+  const Json::Value want =
+      Parse(R"({"next_trigger_time": "N/A", "repeat": "once", "date": "2031-12-31", "week_name": "0,2,6"})");
+  for (const std::string& key : want.getMemberNames()) EXPECT_EQ(disabled["schedule"][key], want[key]) << key;
 }
 
 TEST(SchedJson, ScheduleRefusesBadValues) {
   const char* cases[] = {
-      R"({"schedule": 3})",
-      R"({"schedule": {"repeat": "yearly"}})",
-      R"({"schedule": {"repeat": 1}})",
-      R"({"schedule": {"date": "2024-02-30"}})",
-      R"({"schedule": {"date": "2023-02-29"}})",
-      R"({"schedule": {"date": "2024-13-01"}})",
-      R"({"schedule": {"date": "2024-1-01"}})",
-      R"({"schedule": {"date": "24-01-01xx"}})",
-      R"({"schedule": {"date": "1969-12-31"}})",
-      R"({"schedule": {"date": 20240101}})",
-      R"({"schedule": {"week_name": "7"}})",
-      R"({"schedule": {"week_name": "1,,2"}})",
-      R"({"schedule": {"week_name": "1,2,"}})",
-      R"({"schedule": {"week_name": "1,1"}})",
-      R"({"schedule": {"week_name": "1 ,2"}})",
-      R"({"schedule": {"week_name": [1, 2]}})",
-      R"({"schedule": {"repeat": "weekly", "week_name": ""}})",
-      R"({"schedule": {"hour": 24}})",
-      R"({"schedule": {"hour": -1}})",
-      R"({"schedule": {"hour": "5"}})",
-      R"({"schedule": {"hour": 5.5}})",
-      R"({"schedule": {"min": 60}})",
-      R"({"schedule": {"repeat_hour": 24}})",
-      R"({"schedule": {"repeat_min": 60}})",
-      R"({"schedule": {"repeat_min": 5, "repeat_hour": 2}})",
-      R"({"schedule": {"last_work_hour": 24}})",
-      R"({"schedule": {"repeat_min_store_config": [0]}})",
-      R"({"schedule": {"repeat_min_store_config": [60]}})",
-      R"({"schedule": {"repeat_min_store_config": "5"}})",
-      R"({"schedule": {"repeat_hour_store_config": [1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17]}})",
-      R"({"schedule": {"repeat_hour_store_config": [24]}})",
+      "3", R"({"repeat": "yearly"})", R"({"repeat": 1})", R"({"date": "2024-02-30"})", R"({"date": "2023-02-29"})",
+      R"({"date": "2024-13-01"})", R"({"date": "2024-1-01"})", R"({"date": "24-01-01xx"})", R"({"date": "1969-12-31"})",
+      R"({"date": 20240101})", R"({"week_name": "7"})", R"({"week_name": "1,,2"})", R"({"week_name": "1,2,"})",
+      R"({"week_name": "1,1"})", R"({"week_name": "1 ,2"})", R"({"week_name": [1, 2]})",
+      R"({"repeat": "weekly", "week_name": ""})", R"({"hour": 24})", R"({"hour": -1})", R"({"hour": "5"})",
+      R"({"hour": 5.5})", R"({"min": 60})", R"({"repeat_hour": 24})", R"({"repeat_min": 60})",
+      R"({"repeat_min": 5, "repeat_hour": 2})", R"({"last_work_hour": 24})", R"({"repeat_min_store_config": [0]})",
+      R"({"repeat_min_store_config": [60]})", R"({"repeat_min_store_config": "5"})",
+      R"({"repeat_hour_store_config": [1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17]})",
+      R"({"repeat_hour_store_config": [24]})",
       // Good values beside a bad one are not applied.
-      R"({"schedule": {"hour": 7, "min": 7, "repeat": "never"}})",
+      R"({"hour": 7, "min": 7, "repeat": "never"})",
   };
   for (const char* c : cases) {
     auto t = NewTask();
-    std::string before = Bytes(*t);
-    EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(c), *t)) << c;
-    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_INVALID) << c;
-    EXPECT_EQ(Bytes(*t), before) << c;
+    ExpectRefused([&](ORVA_SCHED_TASK& r) { return FromSchedule(c, r); }, *t, ORVA_SCHED_ERR_INVALID, c);
   }
   // A repeat_hour already set conflicts with a new repeat_min unless cleared with it.
   auto t = NewTask();
-  ASSERT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_hour": 3}})"), *t));
-  EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_min": 5}})"), *t));
-  EXPECT_TRUE(
-      ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"repeat_min": 5, "repeat_hour": 0}})"), *t));
+  ASSERT_TRUE(FromSchedule(R"({"repeat_hour": 3})", *t));
+  EXPECT_FALSE(FromSchedule(R"({"repeat_min": 5})", *t));
+  EXPECT_TRUE(FromSchedule(R"({"repeat_min": 5, "repeat_hour": 0})", *t));
   EXPECT_EQ(t->schedule.repeat_min, 5);
   // A record without a schedule (zero-filled) cannot take one that has no date.
   ORVA_SCHED_TASK* zero = static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)));
-  EXPECT_FALSE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"hour": 1}})"), *zero));
-  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse(R"({"schedule": {"date": "2030-01-01"}})"), *zero));
+  EXPECT_FALSE(FromSchedule(R"({"hour": 1})", *zero));
+  EXPECT_TRUE(FromSchedule(R"({"date": "2030-01-01"})", *zero));
   free(zero);
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -77,12 +78,11 @@ ORVA_SCHED_TASK* Find(ORVA_SCHED_TASK* list, long id) {
   return list;
 }
 
-void SetOnce(ORVA_SCHED_TASK* t, int year, int hour) {
-  t->schedule.repeat = ORVA_SCHED_REPEAT_ONCE;
-  t->schedule.year = static_cast<uint16_t>(year);
-  t->schedule.month = t->schedule.day = 1;
-  t->schedule.hour = static_cast<uint8_t>(hour);
-  t->schedule.min = 0;
+// `rc` is -1 and the error recorded is `code`.
+::testing::AssertionResult FailedWith(int64_t rc, int code) {
+  const int err = KELCErrGet();
+  if (rc == -1 && err == code) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "returned " << rc << " with error " << err << ", not -1 with " << code;
 }
 
 }  // namespace
@@ -160,8 +160,7 @@ TEST(SchedStore, TextFieldsAtTheLimitAndOneByteOver) {
     f.set(back.get(), tooLong.c_str());
     EXPECT_EQ(ORVASchedTaskGetTruncated(*back), f.bit);
     EXPECT_EQ(std::string(f.get(*back)), tooLong.substr(0, f.size - 1));
-    EXPECT_EQ(ORVASchedTaskSave(back.get()), -1);
-    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_TOO_LONG);
+    EXPECT_TRUE(FailedWith(ORVASchedTaskSave(back.get()), ORVA_SCHED_ERR_TOO_LONG));
     EXPECT_STREQ(KELCErrorGetFile(), "store.cpp");
     auto over = NewTask();
     f.set(over.get(), tooLong.c_str());
@@ -233,10 +232,8 @@ TEST(SchedStore, IdsAssignedAndKept) {
   EXPECT_EQ(CountTasks(), 4);
   // Unknown ids: load leaves the record untouched; remove, run and status fail.
   for (long id : {501L, 0L, 9999L, -5L}) {
-    EXPECT_EQ(ORVASchedTaskLoad(id, a.get()), -1) << id;
-    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_FOUND);
-    EXPECT_EQ(ORVASchedTaskRemove(id), -1) << id;
-    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_FOUND);
+    EXPECT_TRUE(FailedWith(ORVASchedTaskLoad(id, a.get()), ORVA_SCHED_ERR_NOT_FOUND)) << id;
+    EXPECT_TRUE(FailedWith(ORVASchedTaskRemove(id), ORVA_SCHED_ERR_NOT_FOUND)) << id;
     EXPECT_EQ(ORVASchedTaskRun(id, 0, 0), -1) << id;
     Json::Value status;
     EXPECT_EQ(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), -1);
@@ -259,15 +256,14 @@ TEST(SchedStore, BadScheduleIsNotSaved) {
       {"30 February", [](ORVA_SCHED_SCHEDULE& s) { s.year = 2024, s.month = 2, s.day = 30; }},
       {"29 February 2023", [](ORVA_SCHED_SCHEDULE& s) { s.year = 2023, s.month = 2, s.day = 29; }},
       {"month 13", [](ORVA_SCHED_SCHEDULE& s) { s.month = 13; }},
-      {"weekly, no day", [](ORVA_SCHED_SCHEDULE& s) { s.repeat = ORVA_SCHED_REPEAT_WEEKLY, s.week_mask = 0; }},
       {"repeat 4", [](ORVA_SCHED_SCHEDULE& s) { s.repeat = 4; }},
+      {"weekly, no day", [](ORVA_SCHED_SCHEDULE& s) { s.repeat = ORVA_SCHED_REPEAT_WEEKLY, s.week_mask = 0; }},
       {"config 0", [](ORVA_SCHED_SCHEDULE& s) { s.repeat_min_cfg[0] = 0; }},
   };
   for (const Case& c : cases) {
     auto t = NewTask();
     c.spoil(t->schedule);
-    EXPECT_EQ(ORVASchedTaskSave(t.get()), -1) << c.what;
-    EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_INVALID) << c.what;
+    EXPECT_TRUE(FailedWith(ORVASchedTaskSave(t.get()), ORVA_SCHED_ERR_INVALID)) << c.what;
   }
   EXPECT_EQ(CountTasks(), 0);
 }
@@ -343,12 +339,9 @@ TEST(SchedStore, ByUserMatrix) {
   EXPECT_EQ(load(b.Name().c_str(), 777, mine.get()), -1);
   // Unknown users fail everywhere; so does running a task that was never saved.
   const char* ghost = "orvat-no-such-user";
-  EXPECT_EQ(load(ghost, -1, mine.get()), -1);
-  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NO_USER);
-  EXPECT_EQ(save(ghost, mine.get()), -1);
-  EXPECT_EQ(remove(ghost, 777), -1);
-  EXPECT_EQ(run(ghost, 777), -1);
-  EXPECT_EQ(run(a.Name().c_str(), -1), -1);
+  EXPECT_TRUE(FailedWith(load(ghost, -1, mine.get()), ORVA_SCHED_ERR_NO_USER));
+  EXPECT_EQ(std::vector<int>({save(ghost, mine.get()), remove(ghost, 777), run(ghost, 777), run(a.Name().c_str(), -1)}),
+            std::vector<int>(4, -1));
   orvatest::WaitForRunners(root.path());
 }
 
@@ -378,11 +371,9 @@ TEST(SchedStore, ListFiltersAndFreesForeignRecords) {
   ORVA_SCHED_TASK* last = list;
   while (ORVASchedTaskNext(last)) last = ORVASchedTaskNext(last);
   for (int i = 0; i < 3; ++i) {
-    ORVA_SCHED_TASK* mine = static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)));
-    ORVASchedCTaskSetID(mine, 1000 + i);
-    ORVASchedCTaskSetEvent(mine, "bootup");
-    last->next = mine;
-    last = mine;
+    last = last->next = static_cast<ORVA_SCHED_TASK*>(calloc(1, sizeof(ORVA_SCHED_TASK)));
+    ORVASchedCTaskSetID(last, 1000 + i);
+    ORVASchedCTaskSetEvent(last, "bootup");
   }
   ASSERT_EQ(ORVASchedTaskListSort(&list, "next trigger time", 1), 0);
   EXPECT_EQ(Ids(list).size(), 9u);
@@ -427,42 +418,37 @@ TEST(SchedStore, SortEveryKeyBothDirections) {
     ORVASchedCTaskSetOwner(t.get(), r.owner);
     ORVASchedCTaskSetAppName(t.get(), r.appName);
     ORVASchedCTaskSetAction(t.get(), r.action);
-    SetOnce(t.get(), r.year ? r.year : 2001, r.hour);
+    ORVA_SCHED_SCHEDULE& s = t->schedule;
+    s.repeat = ORVA_SCHED_REPEAT_ONCE, s.year = static_cast<uint16_t>(r.year ? r.year : 2001), s.month = s.day = 1;
+    s.hour = static_cast<uint8_t>(r.hour), s.min = 0;
     ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
   }
   struct Case {
     const char* key;
-    int ascending;
-    std::vector<long> ids;
+    std::vector<long> ascending, descending;
   } cases[] = {
-      {"state", 1, {2, 4, 1, 3, 5, 6}},
-      {"state", 0, {1, 3, 5, 6, 2, 4}},
-      {"id", 1, {1, 2, 3, 4, 5, 6}},
-      {"id", 0, {6, 5, 4, 3, 2, 1}},
-      {"name", 1, {2, 5, 1, 3, 6, 4}},
-      {"name", 0, {4, 6, 1, 3, 5, 2}},
-      {"owner", 1, {2, 5, 3, 6, 1, 4}},  // bin, daemon, root
-      {"owner", 0, {1, 4, 3, 6, 2, 5}},
-      {"app name", 1, {2, 3, 1, 5, 4, 6}},
-      {"app name", 0, {4, 6, 1, 5, 2, 3}},
-      {"action", 1, {4, 1, 3, 6, 2, 5}},
-      {"action", 0, {5, 2, 1, 3, 6, 4}},
-      {"next trigger time", 1, {5, 1, 6, 2, 3, 4}},  // disabled and past: last, by id
-      {"next trigger time", 0, {1, 6, 5, 2, 3, 4}},
+      {"state", {2, 4, 1, 3, 5, 6}, {1, 3, 5, 6, 2, 4}},
+      {"id", {1, 2, 3, 4, 5, 6}, {6, 5, 4, 3, 2, 1}},
+      {"name", {2, 5, 1, 3, 6, 4}, {4, 6, 1, 3, 5, 2}},
+      {"owner", {2, 5, 3, 6, 1, 4}, {1, 4, 3, 6, 2, 5}},  // bin, daemon, root
+      {"app name", {2, 3, 1, 5, 4, 6}, {4, 6, 1, 5, 2, 3}},
+      {"action", {4, 1, 3, 6, 2, 5}, {5, 2, 1, 3, 6, 4}},
+      {"next trigger time", {5, 1, 6, 2, 3, 4}, {1, 6, 5, 2, 3, 4}},  // disabled and past: last, by id
   };
   for (const Case& c : cases) {
-    ORVA_SCHED_TASK* list = nullptr;
-    ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 6);
-    // Start from a scrambled order so that the result owes nothing to the input.
-    ASSERT_EQ(ORVASchedTaskListSort(&list, "id", 0), 0);
-    ASSERT_EQ(ORVASchedTaskListSort(&list, c.key, c.ascending), 0) << c.key;
-    EXPECT_EQ(Ids(list), c.ids) << c.key << (c.ascending ? " ascending" : " descending");
-    ORVASchedTaskListFree(list);
+    for (int ascending : {1, 0}) {
+      ORVA_SCHED_TASK* list = nullptr;
+      ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 6);
+      // Start from a scrambled order so that the result owes nothing to the input.
+      ASSERT_EQ(ORVASchedTaskListSort(&list, "id", 0), 0);
+      ASSERT_EQ(ORVASchedTaskListSort(&list, c.key, ascending), 0) << c.key;
+      EXPECT_EQ(Ids(list), ascending ? c.ascending : c.descending) << c.key << " ascending " << ascending;
+      ORVASchedTaskListFree(list);
+    }
   }
   ORVA_SCHED_TASK* list = nullptr;
   ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 6);
-  EXPECT_EQ(ORVASchedTaskListSort(&list, "type", 1), -1);
-  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_INVALID);
+  EXPECT_TRUE(FailedWith(ORVASchedTaskListSort(&list, "type", 1), ORVA_SCHED_ERR_INVALID));
   EXPECT_EQ(Ids(list).size(), 6u);
   ORVASchedTaskListFree(list);
 }
@@ -475,20 +461,17 @@ TEST(SchedStore, GenerationCountsTaskWritesOnly) {
   ORVASchedCTaskSetName(bad.get(), std::string(ORVA_SCHED_NAME_MAX, 'n').c_str());
   int64_t last = ORVASchedStoreGeneration();
   ASSERT_GE(last, 0);
-  auto rose = [&last] {
+  // A step's return code, and whether it raised the generation.
+  auto step = [&last](int rc, int wantRc, bool rises) {
+    EXPECT_EQ(rc, wantRc);
     const int64_t was = last;
-    return (last = ORVASchedStoreGeneration()) > was;
+    EXPECT_EQ((last = ORVASchedStoreGeneration()) > was, rises) << "after a step returning " << rc;
   };
-  ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
-  EXPECT_TRUE(rose());
-  ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, ORVASchedTaskGetID(*t), "manual", "skipped", "x"), 0);
-  EXPECT_FALSE(rose());
-  EXPECT_EQ(ORVASchedTaskSave(bad.get()), -1);
-  EXPECT_FALSE(rose());
-  ASSERT_EQ(ORVASchedTaskRemove(ORVASchedTaskGetID(*t)), 0);
-  EXPECT_TRUE(rose());
-  ASSERT_EQ(ORVASchedEventTaskSave(ev), 0);
-  EXPECT_TRUE(rose());
+  step(ORVASchedTaskSave(t.get()), 0, true);
+  step(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, ORVASchedTaskGetID(*t), "manual", "skipped", "x"), 0, false);
+  step(ORVASchedTaskSave(bad.get()), -1, false);
+  step(ORVASchedTaskRemove(ORVASchedTaskGetID(*t)), 0, true);
+  step(ORVASchedEventTaskSave(ev), 0, true);
 }
 
 TEST(SchedStore, EventTasks) {
@@ -497,20 +480,15 @@ TEST(SchedStore, EventTasks) {
   ORVASchedEventTask boot{-1, "on boot", a.Uid(), true, "bootup", "echo up"};
   ASSERT_EQ(ORVASchedEventTaskSave(boot), 0);
   EXPECT_EQ(boot.id, 1);
-  ORVASchedEventTask down = boot;
-  down.id = -1;
-  down.event = "shutdown";
-  down.enable = false;
+  ORVASchedEventTask down{-1, "on boot", a.Uid(), false, "shutdown", "echo up"};
   ASSERT_EQ(ORVASchedEventTaskSave(down), 0);
   EXPECT_EQ(down.id, 2);
 
   std::vector<ORVASchedEventTask> all;
   ASSERT_EQ(ORVASchedEventTaskList(all, nullptr), 2);
   ASSERT_EQ(ORVASchedEventTaskList(all, "shutdown"), 1);
-  EXPECT_EQ(all[0].id, 2);
-  EXPECT_FALSE(all[0].enable);
-  EXPECT_EQ(all[0].owner, a.Uid());
-  EXPECT_EQ(all[0].script, "echo up");
+  EXPECT_EQ(std::tuple(all[0].id, all[0].enable, all[0].owner, all[0].script),
+            std::tuple(2L, false, a.Uid(), std::string("echo up")));
   EXPECT_EQ(CountTasks(), 0);
 
   struct Bad {
@@ -529,8 +507,7 @@ TEST(SchedStore, EventTasks) {
   for (const Bad& b : bad) {
     ORVASchedEventTask t = boot;
     b.spoil(t);
-    EXPECT_EQ(ORVASchedEventTaskSave(t), -1) << b.what;
-    EXPECT_EQ(KELCErrGet(), b.code) << b.what;
+    EXPECT_TRUE(FailedWith(ORVASchedEventTaskSave(t), b.code)) << b.what;
   }
   ORVASchedEventTask longest = boot;
   longest.task_name = std::string(ORVA_SCHED_NAME_MAX - 1, 'n');
@@ -538,12 +515,10 @@ TEST(SchedStore, EventTasks) {
   ASSERT_EQ(ORVASchedEventTaskSave(longest), 0);
   ORVASchedEventTask back;
   ASSERT_EQ(ORVASchedEventTaskLoad(1, back), 0);
-  EXPECT_EQ(back.task_name, longest.task_name);
-  EXPECT_EQ(back.script, longest.script);
+  EXPECT_EQ(std::pair(back.task_name, back.script), std::pair(longest.task_name, longest.script));
 
   ASSERT_EQ(ORVASchedEventTaskRemove(1), 0);
-  EXPECT_EQ(ORVASchedEventTaskRemove(1), -1);
-  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_FOUND);
+  EXPECT_TRUE(FailedWith(ORVASchedEventTaskRemove(1), ORVA_SCHED_ERR_NOT_FOUND));
   EXPECT_EQ(ORVASchedEventTaskLoad(1, back), -1);
   Json::Value status;
   EXPECT_EQ(ORVASchedEventTaskGetRunStatus(1, status), -1);
@@ -563,8 +538,7 @@ TEST(SchedStore, DatabaseSettingsAndSchemaVersion) {
   TempRoot other;  // switching roots reopens
   ASSERT_GE(ORVASchedStoreGeneration(), 0);
   ORVA::ORVARootSet(root.path());
-  EXPECT_EQ(ORVASchedStoreGeneration(), -1);
-  EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_DATABASE);
+  EXPECT_TRUE(FailedWith(ORVASchedStoreGeneration(), ORVA_SCHED_ERR_DATABASE));
   EXPECT_EQ(orvatest::QueryOne(db, "PRAGMA user_version"), "99");
   ORVA::ORVARootSet(other.path());
 }
@@ -613,19 +587,15 @@ TEST(SchedStore, ConnectionIsNotCarriedAcrossFork) {
   TempRoot root;
   auto t = NewTask();
   ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);  // the parent's connection is open
-  pid_t pid = fork();
-  if (pid == 0) {
+  // Both save 20 new tasks at once.
+  auto save20 = [] {
     int ok = 0;
-    for (int i = 0; i < 20; ++i) {
-      auto c = NewTask();
-      ok += ORVASchedTaskSave(c.get()) == 0;
-    }
-    _exit(ok == 20 ? 0 : 1);
-  }
-  for (int i = 0; i < 20; ++i) {
-    auto p = NewTask();
-    EXPECT_EQ(ORVASchedTaskSave(p.get()), 0);
-  }
+    for (int i = 0; i < 20; ++i) ok += ORVASchedTaskSave(NewTask().get()) == 0;
+    return ok;
+  };
+  pid_t pid = fork();
+  if (pid == 0) _exit(save20() == 20 ? 0 : 1);
+  EXPECT_EQ(save20(), 20);
   int status = 0;
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);

@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <stdexcept>
+#include <vector>
 
 #include "webapi/registry.h"
 #include "webapi/webapi.h"
@@ -23,24 +24,14 @@ ORVA::APIRequest Req(const std::string& params) {
 TEST(WebapiTypedReaders, EachReaderAcceptsOnlyItsOwnType) {
   struct Case {
     const char* json;
-    bool intOk, stringOk, arrayOk;
+    bool intOk = false, stringOk = false, arrayOk = false;
   };
   const Case cases[] = {
-      {"7", true, false, false},
-      {"-2147483648", true, false, false},
-      {"2147483647", true, false, false},
-      {"2147483648", false, false, false},  // beyond int
-      {"-2147483649", false, false, false},
-      {"9223372036854775808", false, false, false},  // stored unsigned by JsonCpp
-      {"18446744073709551615", false, false, false},
-      {"3.0", false, false, false},  // a real, even if integral
-      {"\"7\"", false, true, false},
-      {"\"\"", false, true, false},
-      {"true", false, false, false},
-      {"null", false, false, false},
-      {"[]", false, false, true},
-      {"[1,\"a\"]", false, false, true},
-      {"{}", false, false, false},
+      {"7", true}, {"-2147483648", true}, {"2147483647", true},
+      // Beyond int; stored unsigned by JsonCpp; a real, even if integral.
+      {"2147483648"}, {"-2147483649"}, {"9223372036854775808"}, {"18446744073709551615"}, {"3.0"},
+      {"\"7\"", false, true}, {"\"\"", false, true}, {"true"}, {"null"}, {"[]", false, false, true},
+      {"[1,\"a\"]", false, false, true}, {"{}"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.json);
@@ -51,9 +42,8 @@ TEST(WebapiTypedReaders, EachReaderAcceptsOnlyItsOwnType) {
       auto s = req.GetAndCheckString("p", nec, nullptr);
       auto a = req.GetAndCheckArray("p", nec, nullptr);
       EXPECT_TRUE(i.IsSet() && s.IsSet() && a.IsSet());
-      EXPECT_EQ(!c.intOk, i.IsInvalid());
-      EXPECT_EQ(!c.stringOk, s.IsInvalid());
-      EXPECT_EQ(!c.arrayOk, a.IsInvalid());
+      EXPECT_EQ((std::vector<bool>{!c.intOk, !c.stringOk, !c.arrayOk}),
+                (std::vector<bool>{i.IsInvalid(), s.IsInvalid(), a.IsInvalid()}));
       EXPECT_EQ(c.intOk ? v.asInt() : 0, i.Get());
       EXPECT_EQ(c.stringOk ? v.asString() : "", s.Get());
       if (c.arrayOk) {
@@ -72,9 +62,7 @@ TEST(WebapiTypedReaders, NecessityAndValidators) {
     auto s = req.GetAndCheckString("id", nec, nullptr);
     auto a = req.GetAndCheckArray("id", nec, nullptr);
     EXPECT_FALSE(i.IsSet() || s.IsSet() || a.IsSet());
-    EXPECT_EQ(invalid, i.IsInvalid());
-    EXPECT_EQ(invalid, s.IsInvalid());
-    EXPECT_EQ(invalid, a.IsInvalid());
+    EXPECT_EQ(std::vector<bool>(3, invalid), (std::vector<bool>{i.IsInvalid(), s.IsInvalid(), a.IsInvalid()}));
   }
   // Present but of the wrong type is invalid even when optional.
   EXPECT_TRUE(req.GetAndCheckString("other", ORVA::PARAM_OPTIONAL, nullptr).IsInvalid());
@@ -195,14 +183,10 @@ TEST_F(WebapiRegistry, FindGivesTheRowOrTheRightErrorCode) {
     int code;
   };
   const Case cases[] = {
-      {"ORVA.Reg.A", 1, "echo", 0},
-      {"ORVA.Reg.A", 2, "echo", 0},
-      {"ORVA.Reg.B", 1, "echo", ORVA::WEBAPI_ERR_NO_API},
-      {"orva.reg.a", 1, "echo", ORVA::WEBAPI_ERR_NO_API},
-      {"ORVA.Reg.A", 1, "nope", ORVA::WEBAPI_ERR_NO_METHOD},
-      {"ORVA.Reg.A", 1, "Echo", ORVA::WEBAPI_ERR_NO_METHOD},
-      {"ORVA.Reg.A", 2, "fail", ORVA::WEBAPI_ERR_NO_VERSION},
-      {"ORVA.Reg.A", 3, "echo", ORVA::WEBAPI_ERR_NO_VERSION},
+      {"ORVA.Reg.A", 1, "echo", 0}, {"ORVA.Reg.A", 2, "echo", 0},
+      {"ORVA.Reg.B", 1, "echo", ORVA::WEBAPI_ERR_NO_API}, {"orva.reg.a", 1, "echo", ORVA::WEBAPI_ERR_NO_API},
+      {"ORVA.Reg.A", 1, "nope", ORVA::WEBAPI_ERR_NO_METHOD}, {"ORVA.Reg.A", 1, "Echo", ORVA::WEBAPI_ERR_NO_METHOD},
+      {"ORVA.Reg.A", 2, "fail", ORVA::WEBAPI_ERR_NO_VERSION}, {"ORVA.Reg.A", 3, "echo", ORVA::WEBAPI_ERR_NO_VERSION},
       {"ORVA.Reg.A", 0, "echo", ORVA::WEBAPI_ERR_NO_VERSION},
   };
   for (const Case& c : cases) {
@@ -301,12 +285,8 @@ TEST_F(WebapiDescriptor, LevelsAndMalformedDescriptorsApplyNothing) {
     EXPECT_EQ(c.level, reg.GetAuth(c.api, c.method));
   }
   const char* bad[] = {
-      "not json",
-      "[]",
-      R"({"apis": []})",
-      R"({"apis": {"ORVA.D.W": {"auth": "root"}}})",
-      R"({"apis": {"ORVA.D.W": {"auth": "Public"}}})",
-      R"({"apis": {"ORVA.D.W": {"auth": 1}}})",
+      "not json", "[]", R"({"apis": []})", R"({"apis": {"ORVA.D.W": {"auth": "root"}}})",
+      R"({"apis": {"ORVA.D.W": {"auth": "Public"}}})", R"({"apis": {"ORVA.D.W": {"auth": 1}}})",
       R"({"apis": {"ORVA.D.W": "public"}})",
       R"({"apis": {"ORVA.D.W": {"auth": "public", "methods": {"m": "everyone"}}}})",
       R"({"apis": {"ORVA.D.W": {"auth": "public"}, "ORVA.D.V": {"auth": "nobody"}}})",
