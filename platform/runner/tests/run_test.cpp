@@ -192,7 +192,8 @@ TEST_F(SchedRunTest, EventAndUsersTasksRunAsTheirOwner) {
 // run as an owner that no longer exists.
 TEST_F(SchedRunTest, RecordsExitSignalAndOutput) {
   TestUser u;
-  const uid_t gone = TestUser().Uid();  // the user is removed again at once
+  // Far above the range useradd takes uids from, so no test user can get it meanwhile.
+  const uid_t gone = 2000000000;
   const std::string tail = std::string(ORVA_SCHED_RUN_OUTPUT_MAX - 5, 'a') + "\xef\xbf\xbd" "END\n";
   const struct {
     std::string command;
