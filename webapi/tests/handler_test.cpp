@@ -8,19 +8,14 @@ using namespace orvatest;
 
 namespace {
 
-
 TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
   ModuleRoot root;
   root.WriteTexts("en", R"({"volume": {"beep_on": "Beep for"}, "common": {"time_seconds": "seconds"}})");
   Json::Value params = TaskObject("beep", Parse(R"({"beep_duration": 10})"), "buzz");
   params["schedule"] = Parse(R"({"repeat_date": "weekly", "week_day": "1,3", "hour": 7, "minute": 45})");
-  Reply created = Call(2, "create", params);
-  ASSERT_TRUE(created.success) << created.envelope;
-  const long id = created.data["id"].asInt64();
-
-  Reply got = Call(2, "get", IdParams(id));
-  ASSERT_TRUE(got.success) << got.envelope;
-  Json::Value t = got.data;
+  const long id = CreateTask(params);
+  const Json::Value got = GetTask(id);
+  Json::Value t = got;
   EXPECT_EQ(t["schedule"]["week_day"], "1,3");
   EXPECT_EQ(t["schedule"]["minute"], 45);
   for (const char* gone : {"repeat", "week_name", "min", "next_trigger_time"}) EXPECT_FALSE(t["schedule"].isMember(gone));
@@ -31,18 +26,9 @@ TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
   EXPECT_EQ(t, want);
 
   // What get answered, changed, goes back through set.
-  t = got.data;
-  t["enable"] = false;
-  t["name"] = "second";
-  t["extra"]["beep_duration"] = 20;
-  Reply set = Call(2, "set", t);
-  ASSERT_TRUE(set.success) << set.envelope;
-  EXPECT_EQ(set.data, Parse(IdParams(id)));
-  got = Call(2, "get", IdParams(id));
-  EXPECT_EQ(got.data["enable"], false);
-  EXPECT_EQ(got.data["name"], "second");
-  EXPECT_EQ(got.data["action"], "Beep for 20 seconds");
-  EXPECT_EQ(got.data["schedule"]["repeat_date"], "weekly");
+  ExpectSet(Merged(got, Parse(R"({"enable": false, "name": "second", "extra": {"beep_duration": 20}})")), id);
+  ExpectMembers(GetTask(id), R"({"enable": false, "name": "second", "action": "Beep for 20 seconds"})");
+  EXPECT_EQ(GetTask(id)["schedule"]["repeat_date"], "weekly");
   EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 20");
 }
 
@@ -55,24 +41,21 @@ TEST(ModuleHandler, VersionOneNeitherShowsNorSetsMinuteAndHourRepetition) {
     params["schedule"]["repeat_min"] = 15;
     params["schedule"]["repeat_min_store_config"] = Parse("[5, 15]");
     params["schedule"]["repeat_hour_store_config"] = Parse("[2]");
-    Reply created = Call(version, "create", params);
-    ASSERT_TRUE(created.success) << created.envelope;
-    const long id = created.data["id"].asInt64();
+    const long id = CreateTask(params, version);
     const bool v1 = version == 1;
     EXPECT_EQ(Record(id).schedule.repeat_min, v1 ? 0 : 15);
     EXPECT_EQ(Record(id).schedule.n_repeat_min_cfg, v1 ? fresh.schedule.n_repeat_min_cfg : 2);
     EXPECT_EQ(Record(id).schedule.n_repeat_hour_cfg, v1 ? fresh.schedule.n_repeat_hour_cfg : 1);
-    Reply got = Call(version, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
+    const Json::Value got = GetTask(id, version);
     for (const char* key : {"repeat_min", "repeat_min_store_config", "repeat_hour_store_config"}) {
-      EXPECT_EQ(got.data["schedule"].isMember(key), !v1) << key;
+      EXPECT_EQ(got["schedule"].isMember(key), !v1) << key;
     }
-    EXPECT_TRUE(got.data["schedule"].isMember("repeat_hour"));
+    EXPECT_TRUE(got["schedule"].isMember("repeat_hour"));
     // The same through "set" on the existing task.
     params.removeMember("type");
     params["id"] = static_cast<Json::Int64>(id);
     params["schedule"]["repeat_min"] = 30;
-    ASSERT_TRUE(Call(version, "set", params).success);
+    ExpectSet(params, id, version);
     EXPECT_EQ(Record(id).schedule.repeat_min, v1 ? 0 : 30);
   }
 }
@@ -102,17 +85,9 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
   for (const auto& [app, key] : apps) {
     SCOPED_TRACE(app);
     const long id = AddTask({.app = app, .command = "/bin/echo keep", .appArgs = "{\"own\": 1}"});
-    Reply got = Call(2, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
-    EXPECT_EQ(got.data["type"], key);
-    EXPECT_TRUE(got.data["extra"].isNull());
-    EXPECT_EQ(got.data["can_edit_owner"], false);
-    Json::Value params = got.data;
-    params["name"] = "renamed";
-    params["enable"] = false;
-    Reply set = Call(2, "set", params);
-    ASSERT_TRUE(set.success) << set.envelope;
-    EXPECT_EQ(set.data, Parse(IdParams(id)));
+    const Json::Value got = GetTask(id);
+    ExpectMembers(got, std::string(R"({"extra": null, "can_edit_owner": false, "type": ")") + key + "\"}");
+    ExpectSet(Merged(got, Parse(R"({"name": "renamed", "enable": false})")), id);
     const _tag_orva_sched_task_ r = Record(id);
     EXPECT_STREQ(r.name, "renamed");
     EXPECT_EQ(r.enabled, 0);
@@ -186,12 +161,8 @@ TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
     EXPECT_FALSE(d.response.IsSuccess());
     EXPECT_EQ(d.response.GetEnvelope()["error"]["code"], c.code);
     EXPECT_EQ(d.response.GetData(), Parse(c.data));
-    if (!c.log) {
-      EXPECT_EQ(LogCount(), 0u);
-    }
-    if (c.log) {
-      EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]"));
-    }
+    if (c.log) EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]"));
+    if (!c.log) EXPECT_EQ(LogCount(), 0u);
   }
   // Set without an id creates a new task.
   Direct<TaskSchedulerBeepHandler> d(TaskObject("beep", Parse(R"({"beep_duration": 5})")), 2, "set");
@@ -254,8 +225,7 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
     SCOPED_TRACE(c.changes);
     ClearLogs();
     Json::Value params = SetObject(id, "beep", Parse(R"({"beep_duration": 9})"));
-    const Json::Value changes = Parse(c.changes);
-    for (const std::string& key : changes.getMemberNames()) params[key] = changes[key];
+    for (const std::string& key : Parse(c.changes).getMemberNames()) params[key] = Parse(c.changes)[key];
     ExpectReply(Call(2, "set", params), 117, c.msg);
     EXPECT_NE(ExpectOneLog("ORVA.Core.TaskScheduler.Basic:").find(c.log), std::string::npos);
     EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 4");
@@ -266,9 +236,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   ModuleRoot root;
   Json::Value params = TaskObject("script", Parse(R"({"script": "echo 77"})"));
   params["id"] = 77;
-  Reply created = Call(2, "create", params);
-  ASSERT_TRUE(created.success) << created.envelope;
-  EXPECT_EQ(created.data, Parse(R"({"id": 77})"));
+  EXPECT_EQ(Call(2, "create", params).data, Parse(R"({"id": 77})"));
   EXPECT_STREQ(Record(77).command, "echo 77");
   // An id out of range would use up the id sequence: refused, and later creates still work.
   for (const char* id : {"9223372036854775807", "1000000000", "-2", "18446744073709551615", "1.5", "[1]", "\"x\""}) {
@@ -298,10 +266,9 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
       ASSERT_GT(id, 0);
       EXPECT_NE(id, 77);
       EXPECT_STREQ(Record(id).app, c.app);
-      Reply got = Call(version, "get", IdParams(id));
-      ASSERT_TRUE(got.success) << got.envelope;
-      EXPECT_EQ(got.data["type"], c.type);
-      EXPECT_EQ(got.data["can_edit_owner"], std::string(c.type) == "script");
+      const Json::Value got = GetTask(id, version);
+      EXPECT_EQ(got["type"], c.type);
+      EXPECT_EQ(got["can_edit_owner"], std::string(c.type) == "script");
     }
   }
 }
@@ -321,9 +288,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   EXPECT_EQ(StoredCount(), 0);
 
   params["owner"] = user.Name();
-  created = Call(3, "create", params);
-  ASSERT_TRUE(created.success) << created.envelope;
-  const long id = created.data["id"].asInt64();
+  const long id = CreateTask(params, 3);
   _tag_orva_sched_task_ r = Record(id);
   EXPECT_EQ(r.marker, ORVA_SCHED_MARKER_BY_USER);
   EXPECT_EQ(r.real_owner, user.Uid());
@@ -332,9 +297,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   Json::Value get = Parse(IdParams(id));
   get["real_owner"] = user.Name();
   Reply got = Call(3, "get", get);
-  ASSERT_TRUE(got.success) << got.envelope;
-  EXPECT_EQ(got.data["real_owner"], user.Name());
-  EXPECT_EQ(got.data["owner"], user.Name());
+  EXPECT_TRUE(got.data["real_owner"] == user.Name() && got.data["owner"] == user.Name()) << got.envelope;
   // Empty "real_owner" acts as the system: the answer has no "real_owner".
   get["real_owner"] = "";
   got = Call(3, "get", get);
@@ -351,13 +314,13 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   EXPECT_STREQ(Record(id).name, "t1");
   set["real_owner"] = user.Name();
   set["name"] = "by owner";
-  ASSERT_TRUE(Call(3, "set", set).success);
+  ExpectSet(set, id, 3);
   EXPECT_STREQ(Record(id).name, "by owner");
   EXPECT_EQ(Record(id).real_owner, user.Uid());
   // The system changing the task (version 2) leaves it the user's.
   set.removeMember("real_owner");
   set["name"] = "by the system";
-  ASSERT_TRUE(Call(2, "set", set).success);
+  ExpectSet(set, id);
   r = Record(id);
   EXPECT_STREQ(r.name, "by the system");
   EXPECT_EQ(r.marker, ORVA_SCHED_MARKER_BY_USER);
@@ -381,12 +344,11 @@ TEST(ModuleBeepScript, BeepDurationIsClampedInCommandAndActionButStoredAsSent) {
     const long id = Create("beep", extra);
     ASSERT_GT(id, 0);
     const _tag_orva_sched_task_ r = Record(id);
-    EXPECT_EQ(std::string(r.command), std::string("/usr/orva/bin/orvaschedtool --beep ") + seconds);
-    EXPECT_EQ(std::string(r.action), std::string("#volume:beep_on# ") + seconds + " #common:time_seconds#");
-    EXPECT_EQ(std::string(r.app_args), writer.write(extra));
-    Reply got = Call(2, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
-    EXPECT_EQ(writer.write(got.data["extra"]), writer.write(extra));
+    EXPECT_EQ(std::vector<std::string>({r.command, r.action, r.app_args}),
+              std::vector<std::string>({std::string("/usr/orva/bin/orvaschedtool --beep ") + seconds,
+                                        std::string("#volume:beep_on# ") + seconds + " #common:time_seconds#",
+                                        writer.write(extra)}));
+    EXPECT_EQ(writer.write(GetTask(id)["extra"]), writer.write(extra));
   }
 }
 
@@ -400,12 +362,10 @@ TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
     extra["note"] = "kept";  // any other key survives the round trip
     const long id = Create("script", extra);
     ASSERT_GT(id, 0);
-    EXPECT_EQ(std::string(Record(id).command), script);
-    EXPECT_EQ(std::string(Record(id).action), "#common:run#: " + script);
-    EXPECT_EQ(std::string(Record(id).app_args), Json::FastWriter().write(extra));
-    Reply got = Call(1, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
-    EXPECT_EQ(got.data["extra"], extra);
+    const _tag_orva_sched_task_ r = Record(id);
+    EXPECT_EQ(std::vector<std::string>({r.command, r.action, r.app_args}),
+              std::vector<std::string>({script, "#common:run#: " + script, Json::FastWriter().write(extra)}));
+    EXPECT_EQ(GetTask(id, 1)["extra"], extra);
   }
   // Stored arguments that are not JSON still get without an error.
   Reply got = Call(2, "get", IdParams(AddTask({.appArgs = "{not json"})));

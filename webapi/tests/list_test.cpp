@@ -12,11 +12,19 @@ using namespace orvatest;
 
 namespace {
 
-
 std::vector<std::string> Names(const Reply& r) {
   std::vector<std::string> out;
   for (const Json::Value& t : r.data["tasks"]) out.push_back(t["name"].asString());
   return out;
+}
+
+// A "list" by name that answers exactly `names`, in all.
+Reply ListByName(int version, const std::vector<std::string>& names) {
+  Reply r = Call(version, "list", R"({"sort_by": "name"})");
+  EXPECT_TRUE(r.success) << r.envelope;
+  EXPECT_EQ(Names(r), names);
+  EXPECT_EQ(r.data["total"], static_cast<int>(names.size()));
+  return r;
 }
 
 class ModuleList : public ::testing::Test {
@@ -129,14 +137,8 @@ TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
   AddTask({.name = "hidden", .listable = false});
 
   // Version 1 lists system tasks only and never "real_owner".
-  Reply v1 = Call(1, "list", R"({"sort_by": "name"})");
-  ASSERT_TRUE(v1.success) << v1.envelope;
-  EXPECT_EQ(Names(v1), (std::vector<std::string>{"off", "other", "script", "vendor"}));
-  EXPECT_EQ(v1.data["total"], 4);
-  Reply r = Call(2, "list", R"({"sort_by": "name"})");
-  ASSERT_TRUE(r.success) << r.envelope;
-  EXPECT_EQ(Names(r), (std::vector<std::string>{"off", "other", "script", "users", "vendor"}));
-  EXPECT_EQ(r.data["total"], 5);
+  const Reply v1 = ListByName(1, {"off", "other", "script", "vendor"});
+  const Reply r = ListByName(2, {"off", "other", "script", "users", "vendor"});
   for (const Reply* reply : {&v1, &r}) {
     for (const Json::Value& t : reply->data["tasks"]) EXPECT_EQ(t.isMember("real_owner"), t["name"] == "users");
   }
@@ -148,25 +150,17 @@ TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
   EXPECT_EQ(script.getMemberNames(), (std::vector<std::string>{"action", "can_delete", "can_edit", "can_run", "enable",
                                                                 "id", "name", "next_trigger_time", "owner", "type"}));
   EXPECT_EQ(script["id"], static_cast<Json::Int64>(scriptId));
-  EXPECT_EQ(script["type"], "script");
-  EXPECT_EQ(script["action"], "Run: echo hi");
-  EXPECT_EQ(script["enable"], true);
-  EXPECT_EQ(script["can_run"], true);
-  EXPECT_EQ(script["owner"], "root");
+  ExpectMembers(script, R"({"type": "script", "action": "Run: echo hi", "enable": true, "can_run": true,
+                            "owner": "root"})");
   const std::string next = script["next_trigger_time"].asString();
   EXPECT_TRUE(next.size() == 16 && next.substr(11) == "04:05") << next;
 
   const Json::Value& off = r.data["tasks"][0];
-  EXPECT_EQ(off["type"], "beep");
-  EXPECT_EQ(off["enable"], false);
-  EXPECT_EQ(off["next_trigger_time"], "-");
+  ExpectMembers(off, R"({"type": "beep", "enable": false, "next_trigger_time": "-"})");
   EXPECT_FALSE(off.isMember("app_name"));
   // A 3rd-party app's own texts, else the system texts.
-  EXPECT_EQ(r.data["tasks"][4]["type"], "custom");
-  EXPECT_EQ(r.data["tasks"][4]["app_name"], "Vendor Tool");
-  EXPECT_EQ(r.data["tasks"][4]["action"], "Vendor Tool runs");
-  EXPECT_EQ(r.data["tasks"][1]["app_name"], "System title");
-  EXPECT_EQ(r.data["tasks"][1]["action"], "System title runs");
+  ExpectMembers(r.data["tasks"][4], R"({"type": "custom", "app_name": "Vendor Tool", "action": "Vendor Tool runs"})");
+  ExpectMembers(r.data["tasks"][1], R"({"app_name": "System title", "action": "System title runs"})");
 }
 
 TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
@@ -191,20 +185,13 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
   for (int version : {1, 2}) {
     SCOPED_TRACE(version);
     ClearLogs();
-    Reply r = Call(version, "list", R"({"sort_by": "name"})");
-    ASSERT_TRUE(r.success) << r.envelope;
-    EXPECT_EQ(Names(r), (std::vector<std::string>{"at shutdown", "on boot", "stored"}));
-    EXPECT_EQ(r.data["total"], 3);
+    const Reply r = ListByName(version, {"at shutdown", "on boot", "stored"});
     const Json::Value& item = r.data["tasks"][1];
-    EXPECT_EQ(item["type"], "event_script");
+    ExpectMembers(item, R"({"type": "event_script", "enable": true, "action": "Command line", "can_edit": true,
+                            "next_trigger_time": "-"})");
     EXPECT_EQ(item["owner"], user.Name());
-    EXPECT_EQ(item["enable"], true);
-    EXPECT_EQ(item["action"], "Command line");
-    EXPECT_EQ(item["can_edit"], true);
-    EXPECT_EQ(item["next_trigger_time"], "-");
     EXPECT_FALSE(item.isMember("real_owner"));
-    EXPECT_EQ(r.data["tasks"][0]["enable"], false);
-    EXPECT_EQ(r.data["tasks"][0]["owner"], "root");
+    ExpectMembers(r.data["tasks"][0], R"({"enable": false, "owner": "root"})");
     EXPECT_EQ(ExpectOneLog("Fail to get owner"), "ORVA.Core.TaskScheduler:69 Fail to get owner");
     std::vector<long> ids = {r.data["tasks"][0]["id"].asInt64(), item["id"].asInt64()};
     for (long id : ids) {

@@ -144,10 +144,34 @@ Json::Value TaskObject(const std::string& type, const Json::Value& extra, const 
   return task;
 }
 
-long Create(const std::string& type, const Json::Value& extra, int version) {
-  Reply reply = Call(version, "create", TaskObject(type, extra));
+long CreateTask(const Json::Value& params, int version) {
+  Reply reply = Call(version, "create", params);
   EXPECT_TRUE(reply.success) << reply.envelope;
   return reply.success && reply.data["id"].isIntegral() ? static_cast<long>(reply.data["id"].asInt64()) : -1;
+}
+
+Json::Value GetTask(long id, int version) {
+  Reply reply = Call(version, "get", IdParams(id));
+  EXPECT_TRUE(reply.success) << reply.envelope;
+  return reply.data;
+}
+
+void ExpectSet(const Json::Value& params, long id, int version) {
+  Reply reply = Call(version, "set", params);
+  EXPECT_TRUE(reply.success) << reply.envelope;
+  EXPECT_EQ(reply.data, Parse(IdParams(id)));
+}
+
+void ExpectMembers(const Json::Value& item, const std::string& want) {
+  const Json::Value w = Parse(want);
+  for (const std::string& key : w.getMemberNames()) EXPECT_EQ(item[key], w[key]) << key;
+}
+
+Json::Value Merged(Json::Value base, const Json::Value& changes) {
+  for (const std::string& key : changes.getMemberNames()) {
+    base[key] = changes[key].isObject() && base[key].isObject() ? Merged(base[key], changes[key]) : changes[key];
+  }
+  return base;
 }
 
 long AddTask(const TaskSeed& seed) {

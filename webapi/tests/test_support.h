@@ -74,8 +74,20 @@ inline Json::Value SetObject(long id, const std::string& type, const Json::Value
   task["id"] = static_cast<Json::Int64>(id);
   return task;
 }
+// "create" with `params`; the new id or -1 (test failed).
+long CreateTask(const Json::Value& params, int version = 2);
 // "create" of `type`; the new id or -1.
-long Create(const std::string& type, const Json::Value& extra, int version = 2);
+inline long Create(const std::string& type, const Json::Value& extra, int version = 2) {
+  return CreateTask(TaskObject(type, extra), version);
+}
+// The data of a successful "get" of task `id`.
+Json::Value GetTask(long id, int version = 2);
+// A "set" with `params` that succeeds and answers {"id": id}.
+void ExpectSet(const Json::Value& params, long id, int version = 2);
+// Each member of `want` (JSON text) equals that member of `item`.
+void ExpectMembers(const Json::Value& item, const std::string& want);
+// `base` with `changes` merged in, objects member by member.
+Json::Value Merged(Json::Value base, const Json::Value& changes);
 
 // ---- the real store of the temp root ----
 struct TaskSeed {
