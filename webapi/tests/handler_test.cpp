@@ -161,8 +161,8 @@ TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
     EXPECT_FALSE(d.response.IsSuccess());
     EXPECT_EQ(d.response.GetEnvelope()["error"]["code"], c.code);
     EXPECT_EQ(d.response.GetData(), Parse(c.data));
-    if (c.log) EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]"));
-    if (!c.log) EXPECT_EQ(LogCount(), 0u);
+    if (c.log) { EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]")); }
+    if (!c.log) { EXPECT_EQ(LogCount(), 0u); }
   }
   // Set without an id creates a new task.
   Direct<TaskSchedulerBeepHandler> d(TaskObject("beep", Parse(R"({"beep_duration": 5})")), 2, "set");

@@ -45,9 +45,7 @@ TEST_F(ModuleList, PagingArithmetic) {
     EXPECT_EQ(r.replies, 1);
     EXPECT_EQ(r.data, Parse(R"({"tasks": [], "total": 0})"));
   }
-  for (int i = 0; i < 8; ++i) {
-    ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
-  }
+  for (int i = 0; i < 8; ++i) ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
   const std::vector<std::string> all = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};
   const struct {
     const char* params;

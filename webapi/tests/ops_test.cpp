@@ -11,7 +11,6 @@ using namespace orvatest;
 
 namespace {
 
-
 TEST(ModuleOps, ParameterShapes) {
   ModuleRoot root;
   const long id = AddTask({});
@@ -128,9 +127,7 @@ TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
     for (std::string t; after >> t;) {
       const long id = std::stol(ids[t[0]]);
       EXPECT_EQ(TaskExists(id), t[1] != 'x') << t;
-      if (t[1] == '+' || t[1] == '-') {
-        EXPECT_EQ(TaskEnabled(id), t[1] == '+') << t;
-      }
+      if (t[1] == '+' || t[1] == '-') { EXPECT_EQ(TaskEnabled(id), t[1] == '+') << t; }
     }
   }
 }
@@ -156,10 +153,9 @@ TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
   const long ids[] = {AddTask({}), AddTask({}), AddTask({})};
   const long mine =
       AddTask({.name = "alice's", .command = "test \"$(id -un)\" = " + alice.Name(), .byUser = alice.Name()});
-  Reply r = Call(1, "run", "{\"task\": [" + std::to_string(ids[0]) + ", " + std::to_string(ids[1]) + "]}");
-  ASSERT_TRUE(r.success) << r.envelope;
-  r = Call(2, "run", "{\"tasks\": [{\"id\": " + std::to_string(mine) + ", \"real_owner\": \"" + alice.Name() + "\"}]}");
-  ASSERT_TRUE(r.success) << r.envelope;
+  ExpectReply(Call(1, "run", "{\"task\": [" + std::to_string(ids[0]) + ", " + std::to_string(ids[1]) + "]}"), 0);
+  ExpectReply(Call(2, "run", "{\"tasks\": [{\"id\": " + std::to_string(mine) + ", \"real_owner\": \"" + alice.Name() +
+                                 "\"}]}"), 0);
   for (long id : {ids[0], ids[1], mine}) {
     SCOPED_TRACE(id);
     Json::Value last = WaitForLastRun(id);
@@ -171,9 +167,7 @@ TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
   ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(ids[2]), untouched), 0);
   EXPECT_TRUE(untouched["last_run"].isNull());
   // "view" reports what the store records.
-  r = Call(1, "view", IdParams(mine));
-  ASSERT_TRUE(r.success);
-  EXPECT_EQ(r.data["last_run"]["result"], "success");
+  EXPECT_EQ(Call(1, "view", IdParams(mine)).data["last_run"]["result"], "success");
 }
 
 }  // namespace

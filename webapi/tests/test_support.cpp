@@ -66,9 +66,7 @@ void ClearLogs() {
 
 std::vector<LogLine> LogsWith(const std::string& needle) {
   std::vector<LogLine> out;
-  for (const LogLine& l : Logs()) {
-    if (l.text.find(needle) != std::string::npos) out.push_back(l);
-  }
+  for (const LogLine& l : Logs()) if (l.text.find(needle) != std::string::npos) out.push_back(l);
   return out;
 }
 
@@ -76,9 +74,7 @@ std::string ExpectOneLog(const std::string& needle, int priority) {
   const std::vector<LogLine> lines = LogsWith(needle);
   EXPECT_EQ(lines.size(), 1u) << needle;
   if (lines.size() != 1) return "";
-  if (priority >= 0) {
-    EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
-  }
+  if (priority >= 0) { EXPECT_EQ(lines[0].priority, priority) << lines[0].text; }
   return lines[0].text;
 }
 
