@@ -125,13 +125,11 @@ TEST(ModuleFrame, ViewAnswersTheStoresRunStatus) {
     int code;         // 0: success
     const char* log;  // the one line logged
   } cases[] = {
-      {"{}", 4800, "main:302 Invalid paramters."},
-      {R"({"id": "12"})", 4800, "main:302 Invalid paramters."},
+      {"{}", 4800, "main:302 Invalid paramters."}, {R"({"id": "12"})", 4800, "main:302 Invalid paramters."},
       {R"({"id": 1.5})", 4800, "main:302 Invalid paramters."},
       {R"({"id": true})", 4800, "main:302 Invalid paramters."},
       {R"({"id": null})", 4800, "main:302 Invalid paramters."},
-      {R"({"id": 424242})", 117, "ORVA.Core.TaskScheduler:652 get run status failed [0x"},
-      {IdParams(id), 0, nullptr},
+      {R"({"id": 424242})", 117, "ORVA.Core.TaskScheduler:652 get run status failed [0x"}, {IdParams(id), 0, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.params);

@@ -76,10 +76,8 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
     EXPECT_EQ(got.data["name"], "t1");
   }
   const std::pair<const char*, const char*> apps[] = {
-      {"ORVA.VEK.DataAnalysis", "report"},
-      {"ORVA.VEK.BackupApp.S3Backup", "backup"},
-      {"ORVA.VEK.TaskScheduler.AutoPower", "power"},
-      {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"},
+      {"ORVA.VEK.DataAnalysis", "report"}, {"ORVA.VEK.BackupApp.S3Backup", "backup"},
+      {"ORVA.VEK.TaskScheduler.AutoPower", "power"}, {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"},
       {"com.example.Thing", "custom"},
   };
   for (const auto& [app, key] : apps) {
@@ -104,20 +102,15 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
     int code;
     const char* log;  // the line logged, or null
   } cases[] = {
-      {2, "get", "{}", 4800, nullptr},
-      {1, "get", R"({"id": "1"})", 4800, nullptr},
-      {2, "get", R"({"id": 1, "type": 5})", 4800, nullptr},
-      {2, "get", R"({"id": 999})", 4801, nullptr},
+      {2, "get", "{}", 4800, nullptr}, {1, "get", R"({"id": "1"})", 4800, nullptr},
+      {2, "get", R"({"id": 1, "type": 5})", 4800, nullptr}, {2, "get", R"({"id": 999})", 4801, nullptr},
       {3, "get", R"({"id": 999, "real_owner": ""})", 4801, nullptr},
       {2, "get", R"({"id": 1, "type": "Beep"})", 4800, "Unknown app type: Beep"},
       {2, "get", R"({"id": 1, "type": "event_script"})", 4800, "Unknown app type: event_script"},
       {2, "get", ofEvent, 4800, "Unknown app type: event_script"},
-      {2, "set", ofEvent, 4800, "Unknown app type: event_script"},
-      {2, "set", "{}", 4800, nullptr},
-      {2, "set", R"({"id": 1.5})", 4800, nullptr},
-      {1, "set", R"({"id": 999, "type": "beep"})", 4801, nullptr},
-      {2, "create", "{}", 4800, nullptr},
-      {2, "create", R"({"type": 1})", 4800, nullptr},
+      {2, "set", ofEvent, 4800, "Unknown app type: event_script"}, {2, "set", "{}", 4800, nullptr},
+      {2, "set", R"({"id": 1.5})", 4800, nullptr}, {1, "set", R"({"id": 999, "type": "beep"})", 4801, nullptr},
+      {2, "create", "{}", 4800, nullptr}, {2, "create", R"({"type": 1})", 4800, nullptr},
       {1, "create", R"({"type": "custom"})", 4800, "Unknown app type: custom"},
       {3, "create", R"({"type": "report"})", 4800, "Unknown app type: report"},
       {2, "create", R"({"type": "event_script"})", 4800, "Unknown app type: event_script"},
@@ -149,8 +142,7 @@ TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
       {R"({"id": null})", 1, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
       {R"({"id": 4242})", 1, "get", "null", 0, "ORVA.Core.TaskScheduler.Basic:"},
       {R"({"id": 1})", 2, "Get", "null", 0, nullptr},  // not a method of this handler
-      {R"({"id": 1})", 2, "create", "null", 0, nullptr},
-      {R"({"id": 1})", 2, "", "null", 0, nullptr},
+      {R"({"id": 1})", 2, "create", "null", 0, nullptr}, {R"({"id": 1})", 2, "", "null", 0, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " " + c.params);

@@ -107,8 +107,7 @@ TEST(ModuleLib, AppKeysOfNamespacesAndOfStoredTasks) {
       {"ORVA.VEK.BackupApp.LocalBackup", "backup"},     {"ORVA.VEK.BackupApp.LUNBackup", "backup"},
       {"ORVA.VEK.BackupApp.S3Backup", "backup"},        {"ORVA.VEK.EventScheduler.Script", "event_script"},
       {"orva.vek.taskscheduler.beep", "custom"},        {"ORVA.VEK.TaskScheduler.Beep.FormPanel", "custom"},
-      {"ORVA.VEK.TaskScheduler.Bee", "custom"},         {" ORVA.VEK.TaskScheduler.Beep", "custom"},
-      {"", "custom"},
+      {"ORVA.VEK.TaskScheduler.Bee", "custom"},         {" ORVA.VEK.TaskScheduler.Beep", "custom"}, {"", "custom"},
   };
   for (const auto& [ns, key] : cases) {
     SCOPED_TRACE(ns);
@@ -126,8 +125,7 @@ TEST(ModuleLib, AppKeysOfNamespacesAndOfStoredTasks) {
     const char* key;   // null: fails
     std::string line;  // logged on failure
   } lookups[] = {
-      {boost::none, beepId, "beep", ""},
-      {boost::none, otherId, "custom", ""},
+      {boost::none, beepId, "beep", ""}, {boost::none, otherId, "custom", ""},
       {boost::none, 55555, nullptr, "Load Task failed [-][55555]"},
       {user.Name(), beepId, nullptr, "Load Task failed [" + user.Name() + "][" + std::to_string(beepId) + "]"},
   };
@@ -180,25 +178,15 @@ TEST_F(ModuleTexts, ParserKeysAndLookups) {
     const char* text;
     const char* want;
   } cases[] = {
-      {"en", "", "plain text", "plain text"},
-      {"en", "", "", ""},
-      {"en", "", "#common:ok", "#common:ok"},
-      {"en", "", "ok:#", "ok:#"},
-      {"en", "", "#common:ok#", "OK"},
-      {"en", "", "#:#", "empty both"},
-      {"en", "", "#a:b:c#", "A-BC"},
-      {"en", "", "#common:empty#", "#common:empty#"},
-      {"en", "", "#common:num#", "#common:num#"},
-      {"en", "", "#sect:x#", "#sect:x#"},
-      {"en", "", "#common:missing#", "#common:missing#"},
-      {"en", "", "#Common:ok#", "#Common:ok#"},
-      {"en", "Vendor.App", "#common:ok#", "App OK"},
-      {"en", "Vendor.App", "#app:title#", "My App"},
-      {"en", "Vendor.App", "#share:recycle_bin#", "Recycle Bin"},
-      {"en", "Other.App", "#app:title#", "#app:title#"},
+      {"en", "", "plain text", "plain text"}, {"en", "", "", ""}, {"en", "", "#common:ok", "#common:ok"},
+      {"en", "", "ok:#", "ok:#"}, {"en", "", "#common:ok#", "OK"}, {"en", "", "#:#", "empty both"},
+      {"en", "", "#a:b:c#", "A-BC"}, {"en", "", "#common:empty#", "#common:empty#"},
+      {"en", "", "#common:num#", "#common:num#"}, {"en", "", "#sect:x#", "#sect:x#"},
+      {"en", "", "#common:missing#", "#common:missing#"}, {"en", "", "#Common:ok#", "#Common:ok#"},
+      {"en", "Vendor.App", "#common:ok#", "App OK"}, {"en", "Vendor.App", "#app:title#", "My App"},
+      {"en", "Vendor.App", "#share:recycle_bin#", "Recycle Bin"}, {"en", "Other.App", "#app:title#", "#app:title#"},
       {"de", "", "#common:run#", "Ausführen"},  // no fallback to another language
-      {"de", "", "#common:ok#", "#common:ok#"},
-      {"fr", "", "#common:ok#", "#common:ok#"},
+      {"de", "", "#common:ok#", "#common:ok#"}, {"fr", "", "#common:ok#", "#common:ok#"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.lang) + " " + c.app + " " + c.text);
@@ -228,27 +216,16 @@ TEST_F(ModuleTexts, ActionTokensAreTranslatedByTheScanner) {
     const char* action;
     const char* want;
   } cases[] = {
-      {"", "", ""},
-      {"", "plain text", "plain text"},
+      {"", "", ""}, {"", "plain text", "plain text"},
       {"", "#common:start_service#: \"WinShare\" \"FileXfer\"", "Start service: \"WinShare\" \"FileXfer\""},
-      {"", "#a:b#c:d#", "ABc:d#"},
-      {"", "## #x:y#", "## XY"},
-      {"", "# #x:y#", "# XY"},
-      {"", "#a#b:c#", "#aBC"},
-      {"", "#nope:none#", "#nope:none#"},
-      {"", "#nope:none# and #x:y#", "#nope:none# and XY"},
-      {"", "#x:y##x:y#", "XYXY"},
-      {"", "#x:y# then #x:y#", "XY then XY"},
-      {"", "#a:b:c#", "A-BC"},
-      {"", "#:#", "empty both"},
-      {"", "#", "#"},
-      {"", "::#x:y#::", "::XY::"},
-      {"", "#volume:beep_on# 60 #common:time_seconds#", "Beep for 60 #common:time_seconds#"},
-      {"", "x:#y#", "x:#y#"},
+      {"", "#a:b#c:d#", "ABc:d#"}, {"", "## #x:y#", "## XY"}, {"", "# #x:y#", "# XY"}, {"", "#a#b:c#", "#aBC"},
+      {"", "#nope:none#", "#nope:none#"}, {"", "#nope:none# and #x:y#", "#nope:none# and XY"},
+      {"", "#x:y##x:y#", "XYXY"}, {"", "#x:y# then #x:y#", "XY then XY"}, {"", "#a:b:c#", "A-BC"},
+      {"", "#:#", "empty both"}, {"", "#", "#"}, {"", "::#x:y#::", "::XY::"},
+      {"", "#volume:beep_on# 60 #common:time_seconds#", "Beep for 60 #common:time_seconds#"}, {"", "x:#y#", "x:#y#"},
       {"", "#common:run#: echo '#'; date +%H:%M#", "Run: echo '#'; date +%H:%M#"},
       // "#common:ab#" gives "#x:y#"; the later token then replaces that copy, its own stays.
-      {"", "#common:ab# #x:y#", "XY #x:y#"},
-      {"Vendor.App", "#a:b# / #x:y#", "vendor AB / XY"},
+      {"", "#common:ab# #x:y#", "XY #x:y#"}, {"Vendor.App", "#a:b# / #x:y#", "vendor AB / XY"},
       {"ORVA.VEK.TaskScheduler.Beep", "#a:b#", "AB"},
   };
   for (const auto& c : cases) {

@@ -51,22 +51,14 @@ TEST_F(ModuleList, PagingArithmetic) {
     const char* params;
     std::vector<std::string> names;
   } cases[] = {
-      {R"({})", all},
-      {R"({"offset": 0, "limit": 0})", {}},
-      {R"({"offset": 3, "limit": 0})", {}},
-      {R"({"offset": 0, "limit": -1})", all},
-      {R"({"offset": 1, "limit": 2})", {"t1", "t2"}},
-      {R"({"offset": 6, "limit": 5})", {"t6", "t7"}},
-      {R"({"offset": 3})", {"t3", "t4", "t5", "t6", "t7"}},
-      {R"({"offset": -5, "limit": 10})", {"t0", "t1", "t2", "t3", "t4"}},
-      {R"({"offset": -2, "limit": 3})", {"t0"}},
+      {R"({})", all}, {R"({"offset": 0, "limit": 0})", {}}, {R"({"offset": 3, "limit": 0})", {}},
+      {R"({"offset": 0, "limit": -1})", all}, {R"({"offset": 1, "limit": 2})", {"t1", "t2"}},
+      {R"({"offset": 6, "limit": 5})", {"t6", "t7"}}, {R"({"offset": 3})", {"t3", "t4", "t5", "t6", "t7"}},
+      {R"({"offset": -5, "limit": 10})", {"t0", "t1", "t2", "t3", "t4"}}, {R"({"offset": -2, "limit": 3})", {"t0"}},
       {R"({"offset": -2, "limit": 1})", all},  // the end index -1 is never met
-      {R"({"offset": 2, "limit": -3})", {"t2", "t3", "t4", "t5", "t6", "t7"}},
-      {R"({"offset": 8, "limit": 2})", {}},
-      {R"({"offset": 50})", {}},
-      {R"({"offset": "2", "limit": "1"})", all},
-      {R"({"offset": 1.5, "limit": true})", all},
-      {R"({"offset": 2147483647, "limit": 1})", {}},
+      {R"({"offset": 2, "limit": -3})", {"t2", "t3", "t4", "t5", "t6", "t7"}}, {R"({"offset": 8, "limit": 2})", {}},
+      {R"({"offset": 50})", {}}, {R"({"offset": "2", "limit": "1"})", all},
+      {R"({"offset": 1.5, "limit": true})", all}, {R"({"offset": 2147483647, "limit": 1})", {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.params);
@@ -110,8 +102,7 @@ TEST_F(ModuleList, SortKeysAndDirections) {
       {"app_name", "desc", {"alpha", "bravo", "delta", "charlie", "echo"}},
       {"action", "asc", {"echo", "charlie", "alpha", "bravo", "delta"}},
       {"next_trigger_time", "asc", {"alpha", "bravo"}},  // disabled: none, after all others
-      {"", "asc", {"alpha", "bravo"}},
-      {"Name", "asc", {"alpha", "bravo"}},
+      {"", "asc", {"alpha", "bravo"}}, {"Name", "asc", {"alpha", "bravo"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.sortBy) + " " + c.direction);

@@ -151,10 +151,8 @@ TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
     const char* on;
     const char* log;  // logged for a share that fails
   } cases[] = {
-      {"select", R"(["media"])", "media", nullptr},
-      {"select", "[]", "", nullptr},
-      {"all", "[]", "docs media web", nullptr},
-      {"anything", R"(["docs"])", "docs media web", nullptr},
+      {"select", R"(["media"])", "media", nullptr}, {"select", "[]", "", nullptr},
+      {"all", "[]", "docs media web", nullptr}, {"anything", R"(["docs"])", "docs media web", nullptr},
       {"all_include_home", "[]", "docs media home web", nullptr},
       {"select", R"(["nosuch", "web"])", "web", "enable share=nosuch recycle bin failed"},  // goes on past it
   };

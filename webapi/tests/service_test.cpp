@@ -163,10 +163,8 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
        "/usr/orva/bin/orvapkg stop alpha;\n"},
       {R"({"services": "WinShare", "action": 3})", "/usr/orva/bin/orvaschedtool --stop-service MacShare;\n"},
       {R"({"services": [{"id": "WinShare", "enable": "yes"}]})", nullptr},
-      {R"({"services": [{"id": 5, "enable": true}]})", nullptr},
-      {R"({"services": [{"enable": true}]})", nullptr},
-      {R"({"services": ["WinShare"]})", nullptr},
-      {R"({"action": "restart"})", nullptr},
+      {R"({"services": [{"id": 5, "enable": true}]})", nullptr}, {R"({"services": [{"enable": true}]})", nullptr},
+      {R"({"services": ["WinShare"]})", nullptr}, {R"({"action": "restart"})", nullptr},
       {R"({"action": "START"})", nullptr},
   };
   for (const auto& [form, command] : cases) {

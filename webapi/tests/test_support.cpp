@@ -249,8 +249,7 @@ void EventList(ORVA::APIRequest*, ORVA::APIResponse* response) {
 }
 
 ORVA::APITableRow gEventTable[] = {
-    {"ORVA.Core.EventScheduler", 1, "list", EventList},
-    {nullptr, 0, nullptr, nullptr},
+    {"ORVA.Core.EventScheduler", 1, "list", EventList}, {nullptr, 0, nullptr, nullptr},
 };
 
 }  // namespace
