@@ -81,10 +81,9 @@ TEST(ModuleFrame, DispatchOfUnknownMisplacedAndEmptyMethods) {
     SCOPED_TRACE(std::to_string(c.version) + (c.method ? c.method : "(null)"));
     Handler h;
     c.version == 1 ? h.handler.Process_v1(c.method) : h.handler.Process_v2(c.method);
-    EXPECT_EQ(h.response.GetReplyCount(), c.replies);
-    const Json::Value& envelope = h.response.GetEnvelope();
-    EXPECT_TRUE(!c.replies || (!h.response.IsSuccess() && envelope["error"]["code"] == 0 &&
-                               h.response.GetData().isNull())) << envelope;
+    const Reply r = ReplyOf(h.response);
+    EXPECT_TRUE(r.replies == c.replies &&
+                (!r.replies || (!r.success && r.envelope["error"]["code"] == 0 && r.data.isNull()))) << r.envelope;
   }
 }
 
@@ -110,9 +109,8 @@ TEST(ModuleFrame, FirstErrorWinsAndDataCombines) {
     Handler h;
     c.steps(h.handler);
     h.handler.ReportError();
-    EXPECT_EQ(h.response.GetReplyCount(), 1);
-    EXPECT_EQ(h.response.GetEnvelope()["error"]["code"], c.code);
-    EXPECT_EQ(h.response.GetData(), Parse(c.data));
+    const Reply r = ReplyOf(h.response);
+    EXPECT_TRUE(r.replies == 1 && r.envelope["error"]["code"] == c.code && r.data == Parse(c.data)) << r.envelope;
   }
 }
 

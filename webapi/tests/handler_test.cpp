@@ -149,10 +149,9 @@ TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
     ClearLogs();
     Direct<TaskSchedulerBasicHandler> d(Parse(c.params), c.version, "get");
     d.handler.Process(c.method, c.version);
-    EXPECT_EQ(d.response.GetReplyCount(), 1);
-    EXPECT_FALSE(d.response.IsSuccess());
-    EXPECT_EQ(d.response.GetEnvelope()["error"]["code"], c.code);
-    EXPECT_EQ(d.response.GetData(), Parse(c.data));
+    const Reply r = ReplyOf(d.response);
+    EXPECT_TRUE(r.replies == 1 && !r.success && r.envelope["error"]["code"] == c.code && r.data == Parse(c.data))
+        << r.envelope;
     if (c.log) { EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]")); }
     if (!c.log) { EXPECT_EQ(LogCount(), 0u); }
   }

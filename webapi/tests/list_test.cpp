@@ -40,10 +40,8 @@ class ModuleList : public ::testing::Test {
 
 TEST_F(ModuleList, PagingArithmetic) {
   for (int version : {1, 2}) {
-    Reply r = Call(version, "list", "{}");
-    ASSERT_TRUE(r.success) << r.envelope;
-    EXPECT_EQ(r.replies, 1);
-    EXPECT_EQ(r.data, Parse(R"({"tasks": [], "total": 0})"));
+    const Reply r = Call(version, "list", "{}");
+    EXPECT_TRUE(r.success && r.replies == 1 && r.data == Parse(R"({"tasks": [], "total": 0})")) << r.envelope;
   }
   for (int i = 0; i < 8; ++i) ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
   const std::vector<std::string> all = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};

@@ -16,33 +16,30 @@ TEST(ModuleOps, ParameterShapes) {
   const long id = AddTask({});
   const char* v1Element = "id must be an integer, enabled must be a boolean";
   const char* v2Element = "id must be an integer, enable must be a boolean";
+  const char* noArray = "tasks must be an array";
+  const char* v1Task = "task must be an array of id or a single id";
+  const char* v2Tasks = "tasks must be an array of {id, real_owner}";
+  const char* badId = "id must be an integer";
   const struct {
     int version;
     const char* method;
     const char* params;
     const char* msg;  // empty: success
   } cases[] = {
-      {1, "set_enable", R"({})", "tasks must be an array"},
-      {1, "set_enable", R"({"status": {"id": 1, "enable": true}})", "tasks must be an array"},
-      {2, "set_enable", R"({"status": "x"})", "tasks must be an array"},
+      {1, "set_enable", R"({})", noArray}, {1, "set_enable", R"({"status": {"id": 1, "enable": true}})", noArray},
+      {2, "set_enable", R"({"status": "x"})", noArray},
       {1, "set_enable", R"({"status": [{"id": "1", "enable": true}]})", v1Element},
       {1, "set_enable", R"({"status": [{"id": 1, "enable": "yes"}]})", v1Element},
       {1, "set_enable", R"({"status": [5]})", v1Element}, {2, "set_enable", R"({"status": [{"id": 1}]})", v2Element},
       {2, "set_enable", R"({"status": [{"id": 1.5, "enable": true}]})", v2Element},
-      {2, "set_enable", R"({"status": [[1, true]]})", v2Element},
-      {1, "delete", R"({})", "task must be an array of id or a single id"},
-      {1, "delete", R"({"task": "7"})", "task must be an array of id or a single id"},
-      {1, "delete", R"({"task": {"id": 7}})", "task must be an array of id or a single id"},
-      {1, "run", R"({"task": true})", "task must be an array of id or a single id"},
-      {1, "run", R"({"task": [1.25]})", "id must be an integer"},
-      {2, "delete", R"({})", "tasks must be an array of {id, real_owner}"},
-      {2, "delete", R"({"tasks": 7})", "tasks must be an array of {id, real_owner}"},
-      {2, "run", R"({"tasks": {"id": 7}})", "tasks must be an array of {id, real_owner}"},
-      {2, "delete", R"({"tasks": [7]})", "id must be an integer"},
-      {2, "run", R"({"tasks": [{"real_owner": "root"}]})", "id must be an integer"},
-      {2, "run", R"({"tasks": [{"id": "7"}]})", "id must be an integer"}, {1, "set_enable", R"({"status": []})", ""},
-      {2, "set_enable", R"({"status": []})", ""}, {1, "delete", R"({"task": []})", ""},
-      {2, "delete", R"({"tasks": []})", ""}, {1, "run", R"({"task": []})", ""},
+      {2, "set_enable", R"({"status": [[1, true]]})", v2Element}, {1, "delete", R"({})", v1Task},
+      {1, "delete", R"({"task": "7"})", v1Task}, {1, "delete", R"({"task": {"id": 7}})", v1Task},
+      {1, "run", R"({"task": true})", v1Task}, {1, "run", R"({"task": [1.25]})", badId},
+      {2, "delete", R"({})", v2Tasks}, {2, "delete", R"({"tasks": 7})", v2Tasks},
+      {2, "run", R"({"tasks": {"id": 7}})", v2Tasks}, {2, "delete", R"({"tasks": [7]})", badId},
+      {2, "run", R"({"tasks": [{"real_owner": "root"}]})", badId}, {2, "run", R"({"tasks": [{"id": "7"}]})", badId},
+      {1, "set_enable", R"({"status": []})", ""}, {2, "set_enable", R"({"status": []})", ""},
+      {1, "delete", R"({"task": []})", ""}, {2, "delete", R"({"tasks": []})", ""}, {1, "run", R"({"task": []})", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " v" + std::to_string(c.version) + " " + c.params);

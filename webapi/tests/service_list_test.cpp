@@ -27,13 +27,13 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
                             "network": {"win_share_service": "Windows file service"}})");
   ASSERT_EQ(rmdir((root.path() + "/var/lib/orva/packages").c_str()), 0);
 
-  const TaskSeed service = {.name = "svc", .app = "ORVA.VEK.TaskScheduler.Service",
-                            .appName = "#service:service_subject#",
-                            .action = R"(#common:start_service#: "WinShare" "Old Name")",
-                            .appArgs = R"({"service_action":"1","service_store":[)"
-                                       R"({"name":"WinShare","display_name":"","enabled":true,"service_type":1},)"
-                                       R"({"name":"FileXfer","display_name":"","enabled":false,"service_type":1},)"
-                                       R"({"name":"pkga","display_name":"Old Name","enabled":true,"service_type":2}]})"};
+  const TaskSeed service = {
+      .name = "svc", .app = "ORVA.VEK.TaskScheduler.Service", .appName = "#service:service_subject#",
+      .action = R"(#common:start_service#: "WinShare" "Old Name")",
+      .appArgs = R"({"service_action":"1","service_store":[)"
+                 R"({"name":"WinShare","display_name":"","enabled":true,"service_type":1},)"
+                 R"({"name":"FileXfer","display_name":"","enabled":false,"service_type":1},)"
+                 R"({"name":"pkga","display_name":"Old Name","enabled":true,"service_type":2}]})"};
   const long serviceId = AddTask(service);
   ASSERT_GT(serviceId, 0);
   AddTask({.name = "beep", .app = "ORVA.VEK.TaskScheduler.Beep", .action = "WinShare #common:stop_service#"});

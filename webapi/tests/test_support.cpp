@@ -36,19 +36,9 @@ void Capture(int priority, const char* format, va_list ap) {
 
 // Every syslog of the process (module and platform libraries) lands here.
 extern "C" {
-void syslog(int priority, const char* format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  Capture(priority, format, ap);
-  va_end(ap);
-}
+void syslog(int p, const char* format, ...) { va_list ap; va_start(ap, format); Capture(p, format, ap); va_end(ap); }
+void __syslog_chk(int p, int, const char* f, ...) { va_list ap; va_start(ap, f); Capture(p, f, ap); va_end(ap); }
 void vsyslog(int priority, const char* format, va_list ap) { Capture(priority, format, ap); }
-void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  Capture(priority, format, ap);
-  va_end(ap);
-}
 void __vsyslog_chk(int priority, int, const char* format, va_list ap) { Capture(priority, format, ap); }
 }
 
@@ -123,6 +113,11 @@ Reply Call(int version, const std::string& method, const Json::Value& params, co
   ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, "admin", lang);
   ORVA::APIResponse response;
   row->func(&request, &response);
+  return ReplyOf(response);
+}
+
+Reply ReplyOf(const ORVA::APIResponse& response) {
+  Reply reply;
   reply.replies = response.GetReplyCount();
   reply.success = response.IsSuccess();
   reply.data = response.GetData();

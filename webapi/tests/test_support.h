@@ -53,6 +53,7 @@ struct Reply {
   Json::Value data;
   Json::Value envelope;
 };
+Reply ReplyOf(const ORVA::APIResponse& response);  // what a response holds
 const ORVA::APITableRow* FindRow(int version, const std::string& method);
 Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang = "en");
 // The same with the parameters as JSON text.
