@@ -90,11 +90,7 @@ TEST(ModuleFrame, DispatchOfUnknownMisplacedAndEmptyMethods) {
 TEST(ModuleFrame, FirstErrorWinsAndDataCombines) {
   ModuleRoot root;
   const Json::Value extra = Parse(R"({"where": "x"})");
-  const struct {
-    std::function<void(TaskSchedulerHandler&)> steps;
-    int code;
-    const char* data;
-  } cases[] = {
+  const struct { std::function<void(TaskSchedulerHandler&)> steps; int code; const char* data; } cases[] = {
       {[](TaskSchedulerHandler& h) { h.SetError(4801, "first"); h.SetError(117, "second"); }, 4801,
        R"({"msg":"first"})"},
       {[&](TaskSchedulerHandler& h) { h.SetError(4800, "one"); h.SetError(117, "two", extra); }, 4800,
@@ -118,11 +114,8 @@ TEST(ModuleFrame, ViewAnswersTheStoresRunStatus) {
   ModuleRoot root;
   const long id = AddTask({});
   ASSERT_GT(id, 0);
-  const struct {
-    std::string params;
-    int code;         // 0: success
-    const char* log;  // the one line logged
-  } cases[] = {
+  // code (0: success); log: the one line logged
+  const struct { std::string params; int code; const char* log; } cases[] = {
       {"{}", 4800, "main:302 Invalid paramters."}, {R"({"id": "12"})", 4800, "main:302 Invalid paramters."},
       {R"({"id": 1.5})", 4800, "main:302 Invalid paramters."},
       {R"({"id": true})", 4800, "main:302 Invalid paramters."},

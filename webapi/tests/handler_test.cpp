@@ -95,13 +95,8 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
 TEST(ModuleHandler, EntryParameterAndTypeErrors) {
   ModuleRoot root;
   const std::string ofEvent = IdParams(AddTask({.app = "ORVA.VEK.EventScheduler.Script"}));
-  const struct {
-    int version;
-    const char* method;
-    std::string params;
-    int code;
-    const char* log;  // the line logged, or null
-  } cases[] = {
+  // log: the line logged, or null
+  const struct { int version; const char* method; std::string params; int code; const char* log; } cases[] = {
       {2, "get", "{}", 4800, nullptr}, {1, "get", R"({"id": "1"})", 4800, nullptr},
       {2, "get", R"({"id": 1, "type": 5})", 4800, nullptr}, {2, "get", R"({"id": 999})", 4801, nullptr},
       {3, "get", R"({"id": 999, "real_owner": ""})", 4801, nullptr},
@@ -128,13 +123,9 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
 
 TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
   ModuleRoot root;
+  // data: of the error reply; log (null: nothing logged)
   const struct {
-    const char* params;
-    int version;
-    const char* method;
-    const char* data;  // of the error reply
-    int code;
-    const char* log;   // null: nothing logged
+      const char* params; int version; const char* method; const char* data; int code; const char* log;
   } cases[] = {
       // Without an id, get is refused before the store.
       {"{}", 2, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
@@ -202,11 +193,8 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
   const long id = Create("beep", Parse(R"({"beep_duration": 4})"));
   const char* basic = "Convert task from json (basic) failed. [0x";
   const char* schedule = "Convert task from json (schedule) failed. [0x";
-  const struct {
-    const char* changes;  // merged into a valid set request
-    const char* msg;
-    const char* log;
-  } cases[] = {
+  // changes: merged into a valid set request
+  const struct { const char* changes; const char* msg; const char* log; } cases[] = {
       {R"({"name": ""})", "Invalid (basic) object", basic},
       {R"({"owner": "orvat-nobody"})", "Invalid (basic) object", basic},
       {R"({"schedule": {"hour": 24}})", "Invalid (schedule) object", schedule},
@@ -240,11 +228,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   EXPECT_TRUE(Call(2, "create", params).success);
   EXPECT_EQ(LogsWith("Invalid task id, json id=").size(), 7u);
 
-  const struct {
-    const char* type;
-    const char* extra;
-    const char* app;
-  } kinds[] = {
+  const struct { const char* type; const char* extra; const char* app; } kinds[] = {
       {"beep", R"({"beep_duration": 2})", "ORVA.VEK.TaskScheduler.Beep"},
       {"script", R"({"script": "true"})", "ORVA.VEK.TaskScheduler.Script"},
       {"recycle", "{}", "ORVA.VEK.TaskScheduler.Recycle"},

@@ -15,10 +15,8 @@ namespace {
 
 
 TEST(ModuleLib, RealOwnerFromParametersAndRequests) {
-  const struct {
-    const char* json;
-    const char* want;  // null: absent
-  } cases[] = {
+  // want (null: absent)
+  const struct { const char* json; const char* want; } cases[] = {
       {R"({"real_owner":"alice"})", "alice"}, {R"({"real_owner":""})", nullptr}, {R"({"real_owner":7})", nullptr},
       {R"({"real_owner":null})", nullptr},    {R"({"id":3})", nullptr},          {R"([1,2])", nullptr},
       {R"("alice")", nullptr},
@@ -119,12 +117,8 @@ TEST(ModuleLib, AppKeysOfNamespacesAndOfStoredTasks) {
   ASSERT_TRUE(user.Ok());
   const long beepId = AddTask({.app = "ORVA.VEK.TaskScheduler.Beep"});
   const long otherId = AddTask({.app = ""});
-  const struct {
-    boost::optional<std::string> owner;
-    long id;
-    const char* key;   // null: fails
-    std::string line;  // logged on failure
-  } lookups[] = {
+  // key (null: fails); line: logged on failure
+  const struct { boost::optional<std::string> owner; long id; const char* key; std::string line; } lookups[] = {
       {boost::none, beepId, "beep", ""}, {boost::none, otherId, "custom", ""},
       {boost::none, 55555, nullptr, "Load Task failed [-][55555]"},
       {user.Name(), beepId, nullptr, "Load Task failed [" + user.Name() + "][" + std::to_string(beepId) + "]"},
@@ -172,12 +166,7 @@ TEST_F(ModuleTexts, ParserKeysAndLookups) {
                                                {"a:b#", false}, {"#ab#", false}, {"", false}, {"#", false},
                                                {"#:", false},   {"#a#b:c#", true}};
   for (const auto& [text, key] : keys) EXPECT_EQ(parser.IsSectionKey(text), key) << text;
-  const struct {
-    const char* lang;
-    const char* app;
-    const char* text;
-    const char* want;
-  } cases[] = {
+  const struct { const char* lang; const char* app; const char* text; const char* want; } cases[] = {
       {"en", "", "plain text", "plain text"}, {"en", "", "", ""}, {"en", "", "#common:ok", "#common:ok"},
       {"en", "", "ok:#", "ok:#"}, {"en", "", "#common:ok#", "OK"}, {"en", "", "#:#", "empty both"},
       {"en", "", "#a:b:c#", "A-BC"}, {"en", "", "#common:empty#", "#common:empty#"},
@@ -211,11 +200,7 @@ TEST_F(ModuleTexts, ActionTokensAreTranslatedByTheScanner) {
   ORVA::APIRequest request("ORVA.Core.TaskScheduler", 2, "list", Json::Value(Json::objectValue), "admin", "en");
   ORVA::APIResponse response;
   TaskSchedulerHandler handler(&request, &response, 0, "", Json::Value(), new TS::AppParser("en"));
-  const struct {
-    const char* app;
-    const char* action;
-    const char* want;
-  } cases[] = {
+  const struct { const char* app; const char* action; const char* want; } cases[] = {
       {"", "", ""}, {"", "plain text", "plain text"},
       {"", "#common:start_service#: \"WinShare\" \"FileXfer\"", "Start service: \"WinShare\" \"FileXfer\""},
       {"", "#a:b#c:d#", "ABc:d#"}, {"", "## #x:y#", "## XY"}, {"", "# #x:y#", "# XY"}, {"", "#a#b:c#", "#aBC"},

@@ -45,10 +45,7 @@ TEST_F(ModuleList, PagingArithmetic) {
   }
   for (int i = 0; i < 8; ++i) ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
   const std::vector<std::string> all = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};
-  const struct {
-    const char* params;
-    std::vector<std::string> names;
-  } cases[] = {
+  const struct { const char* params; std::vector<std::string> names; } cases[] = {
       {R"({})", all}, {R"({"offset": 0, "limit": 0})", {}}, {R"({"offset": 3, "limit": 0})", {}},
       {R"({"offset": 0, "limit": -1})", all}, {R"({"offset": 1, "limit": 2})", {"t1", "t2"}},
       {R"({"offset": 6, "limit": 5})", {"t6", "t7"}}, {R"({"offset": 3})", {"t3", "t4", "t5", "t6", "t7"}},
@@ -85,11 +82,8 @@ TEST_F(ModuleList, SortKeysAndDirections) {
   };
   for (const TaskSeed& seed : seeds) ASSERT_GT(AddTask(seed), 0);
   using V = std::vector<std::string>;
-  const struct {
-    const char* sortBy;
-    const char* direction;
-    V names;  // the whole listing, or its last two for the next trigger time
-  } cases[] = {
+  // names: the whole listing, or its last two for the next trigger time
+  const struct { const char* sortBy; const char* direction; V names; } cases[] = {
       {"enable", "asc", {"alpha", "bravo", "delta", "echo", "charlie"}},
       {"enable", "desc", {"delta", "echo", "charlie", "alpha", "bravo"}},
       {"id", "DESC", {"charlie", "bravo", "echo", "alpha", "delta"}},

@@ -20,12 +20,8 @@ TEST(ModuleOps, ParameterShapes) {
   const char* v1Task = "task must be an array of id or a single id";
   const char* v2Tasks = "tasks must be an array of {id, real_owner}";
   const char* badId = "id must be an integer";
-  const struct {
-    int version;
-    const char* method;
-    const char* params;
-    const char* msg;  // empty: success
-  } cases[] = {
+  // msg (empty: success)
+  const struct { int version; const char* method; const char* params; const char* msg; } cases[] = {
       {1, "set_enable", R"({})", noArray}, {1, "set_enable", R"({"status": {"id": 1, "enable": true}})", noArray},
       {2, "set_enable", R"({"status": "x"})", noArray},
       {1, "set_enable", R"({"status": [{"id": "1", "enable": true}]})", v1Element},

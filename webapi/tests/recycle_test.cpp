@@ -145,12 +145,8 @@ const char kShares[] = R"([{"name": "docs", "path": "/srv/docs", "recycle_bin": 
                            {"name": "web", "path": "/srv/web", "recycle_bin": false}])";
 
 TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
-  const struct {
-    const char* mode;
-    const char* shares;
-    const char* on;
-    const char* log;  // logged for a share that fails
-  } cases[] = {
+  // log: logged for a share that fails
+  const struct { const char* mode; const char* shares; const char* on; const char* log; } cases[] = {
       {"select", R"(["media"])", "media", nullptr}, {"select", "[]", "", nullptr},
       {"all", "[]", "docs media web", nullptr}, {"anything", R"(["docs"])", "docs media web", nullptr},
       {"all_include_home", "[]", "docs media home web", nullptr},

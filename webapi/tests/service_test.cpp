@@ -64,11 +64,8 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
   }
 }
 
-const struct {
-  const char* app;      // stored form
-  const char* command;  // null: the conversion fails
-  const char* action;
-} kFromCases[] = {
+// app: stored form; command (null: the conversion fails)
+const struct { const char* app; const char* command; const char* action; } kFromCases[] = {
     {R"({"service_action": "1", "service_store": [
          {"name": "WinShare", "display_name": "", "enabled": true, "service_type": 1},
          {"name": "MacShare", "display_name": "", "enabled": false, "service_type": 1},
