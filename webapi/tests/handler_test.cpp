@@ -257,8 +257,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   // The task must run as that user: owner root is refused and nothing is stored.
   Json::Value params = TaskObject("script", Parse(R"({"script": "id -un"})"));
   params["real_owner"] = user.Name();
-  Reply created = Call(3, "create", params);
-  ExpectReply(created, 117, "Invalid (basic) object");
+  ExpectReply(Call(3, "create", params), 117, "Invalid (basic) object");
   ExpectOneLog("Convert task from json (basic) failed. [" + user.Name() + "][0x");
   EXPECT_EQ(StoredCount(), 0);
 

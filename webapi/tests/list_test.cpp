@@ -151,15 +151,12 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
   Json::Value boot = Parse(R"({"id": 1, "task_name": "on boot", "enable": true, "event": "bootup",
                                "script": "echo up"})");
   boot["owner"][std::to_string(user.Uid())] = user.Name();
-  Json::Value ownerless = boot;
-  ownerless["task_name"] = "ownerless";
-  ownerless["owner"] = Json::Value(Json::objectValue);
-  Json::Value shutdown = boot;
-  shutdown["task_name"] = "at shutdown";
-  shutdown["owner"] = Parse(R"({"0": "root"})");
-  shutdown["enable"] = false;
   Json::Value events(Json::arrayValue);
-  for (const Json::Value* e : {&boot, &ownerless, &shutdown}) events.append(*e);
+  events.append(boot);
+  events.append(boot)["task_name"] = "ownerless";
+  events[1]["owner"] = Json::Value(Json::objectValue);
+  events.append(Merged(boot, Parse(R"({"task_name": "at shutdown", "enable": false})")))["owner"] =
+      Parse(R"({"0": "root"})");
   SetEventTasks(events);
 
   std::vector<long> firstIds;

@@ -149,8 +149,7 @@ TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
     SCOPED_TRACE(id);
     Json::Value last = WaitForLastRun(id);
     ASSERT_TRUE(last.isObject());
-    EXPECT_EQ(last["trigger"], "manual");
-    EXPECT_EQ(last["result"], "success") << last;
+    ExpectMembers(last, R"({"trigger": "manual", "result": "success"})");
   }
   Json::Value untouched;
   ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(ids[2]), untouched), 0);
