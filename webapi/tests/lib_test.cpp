@@ -2,7 +2,6 @@
 // UI text parser and the translation of "#section:key#" tokens in action texts.
 
 #include <boost/optional/optional_io.hpp>
-#include <memory>
 
 #include "ORVA.Core.TaskScheduler.h"
 #include "test_support.h"

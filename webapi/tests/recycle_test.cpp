@@ -165,19 +165,6 @@ TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
   }
 }
 
-// Saving with "enableRecycle" switches the bins on at once; the flag is not stored.
-TEST(ModuleRecycle, CreateWithEnableRecycleSwitchesBinsAndDoesNotStoreIt) {
-  ModuleRoot root;
-  root.Write("etc/orva/shares.json", kShares);
-  const long id = Create("recycle", Parse(R"({"enableRecycle": "select",
-                                 "clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]}})"));
-  EXPECT_EQ(BinsOn(root), "docs web");
-  const _tag_orva_sched_task_ r = Record(id);
-  EXPECT_EQ(std::string(r.app_args).find("enableRecycle"), std::string::npos) << r.app_args;
-  EXPECT_STREQ(r.command, "/usr/orva/bin/orvarecycle --clean docs web");
-  EXPECT_STREQ(r.action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
-}
-
 long AddRecycleTask(const Json::Value& flat) {
   return AddTask({.app = "ORVA.VEK.TaskScheduler.Recycle", .appArgs = Json::FastWriter().write(flat)});
 }
@@ -278,6 +265,15 @@ TEST(ModuleRecycle, FormRoundTripThroughSetAndGet) {
   ExpectOneLog("error selected_shares");
   EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
   EXPECT_EQ(Record(id).command, command);
+
+  // Saving with "enableRecycle" switches the bins on at once; the flag is not stored.
+  const long other = Create("recycle", Parse(R"({"enableRecycle": "select",
+                                 "clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]}})"));
+  EXPECT_EQ(BinsOn(root), "docs web");
+  const _tag_orva_sched_task_ r = Record(other);
+  EXPECT_EQ(std::string(r.app_args).find("enableRecycle"), std::string::npos) << r.app_args;
+  EXPECT_STREQ(r.command, "/usr/orva/bin/orvarecycle --clean docs web");
+  EXPECT_STREQ(r.action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
 }
 
 }  // namespace

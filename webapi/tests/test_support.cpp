@@ -4,14 +4,11 @@
 #include <pwd.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <memory>
 #include <mutex>
 
 #include "core/root.h"

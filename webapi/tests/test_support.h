@@ -57,12 +57,8 @@ Reply ReplyOf(const ORVA::APIResponse& response);  // what a response holds
 const ORVA::APITableRow* FindRow(int version, const std::string& method);
 Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang = "en");
 // The same with the parameters as JSON text.
-inline Reply Call(int version, const std::string& method, const std::string& params) {
-  return Call(version, method, Parse(params));
-}
-inline Reply Call(int version, const std::string& method, const char* params) {
-  return Call(version, method, Parse(params));
-}
+inline Reply Call(int v, const std::string& m, const std::string& params) { return Call(v, m, Parse(params)); }
+inline Reply Call(int v, const std::string& method, const char* params) { return Call(v, method, Parse(params)); }
 
 // One reply with `code`, success only for 0, and data {"msg": msg} (null for an empty `msg`).
 void ExpectReply(const Reply& r, int code, const std::string& msg = "");
