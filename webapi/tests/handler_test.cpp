@@ -251,8 +251,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
 // Version 3 acts on behalf of "real_owner".
 TEST(ModuleHandler, OnBehalfOfAUser) {
   ModuleRoot root;
-  TestUser user;
-  TestUser other;
+  TestUser user, other;
   ASSERT_TRUE(user.Ok() && other.Ok());
   // The task must run as that user: owner root is refused and nothing is stored.
   Json::Value params = TaskObject("script", Parse(R"({"script": "id -un"})"));

@@ -39,8 +39,7 @@ void ExpectLibLine(const std::string& text) {
 
 TEST(ModuleLib, StoreLayerAsTheSystemAndOnBehalfOfUsers) {
   ModuleRoot root;
-  TestUser alice;
-  TestUser bob;
+  TestUser alice, bob;
   ASSERT_TRUE(alice.Ok() && bob.Ok());
   _tag_orva_sched_task_ task;
   memset(&task, 0x5A, sizeof(task));

@@ -70,8 +70,7 @@ TEST_F(ModuleList, PagingArithmetic) {
 // Five tasks whose orders differ by every key. Ties are broken by id ascending in both
 // directions; only "desc" in any letter case sorts downwards.
 TEST_F(ModuleList, SortKeysAndDirections) {
-  TestUser u1;
-  TestUser u2;  // user names sort before "root"
+  TestUser u1, u2;  // user names sort before "root"
   ASSERT_TRUE(u1.Ok() && u2.Ok());
   const TaskSeed seeds[] = {
       {.name = "delta", .appName = "#c:c#", .action = "zz", .hour = 5, .ownerUid = u2.Uid()},
@@ -180,9 +179,7 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
   }
   // The event scheduler failing means no event tasks.
   SetEventTasks(events, false);
-  Reply r = Call(2, "list", "{}");
-  ASSERT_TRUE(r.success) << r.envelope;
-  EXPECT_EQ(Names(r), std::vector<std::string>{"stored"});
+  ListByName(2, {"stored"});
   SetEventTasks(Json::Value(Json::arrayValue));
 }
 

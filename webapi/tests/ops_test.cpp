@@ -49,8 +49,7 @@ TEST(ModuleOps, ParameterShapes) {
 // disabled (-), present (=) or gone (x).
 TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
   ModuleRoot root;
-  TestUser alice;
-  TestUser bob;
+  TestUser alice, bob;
   ASSERT_TRUE(alice.Ok() && bob.Ok());
   std::map<char, std::string> ids = {{'A', alice.Name()}, {'B', bob.Name()}};
   for (char t : std::string("012345")) ids[t] = std::to_string(AddTask({.name = std::string(1, t)}));

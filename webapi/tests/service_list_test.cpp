@@ -66,11 +66,8 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   // 2. The package appears renamed: the next listing enumerates again and shows the new
   //    name; the stored task keeps the old one. Unparsable arguments fall back.
   WritePackage(root, "New Name", "1.0");
-  TaskSeed broken = service;
-  broken.name = "broken";
-  broken.appArgs = "not json";
-  broken.action = "#common:stop_service#: \"WinShare\"";
-  const long brokenId = AddTask(broken);
+  const long brokenId = AddTask({.name = "broken", .app = service.app, .appName = service.appName,
+                                 .action = "#common:stop_service#: \"WinShare\"", .appArgs = "not json"});
   ClearLogs();
   r = Call(2, "list", Json::Value(Json::objectValue));
   ASSERT_TRUE(r.success) << r.envelope;

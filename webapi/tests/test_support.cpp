@@ -183,13 +183,9 @@ long AddTask(const TaskSeed& seed) {
   schedule["schedule"]["min"] = seed.min;
   EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(schedule, *task));
   ORVASchedCTaskSetOwner(task, seed.ownerUid);
-  int rc;
-  if (!seed.byUser.empty()) {
-    if (struct passwd* pw = getpwnam(seed.byUser.c_str())) ORVASchedCTaskSetOwner(task, pw->pw_uid);
-    rc = ORVASchedTaskSaveByUser(seed.byUser.c_str(), task);
-  } else {
-    rc = ORVASchedTaskSave(task);
-  }
+  const char* byUser = seed.byUser.empty() ? nullptr : seed.byUser.c_str();
+  if (struct passwd* pw = byUser ? getpwnam(byUser) : nullptr) ORVASchedCTaskSetOwner(task, pw->pw_uid);
+  const int rc = byUser ? ORVASchedTaskSaveByUser(byUser, task) : ORVASchedTaskSave(task);
   EXPECT_GE(rc, 0) << "save failed for " << seed.name;
   return rc < 0 ? -1 : ORVASchedTaskGetID(*task);
 }
@@ -233,11 +229,7 @@ std::atomic<int> gEventCalls{0};
 void EventList(ORVA::APIRequest*, ORVA::APIResponse* response) {
   ++gEventCalls;
   std::lock_guard<std::mutex> lock(gEventMutex);
-  if (gEventReply) {
-    response->SetSuccess(gEventData);
-  } else {
-    response->SetError(117, Json::Value());
-  }
+  gEventReply ? response->SetSuccess(gEventData) : response->SetError(117, Json::Value());
 }
 
 ORVA::APITableRow gEventTable[] = {
