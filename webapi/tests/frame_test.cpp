@@ -1,9 +1,9 @@
 // The module frame: method table, exported symbols, dispatch, the one reply and "view".
 #include <dlfcn.h>
-#include <stdio.h>
 
 #include <functional>
 #include <set>
+#include <sstream>
 
 #include "ORVA.Core.TaskScheduler.h"
 #include "scheduler/run.h"
@@ -48,16 +48,12 @@ TEST(ModuleTable, LoadedModuleServesEighteenRowsThenTheZeroRow) {
 }
 
 TEST(ModuleTable, ExportsOnlyTheTable) {
-  FILE* p = popen(("nm -D --defined-only " + kModule).c_str(), "r");
-  ASSERT_NE(p, nullptr);
+  TempRoot dir;
+  const Result nm = Spawn({"/usr/bin/nm", "-D", "--defined-only", kModule}, dir.path());
+  ASSERT_EQ(nm.status, 0) << nm.err;
   std::set<std::string> names;
-  char line[1024];
-  while (fgets(line, sizeof(line), p)) {
-    std::string s(line);
-    s.erase(s.find_last_not_of("\n ") + 1);
-    names.insert(s.substr(s.rfind(' ') + 1));
-  }
-  ASSERT_EQ(pclose(p), 0);
+  std::istringstream lines(nm.out);
+  for (std::string line; std::getline(lines, line);) names.insert(line.substr(line.rfind(' ') + 1));
   EXPECT_EQ(names, (std::set<std::string>{"GetAPITable", "gTable"}));
 }
 

@@ -63,13 +63,13 @@ inline Reply Call(int v, const std::string& method, const char* params) { return
 // One reply with `code`, success only for 0, and data {"msg": msg} (null for an empty `msg`).
 void ExpectReply(const Reply& r, int code, const std::string& msg = "");
 
+// `base` with `changes` merged in, objects member by member.
+Json::Value Merged(Json::Value base, const Json::Value& changes);
 // A task object of a create or set request, as the edit dialog sends it.
 Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name = "t1");
 // The same for a set of task `id`.
 inline Json::Value SetObject(long id, const std::string& type, const Json::Value& extra) {
-  Json::Value task = TaskObject(type, extra);
-  task["id"] = static_cast<Json::Int64>(id);
-  return task;
+  return Merged(TaskObject(type, extra), Parse(IdParams(id)));
 }
 // "create" with `params`; the new id or -1 (test failed).
 long CreateTask(const Json::Value& params, int version = 2);
@@ -83,8 +83,6 @@ Json::Value GetTask(long id, int version = 2);
 void ExpectSet(const Json::Value& params, long id, int version = 2);
 // Each member of `want` (JSON text) equals that member of `item`.
 void ExpectMembers(const Json::Value& item, const std::string& want);
-// `base` with `changes` merged in, objects member by member.
-Json::Value Merged(Json::Value base, const Json::Value& changes);
 
 // ---- the real store of the temp root ----
 struct TaskSeed {
