@@ -120,8 +120,7 @@ TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
   for (const Reply* reply : {&v1, &r}) {
     for (const Json::Value& t : reply->data["tasks"]) EXPECT_EQ(t.isMember("real_owner"), t["name"] == "users");
   }
-  const Json::Value& users = r.data["tasks"][3];
-  EXPECT_TRUE(users["real_owner"] == user.Name() && users["owner"] == user.Name()) << users;
+  EXPECT_TRUE(r.data["tasks"][3]["real_owner"] == user.Name() && r.data["tasks"][3]["owner"] == user.Name());
 
   const Json::Value& script = r.data["tasks"][2];
   EXPECT_EQ(script.getMemberNames(), (std::vector<std::string>{"action", "can_delete", "can_edit", "can_run", "enable",

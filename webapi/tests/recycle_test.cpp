@@ -91,8 +91,7 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
     ClearLogs();
     Direct d;
     _tag_orva_sched_task_ record = FreshRecord();
-    Json::Value in;
-    in["app"] = Parse(c.app);
+    const Json::Value in = Parse(std::string(R"({"app": )") + c.app + "}");
     const bool ok = d.handler.ConvertFromJson_App(in, record);
     // Whatever the outcome, the fixed values and the stored object are in place.
     EXPECT_EQ(std::vector<std::string>({record.app, record.app_name, record.edit_form, record.app_args}),
@@ -116,8 +115,8 @@ TEST(ModuleRecycle, ForbiddenExtensionCharactersFailWhileTheExceptionIsOn) {
       ClearLogs();
       Direct d;
       _tag_orva_sched_task_ record = FreshRecord();
-      Json::Value in;
-      in["app"] = Parse(R"({"recycle_action": "2", "advconfig": {"reserve_policy_extension": [{"file_ext": "ok"}]}})");
+      Json::Value in =
+          Parse(R"({"app": {"recycle_action": "2", "advconfig": {"reserve_policy_extension": [{"file_ext": "ok"}]}}})");
       in["app"]["advconfig"]["reserve_policy_extension_check"] = on ? "on" : "off";
       in["app"]["advconfig"]["reserve_policy_extension"][1]["file_ext"] = ext;
       EXPECT_EQ(d.handler.ConvertFromJson_App(in, record), !on);

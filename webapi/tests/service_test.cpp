@@ -96,8 +96,7 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
   for (const auto& c : kFromCases) {
     SCOPED_TRACE(c.app);
     _tag_orva_sched_task_ record = FreshRecord();
-    Json::Value json;
-    json["app"] = Parse(c.app);
+    const Json::Value json = Parse(std::string(R"({"app": )") + c.app + "}");
     EXPECT_EQ(ts::ServiceTaskAppArgsFromJson(json, record), c.command != nullptr);
     EXPECT_EQ(std::vector<int>({record.can_edit_owner, record.can_run_app_same_time, record.can_run_task_same_time}),
               std::vector<int>({0, 0, 0}));

@@ -22,10 +22,7 @@ extern "C" ORVA::APITableRow gTable[];
 namespace orvatest {
 
 // ---- syslog of the whole process (syslog, vsyslog and their _chk forms are interposed) ----
-struct LogLine {
-  int priority;
-  std::string text;
-};
+struct LogLine { int priority; std::string text; };
 std::vector<LogLine> Logs();
 void ClearLogs();
 std::vector<LogLine> LogsWith(const std::string& needle);  // lines containing `needle`
