@@ -1,9 +1,9 @@
 // The module frame: method table, exported symbols, dispatch, the one reply and "view".
 #include <dlfcn.h>
-#include <stdio.h>
 
 #include <functional>
 #include <set>
+#include <sstream>
 
 #include "ORVA.Core.TaskScheduler.h"
 #include "scheduler/run.h"
@@ -12,7 +12,6 @@
 using namespace orvatest;
 
 namespace {
-
 
 const std::pair<int, const char*> kRows[] = {
     {1, "list"}, {2, "list"}, {1, "set_enable"}, {2, "set_enable"}, {1, "delete"}, {2, "delete"},
@@ -49,16 +48,12 @@ TEST(ModuleTable, LoadedModuleServesEighteenRowsThenTheZeroRow) {
 }
 
 TEST(ModuleTable, ExportsOnlyTheTable) {
-  FILE* p = popen(("nm -D --defined-only " + kModule).c_str(), "r");
-  ASSERT_NE(p, nullptr);
+  TempRoot dir;
+  const Result nm = Spawn({"/usr/bin/nm", "-D", "--defined-only", kModule}, dir.path());
+  ASSERT_EQ(nm.status, 0) << nm.err;
   std::set<std::string> names;
-  char line[1024];
-  while (fgets(line, sizeof(line), p)) {
-    std::string s(line);
-    s.erase(s.find_last_not_of("\n ") + 1);
-    names.insert(s.substr(s.rfind(' ') + 1));
-  }
-  ASSERT_EQ(pclose(p), 0);
+  std::istringstream lines(nm.out);
+  for (std::string line; std::getline(lines, line);) names.insert(line.substr(line.rfind(' ') + 1));
   EXPECT_EQ(names, (std::set<std::string>{"GetAPITable", "gTable"}));
 }
 
@@ -81,28 +76,17 @@ TEST(ModuleFrame, DispatchOfUnknownMisplacedAndEmptyMethods) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.version) + (c.method ? c.method : "(null)"));
     Handler h;
-    if (c.version == 1) {
-      h.handler.Process_v1(c.method);
-    } else {
-      h.handler.Process_v2(c.method);
-    }
-    EXPECT_EQ(h.response.GetReplyCount(), c.replies);
-    if (c.replies) {
-      EXPECT_FALSE(h.response.IsSuccess());
-      EXPECT_EQ(h.response.GetEnvelope()["error"]["code"], 0);
-      EXPECT_TRUE(h.response.GetData().isNull());
-    }
+    c.version == 1 ? h.handler.Process_v1(c.method) : h.handler.Process_v2(c.method);
+    const Reply r = ReplyOf(h.response);
+    EXPECT_TRUE(r.replies == c.replies &&
+                (!r.replies || (!r.success && r.envelope["error"]["code"] == 0 && r.data.isNull()))) << r.envelope;
   }
 }
 
 TEST(ModuleFrame, FirstErrorWinsAndDataCombines) {
   ModuleRoot root;
   const Json::Value extra = Parse(R"({"where": "x"})");
-  const struct {
-    std::function<void(TaskSchedulerHandler&)> steps;
-    int code;
-    const char* data;
-  } cases[] = {
+  const struct { std::function<void(TaskSchedulerHandler&)> steps; int code; const char* data; } cases[] = {
       {[](TaskSchedulerHandler& h) { h.SetError(4801, "first"); h.SetError(117, "second"); }, 4801,
        R"({"msg":"first"})"},
       {[&](TaskSchedulerHandler& h) { h.SetError(4800, "one"); h.SetError(117, "two", extra); }, 4800,
@@ -117,9 +101,8 @@ TEST(ModuleFrame, FirstErrorWinsAndDataCombines) {
     Handler h;
     c.steps(h.handler);
     h.handler.ReportError();
-    EXPECT_EQ(h.response.GetReplyCount(), 1);
-    EXPECT_EQ(h.response.GetEnvelope()["error"]["code"], c.code);
-    EXPECT_EQ(h.response.GetData(), Parse(c.data));
+    const Reply r = ReplyOf(h.response);
+    EXPECT_TRUE(r.replies == 1 && r.envelope["error"]["code"] == c.code && r.data == Parse(c.data)) << r.envelope;
   }
 }
 
@@ -127,18 +110,13 @@ TEST(ModuleFrame, ViewAnswersTheStoresRunStatus) {
   ModuleRoot root;
   const long id = AddTask({});
   ASSERT_GT(id, 0);
-  const struct {
-    std::string params;
-    int code;         // 0: success
-    const char* log;  // the one line logged
-  } cases[] = {
-      {"{}", 4800, "main:302 Invalid paramters."},
-      {R"({"id": "12"})", 4800, "main:302 Invalid paramters."},
+  // code (0: success); log: the one line logged
+  const struct { std::string params; int code; const char* log; } cases[] = {
+      {"{}", 4800, "main:302 Invalid paramters."}, {R"({"id": "12"})", 4800, "main:302 Invalid paramters."},
       {R"({"id": 1.5})", 4800, "main:302 Invalid paramters."},
       {R"({"id": true})", 4800, "main:302 Invalid paramters."},
       {R"({"id": null})", 4800, "main:302 Invalid paramters."},
-      {R"({"id": 424242})", 117, "ORVA.Core.TaskScheduler:652 get run status failed [0x"},
-      {IdParams(id), 0, nullptr},
+      {R"({"id": 424242})", 117, "ORVA.Core.TaskScheduler:652 get run status failed [0x"}, {IdParams(id), 0, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.params);
@@ -152,9 +130,7 @@ TEST(ModuleFrame, ViewAnswersTheStoresRunStatus) {
     }
     ExpectReply(r, c.code, c.code == 117 ? "get run status failed" : "");
     // The entry's refusal logs exactly one line and calls nothing else.
-    if (c.code == 4800) {
-      EXPECT_EQ(LogCount(), 1u);
-    }
+    if (c.code == 4800) { EXPECT_EQ(LogCount(), 1u); }
     const std::string line = ExpectOneLog(c.log, LOG_ERR);
     EXPECT_TRUE(c.code == 4800 ? line == c.log : line.starts_with(c.log)) << line;
   }

@@ -8,19 +8,14 @@ using namespace orvatest;
 
 namespace {
 
-
 TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
   ModuleRoot root;
   root.WriteTexts("en", R"({"volume": {"beep_on": "Beep for"}, "common": {"time_seconds": "seconds"}})");
   Json::Value params = TaskObject("beep", Parse(R"({"beep_duration": 10})"), "buzz");
   params["schedule"] = Parse(R"({"repeat_date": "weekly", "week_day": "1,3", "hour": 7, "minute": 45})");
-  Reply created = Call(2, "create", params);
-  ASSERT_TRUE(created.success) << created.envelope;
-  const long id = created.data["id"].asInt64();
-
-  Reply got = Call(2, "get", IdParams(id));
-  ASSERT_TRUE(got.success) << got.envelope;
-  Json::Value t = got.data;
+  const long id = CreateTask(params);
+  const Json::Value got = GetTask(id);
+  Json::Value t = got;
   EXPECT_EQ(t["schedule"]["week_day"], "1,3");
   EXPECT_EQ(t["schedule"]["minute"], 45);
   for (const char* gone : {"repeat", "week_name", "min", "next_trigger_time"}) EXPECT_FALSE(t["schedule"].isMember(gone));
@@ -31,18 +26,9 @@ TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
   EXPECT_EQ(t, want);
 
   // What get answered, changed, goes back through set.
-  t = got.data;
-  t["enable"] = false;
-  t["name"] = "second";
-  t["extra"]["beep_duration"] = 20;
-  Reply set = Call(2, "set", t);
-  ASSERT_TRUE(set.success) << set.envelope;
-  EXPECT_EQ(set.data, Parse(IdParams(id)));
-  got = Call(2, "get", IdParams(id));
-  EXPECT_EQ(got.data["enable"], false);
-  EXPECT_EQ(got.data["name"], "second");
-  EXPECT_EQ(got.data["action"], "Beep for 20 seconds");
-  EXPECT_EQ(got.data["schedule"]["repeat_date"], "weekly");
+  ExpectSet(Merged(got, Parse(R"({"enable": false, "name": "second", "extra": {"beep_duration": 20}})")), id);
+  ExpectMembers(GetTask(id), R"({"enable": false, "name": "second", "action": "Beep for 20 seconds"})");
+  EXPECT_EQ(GetTask(id)["schedule"]["repeat_date"], "weekly");
   EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 20");
 }
 
@@ -55,24 +41,21 @@ TEST(ModuleHandler, VersionOneNeitherShowsNorSetsMinuteAndHourRepetition) {
     params["schedule"]["repeat_min"] = 15;
     params["schedule"]["repeat_min_store_config"] = Parse("[5, 15]");
     params["schedule"]["repeat_hour_store_config"] = Parse("[2]");
-    Reply created = Call(version, "create", params);
-    ASSERT_TRUE(created.success) << created.envelope;
-    const long id = created.data["id"].asInt64();
+    const long id = CreateTask(params, version);
     const bool v1 = version == 1;
     EXPECT_EQ(Record(id).schedule.repeat_min, v1 ? 0 : 15);
     EXPECT_EQ(Record(id).schedule.n_repeat_min_cfg, v1 ? fresh.schedule.n_repeat_min_cfg : 2);
     EXPECT_EQ(Record(id).schedule.n_repeat_hour_cfg, v1 ? fresh.schedule.n_repeat_hour_cfg : 1);
-    Reply got = Call(version, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
+    const Json::Value got = GetTask(id, version);
     for (const char* key : {"repeat_min", "repeat_min_store_config", "repeat_hour_store_config"}) {
-      EXPECT_EQ(got.data["schedule"].isMember(key), !v1) << key;
+      EXPECT_EQ(got["schedule"].isMember(key), !v1) << key;
     }
-    EXPECT_TRUE(got.data["schedule"].isMember("repeat_hour"));
+    EXPECT_TRUE(got["schedule"].isMember("repeat_hour"));
     // The same through "set" on the existing task.
     params.removeMember("type");
     params["id"] = static_cast<Json::Int64>(id);
     params["schedule"]["repeat_min"] = 30;
-    ASSERT_TRUE(Call(version, "set", params).success);
+    ExpectSet(params, id, version);
     EXPECT_EQ(Record(id).schedule.repeat_min, v1 ? 0 : 30);
   }
 }
@@ -84,35 +67,22 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
   const long beep = Create("beep", Parse(R"({"beep_duration": 10})"));
   for (const char* type : {"report", "custom", "backup", "power", "zemupdate", "beep"}) {
     SCOPED_TRACE(type);
-    Json::Value params = Parse(IdParams(beep));
-    params["type"] = type;
-    Reply got = Call(2, "get", params);
-    ASSERT_TRUE(got.success) << got.envelope;
-    EXPECT_EQ(got.data["type"], type);
-    EXPECT_EQ(got.data["extra"], std::string(type) == "beep" ? Parse(R"({"beep_duration": 10})") : Json::Value());
-    EXPECT_EQ(got.data["name"], "t1");
+    const Reply got = Call(2, "get", "{\"id\": " + std::to_string(beep) + ", \"type\": \"" + type + "\"}");
+    ExpectMembers(got.data, std::string(R"({"name": "t1", "type": ")") + type + "\"}");
+    EXPECT_EQ(got.data["extra"], std::string(type) == "beep" ? Parse(R"({"beep_duration": 10})") : Json::Value())
+        << got.envelope;
   }
   const std::pair<const char*, const char*> apps[] = {
-      {"ORVA.VEK.DataAnalysis", "report"},
-      {"ORVA.VEK.BackupApp.S3Backup", "backup"},
-      {"ORVA.VEK.TaskScheduler.AutoPower", "power"},
-      {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"},
+      {"ORVA.VEK.DataAnalysis", "report"}, {"ORVA.VEK.BackupApp.S3Backup", "backup"},
+      {"ORVA.VEK.TaskScheduler.AutoPower", "power"}, {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"},
       {"com.example.Thing", "custom"},
   };
   for (const auto& [app, key] : apps) {
     SCOPED_TRACE(app);
     const long id = AddTask({.app = app, .command = "/bin/echo keep", .appArgs = "{\"own\": 1}"});
-    Reply got = Call(2, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
-    EXPECT_EQ(got.data["type"], key);
-    EXPECT_TRUE(got.data["extra"].isNull());
-    EXPECT_EQ(got.data["can_edit_owner"], false);
-    Json::Value params = got.data;
-    params["name"] = "renamed";
-    params["enable"] = false;
-    Reply set = Call(2, "set", params);
-    ASSERT_TRUE(set.success) << set.envelope;
-    EXPECT_EQ(set.data, Parse(IdParams(id)));
+    const Json::Value got = GetTask(id);
+    ExpectMembers(got, std::string(R"({"extra": null, "can_edit_owner": false, "type": ")") + key + "\"}");
+    ExpectSet(Merged(got, Parse(R"({"name": "renamed", "enable": false})")), id);
     const _tag_orva_sched_task_ r = Record(id);
     EXPECT_STREQ(r.name, "renamed");
     EXPECT_EQ(r.enabled, 0);
@@ -122,27 +92,17 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
 TEST(ModuleHandler, EntryParameterAndTypeErrors) {
   ModuleRoot root;
   const std::string ofEvent = IdParams(AddTask({.app = "ORVA.VEK.EventScheduler.Script"}));
-  const struct {
-    int version;
-    const char* method;
-    std::string params;
-    int code;
-    const char* log;  // the line logged, or null
-  } cases[] = {
-      {2, "get", "{}", 4800, nullptr},
-      {1, "get", R"({"id": "1"})", 4800, nullptr},
-      {2, "get", R"({"id": 1, "type": 5})", 4800, nullptr},
-      {2, "get", R"({"id": 999})", 4801, nullptr},
+  // log: the line logged, or null
+  const struct { int version; const char* method; std::string params; int code; const char* log; } cases[] = {
+      {2, "get", "{}", 4800, nullptr}, {1, "get", R"({"id": "1"})", 4800, nullptr},
+      {2, "get", R"({"id": 1, "type": 5})", 4800, nullptr}, {2, "get", R"({"id": 999})", 4801, nullptr},
       {3, "get", R"({"id": 999, "real_owner": ""})", 4801, nullptr},
       {2, "get", R"({"id": 1, "type": "Beep"})", 4800, "Unknown app type: Beep"},
       {2, "get", R"({"id": 1, "type": "event_script"})", 4800, "Unknown app type: event_script"},
       {2, "get", ofEvent, 4800, "Unknown app type: event_script"},
-      {2, "set", ofEvent, 4800, "Unknown app type: event_script"},
-      {2, "set", "{}", 4800, nullptr},
-      {2, "set", R"({"id": 1.5})", 4800, nullptr},
-      {1, "set", R"({"id": 999, "type": "beep"})", 4801, nullptr},
-      {2, "create", "{}", 4800, nullptr},
-      {2, "create", R"({"type": 1})", 4800, nullptr},
+      {2, "set", ofEvent, 4800, "Unknown app type: event_script"}, {2, "set", "{}", 4800, nullptr},
+      {2, "set", R"({"id": 1.5})", 4800, nullptr}, {1, "set", R"({"id": 999, "type": "beep"})", 4801, nullptr},
+      {2, "create", "{}", 4800, nullptr}, {2, "create", R"({"type": 1})", 4800, nullptr},
       {1, "create", R"({"type": "custom"})", 4800, "Unknown app type: custom"},
       {3, "create", R"({"type": "report"})", 4800, "Unknown app type: report"},
       {2, "create", R"({"type": "event_script"})", 4800, "Unknown app type: event_script"},
@@ -160,13 +120,9 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
 
 TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
   ModuleRoot root;
+  // data: of the error reply; log (null: nothing logged)
   const struct {
-    const char* params;
-    int version;
-    const char* method;
-    const char* data;  // of the error reply
-    int code;
-    const char* log;   // null: nothing logged
+      const char* params; int version; const char* method; const char* data; int code; const char* log;
   } cases[] = {
       // Without an id, get is refused before the store.
       {"{}", 2, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
@@ -174,24 +130,18 @@ TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
       {R"({"id": null})", 1, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
       {R"({"id": 4242})", 1, "get", "null", 0, "ORVA.Core.TaskScheduler.Basic:"},
       {R"({"id": 1})", 2, "Get", "null", 0, nullptr},  // not a method of this handler
-      {R"({"id": 1})", 2, "create", "null", 0, nullptr},
-      {R"({"id": 1})", 2, "", "null", 0, nullptr},
+      {R"({"id": 1})", 2, "create", "null", 0, nullptr}, {R"({"id": 1})", 2, "", "null", 0, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " " + c.params);
     ClearLogs();
     Direct<TaskSchedulerBasicHandler> d(Parse(c.params), c.version, "get");
     d.handler.Process(c.method, c.version);
-    EXPECT_EQ(d.response.GetReplyCount(), 1);
-    EXPECT_FALSE(d.response.IsSuccess());
-    EXPECT_EQ(d.response.GetEnvelope()["error"]["code"], c.code);
-    EXPECT_EQ(d.response.GetData(), Parse(c.data));
-    if (!c.log) {
-      EXPECT_EQ(LogCount(), 0u);
-    }
-    if (c.log) {
-      EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]"));
-    }
+    const Reply r = ReplyOf(d.response);
+    EXPECT_TRUE(r.replies == 1 && !r.success && r.envelope["error"]["code"] == c.code && r.data == Parse(c.data))
+        << r.envelope;
+    if (c.log) { EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]")); }
+    if (!c.log) { EXPECT_EQ(LogCount(), 0u); }
   }
   // Set without an id creates a new task.
   Direct<TaskSchedulerBeepHandler> d(TaskObject("beep", Parse(R"({"beep_duration": 5})")), 2, "set");
@@ -240,11 +190,8 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
   const long id = Create("beep", Parse(R"({"beep_duration": 4})"));
   const char* basic = "Convert task from json (basic) failed. [0x";
   const char* schedule = "Convert task from json (schedule) failed. [0x";
-  const struct {
-    const char* changes;  // merged into a valid set request
-    const char* msg;
-    const char* log;
-  } cases[] = {
+  // changes: merged into a valid set request
+  const struct { const char* changes; const char* msg; const char* log; } cases[] = {
       {R"({"name": ""})", "Invalid (basic) object", basic},
       {R"({"owner": "orvat-nobody"})", "Invalid (basic) object", basic},
       {R"({"schedule": {"hour": 24}})", "Invalid (schedule) object", schedule},
@@ -254,8 +201,7 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
     SCOPED_TRACE(c.changes);
     ClearLogs();
     Json::Value params = SetObject(id, "beep", Parse(R"({"beep_duration": 9})"));
-    const Json::Value changes = Parse(c.changes);
-    for (const std::string& key : changes.getMemberNames()) params[key] = changes[key];
+    for (const std::string& key : Parse(c.changes).getMemberNames()) params[key] = Parse(c.changes)[key];
     ExpectReply(Call(2, "set", params), 117, c.msg);
     EXPECT_NE(ExpectOneLog("ORVA.Core.TaskScheduler.Basic:").find(c.log), std::string::npos);
     EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 4");
@@ -266,9 +212,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   ModuleRoot root;
   Json::Value params = TaskObject("script", Parse(R"({"script": "echo 77"})"));
   params["id"] = 77;
-  Reply created = Call(2, "create", params);
-  ASSERT_TRUE(created.success) << created.envelope;
-  EXPECT_EQ(created.data, Parse(R"({"id": 77})"));
+  EXPECT_EQ(Call(2, "create", params).data, Parse(R"({"id": 77})"));
   EXPECT_STREQ(Record(77).command, "echo 77");
   // An id out of range would use up the id sequence: refused, and later creates still work.
   for (const char* id : {"9223372036854775807", "1000000000", "-2", "18446744073709551615", "1.5", "[1]", "\"x\""}) {
@@ -281,11 +225,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   EXPECT_TRUE(Call(2, "create", params).success);
   EXPECT_EQ(LogsWith("Invalid task id, json id=").size(), 7u);
 
-  const struct {
-    const char* type;
-    const char* extra;
-    const char* app;
-  } kinds[] = {
+  const struct { const char* type; const char* extra; const char* app; } kinds[] = {
       {"beep", R"({"beep_duration": 2})", "ORVA.VEK.TaskScheduler.Beep"},
       {"script", R"({"script": "true"})", "ORVA.VEK.TaskScheduler.Script"},
       {"recycle", "{}", "ORVA.VEK.TaskScheduler.Recycle"},
@@ -298,10 +238,9 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
       ASSERT_GT(id, 0);
       EXPECT_NE(id, 77);
       EXPECT_STREQ(Record(id).app, c.app);
-      Reply got = Call(version, "get", IdParams(id));
-      ASSERT_TRUE(got.success) << got.envelope;
-      EXPECT_EQ(got.data["type"], c.type);
-      EXPECT_EQ(got.data["can_edit_owner"], std::string(c.type) == "script");
+      const Json::Value got = GetTask(id, version);
+      EXPECT_EQ(got["type"], c.type);
+      EXPECT_EQ(got["can_edit_owner"], std::string(c.type) == "script");
     }
   }
 }
@@ -309,37 +248,33 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
 // Version 3 acts on behalf of "real_owner".
 TEST(ModuleHandler, OnBehalfOfAUser) {
   ModuleRoot root;
-  TestUser user;
-  TestUser other;
+  TestUser user, other;
   ASSERT_TRUE(user.Ok() && other.Ok());
   // The task must run as that user: owner root is refused and nothing is stored.
   Json::Value params = TaskObject("script", Parse(R"({"script": "id -un"})"));
   params["real_owner"] = user.Name();
-  Reply created = Call(3, "create", params);
-  ExpectReply(created, 117, "Invalid (basic) object");
+  ExpectReply(Call(3, "create", params), 117, "Invalid (basic) object");
   ExpectOneLog("Convert task from json (basic) failed. [" + user.Name() + "][0x");
   EXPECT_EQ(StoredCount(), 0);
 
   params["owner"] = user.Name();
-  created = Call(3, "create", params);
-  ASSERT_TRUE(created.success) << created.envelope;
-  const long id = created.data["id"].asInt64();
-  _tag_orva_sched_task_ r = Record(id);
-  EXPECT_EQ(r.marker, ORVA_SCHED_MARKER_BY_USER);
-  EXPECT_EQ(r.real_owner, user.Uid());
-  EXPECT_EQ(r.owner, user.Uid());
+  const long id = CreateTask(params, 3);
+  // The stored task is the user's, saved on the user's behalf, and named `name`.
+  const auto expectUsers = [&](const char* name) {
+    const _tag_orva_sched_task_ r = Record(id);
+    EXPECT_TRUE(r.marker == ORVA_SCHED_MARKER_BY_USER && r.real_owner == user.Uid() && r.owner == user.Uid());
+    EXPECT_STREQ(r.name, name);
+  };
+  expectUsers("t1");
 
   Json::Value get = Parse(IdParams(id));
   get["real_owner"] = user.Name();
   Reply got = Call(3, "get", get);
-  ASSERT_TRUE(got.success) << got.envelope;
-  EXPECT_EQ(got.data["real_owner"], user.Name());
-  EXPECT_EQ(got.data["owner"], user.Name());
+  EXPECT_TRUE(got.data["real_owner"] == user.Name() && got.data["owner"] == user.Name()) << got.envelope;
   // Empty "real_owner" acts as the system: the answer has no "real_owner".
   get["real_owner"] = "";
   got = Call(3, "get", get);
-  ASSERT_TRUE(got.success);
-  EXPECT_FALSE(got.data.isMember("real_owner"));
+  ASSERT_TRUE(got.success && !got.data.isMember("real_owner")) << got.envelope;
 
   // Another user can neither read nor change the task; the owner can.
   get["real_owner"] = other.Name();
@@ -348,20 +283,16 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   set["name"] = "by other";
   set["real_owner"] = other.Name();
   EXPECT_EQ(Call(3, "set", set).code, 4801);
-  EXPECT_STREQ(Record(id).name, "t1");
+  expectUsers("t1");
   set["real_owner"] = user.Name();
   set["name"] = "by owner";
-  ASSERT_TRUE(Call(3, "set", set).success);
-  EXPECT_STREQ(Record(id).name, "by owner");
-  EXPECT_EQ(Record(id).real_owner, user.Uid());
+  ExpectSet(set, id, 3);
+  expectUsers("by owner");
   // The system changing the task (version 2) leaves it the user's.
   set.removeMember("real_owner");
   set["name"] = "by the system";
-  ASSERT_TRUE(Call(2, "set", set).success);
-  r = Record(id);
-  EXPECT_STREQ(r.name, "by the system");
-  EXPECT_EQ(r.marker, ORVA_SCHED_MARKER_BY_USER);
-  EXPECT_EQ(r.real_owner, user.Uid());
+  ExpectSet(set, id);
+  expectUsers("by the system");
   set["real_owner"] = user.Name();
   EXPECT_TRUE(Call(3, "get", set).success);
 }
@@ -381,12 +312,11 @@ TEST(ModuleBeepScript, BeepDurationIsClampedInCommandAndActionButStoredAsSent) {
     const long id = Create("beep", extra);
     ASSERT_GT(id, 0);
     const _tag_orva_sched_task_ r = Record(id);
-    EXPECT_EQ(std::string(r.command), std::string("/usr/orva/bin/orvaschedtool --beep ") + seconds);
-    EXPECT_EQ(std::string(r.action), std::string("#volume:beep_on# ") + seconds + " #common:time_seconds#");
-    EXPECT_EQ(std::string(r.app_args), writer.write(extra));
-    Reply got = Call(2, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
-    EXPECT_EQ(writer.write(got.data["extra"]), writer.write(extra));
+    EXPECT_EQ(std::vector<std::string>({r.command, r.action, r.app_args}),
+              std::vector<std::string>({std::string("/usr/orva/bin/orvaschedtool --beep ") + seconds,
+                                        std::string("#volume:beep_on# ") + seconds + " #common:time_seconds#",
+                                        writer.write(extra)}));
+    EXPECT_EQ(writer.write(GetTask(id)["extra"]), writer.write(extra));
   }
 }
 
@@ -400,17 +330,13 @@ TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
     extra["note"] = "kept";  // any other key survives the round trip
     const long id = Create("script", extra);
     ASSERT_GT(id, 0);
-    EXPECT_EQ(std::string(Record(id).command), script);
-    EXPECT_EQ(std::string(Record(id).action), "#common:run#: " + script);
-    EXPECT_EQ(std::string(Record(id).app_args), Json::FastWriter().write(extra));
-    Reply got = Call(1, "get", IdParams(id));
-    ASSERT_TRUE(got.success);
-    EXPECT_EQ(got.data["extra"], extra);
+    const _tag_orva_sched_task_ r = Record(id);
+    EXPECT_EQ(std::vector<std::string>({r.command, r.action, r.app_args}),
+              std::vector<std::string>({script, "#common:run#: " + script, Json::FastWriter().write(extra)}));
+    EXPECT_EQ(GetTask(id, 1)["extra"], extra);
   }
   // Stored arguments that are not JSON still get without an error.
-  Reply got = Call(2, "get", IdParams(AddTask({.appArgs = "{not json"})));
-  EXPECT_TRUE(got.success) << got.envelope;
-  EXPECT_EQ(got.data["type"], "script");
+  EXPECT_EQ(GetTask(AddTask({.appArgs = "{not json"}))["type"], "script");
 }
 
 // Each kind's fixed values of the record, and what a never-saved record reads back with (a

@@ -12,11 +12,19 @@ using namespace orvatest;
 
 namespace {
 
-
 std::vector<std::string> Names(const Reply& r) {
   std::vector<std::string> out;
   for (const Json::Value& t : r.data["tasks"]) out.push_back(t["name"].asString());
   return out;
+}
+
+// A "list" by name that answers exactly `names`, in all.
+Reply ListByName(int version, const std::vector<std::string>& names) {
+  Reply r = Call(version, "list", R"({"sort_by": "name"})");
+  EXPECT_TRUE(r.success) << r.envelope;
+  EXPECT_EQ(Names(r), names);
+  EXPECT_EQ(r.data["total"], static_cast<int>(names.size()));
+  return r;
 }
 
 class ModuleList : public ::testing::Test {
@@ -32,41 +40,24 @@ class ModuleList : public ::testing::Test {
 
 TEST_F(ModuleList, PagingArithmetic) {
   for (int version : {1, 2}) {
-    Reply r = Call(version, "list", "{}");
-    ASSERT_TRUE(r.success) << r.envelope;
-    EXPECT_EQ(r.replies, 1);
-    EXPECT_EQ(r.data, Parse(R"({"tasks": [], "total": 0})"));
+    const Reply r = Call(version, "list", "{}");
+    EXPECT_TRUE(r.success && r.replies == 1 && r.data == Parse(R"({"tasks": [], "total": 0})")) << r.envelope;
   }
-  for (int i = 0; i < 8; ++i) {
-    ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
-  }
+  for (int i = 0; i < 8; ++i) ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
   const std::vector<std::string> all = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};
-  const struct {
-    const char* params;
-    std::vector<std::string> names;
-  } cases[] = {
-      {R"({})", all},
-      {R"({"offset": 0, "limit": 0})", {}},
-      {R"({"offset": 3, "limit": 0})", {}},
-      {R"({"offset": 0, "limit": -1})", all},
-      {R"({"offset": 1, "limit": 2})", {"t1", "t2"}},
-      {R"({"offset": 6, "limit": 5})", {"t6", "t7"}},
-      {R"({"offset": 3})", {"t3", "t4", "t5", "t6", "t7"}},
-      {R"({"offset": -5, "limit": 10})", {"t0", "t1", "t2", "t3", "t4"}},
-      {R"({"offset": -2, "limit": 3})", {"t0"}},
+  const struct { const char* params; std::vector<std::string> names; } cases[] = {
+      {R"({})", all}, {R"({"offset": 0, "limit": 0})", {}}, {R"({"offset": 3, "limit": 0})", {}},
+      {R"({"offset": 0, "limit": -1})", all}, {R"({"offset": 1, "limit": 2})", {"t1", "t2"}},
+      {R"({"offset": 6, "limit": 5})", {"t6", "t7"}}, {R"({"offset": 3})", {"t3", "t4", "t5", "t6", "t7"}},
+      {R"({"offset": -5, "limit": 10})", {"t0", "t1", "t2", "t3", "t4"}}, {R"({"offset": -2, "limit": 3})", {"t0"}},
       {R"({"offset": -2, "limit": 1})", all},  // the end index -1 is never met
-      {R"({"offset": 2, "limit": -3})", {"t2", "t3", "t4", "t5", "t6", "t7"}},
-      {R"({"offset": 8, "limit": 2})", {}},
-      {R"({"offset": 50})", {}},
-      {R"({"offset": "2", "limit": "1"})", all},
-      {R"({"offset": 1.5, "limit": true})", all},
-      {R"({"offset": 2147483647, "limit": 1})", {}},
+      {R"({"offset": 2, "limit": -3})", {"t2", "t3", "t4", "t5", "t6", "t7"}}, {R"({"offset": 8, "limit": 2})", {}},
+      {R"({"offset": 50})", {}}, {R"({"offset": "2", "limit": "1"})", all},
+      {R"({"offset": 1.5, "limit": true})", all}, {R"({"offset": 2147483647, "limit": 1})", {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.params);
-    Json::Value p = Parse(c.params);
-    p["sort_by"] = "name";
-    Reply r = Call(2, "list", p);
+    Reply r = Call(2, "list", Merged(Parse(c.params), Parse(R"({"sort_by": "name"})")));
     ASSERT_TRUE(r.success) << r.envelope;
     EXPECT_EQ(Names(r), c.names);
     EXPECT_EQ(r.data["total"], 8);
@@ -77,8 +68,7 @@ TEST_F(ModuleList, PagingArithmetic) {
 // Five tasks whose orders differ by every key. Ties are broken by id ascending in both
 // directions; only "desc" in any letter case sorts downwards.
 TEST_F(ModuleList, SortKeysAndDirections) {
-  TestUser u1;
-  TestUser u2;  // user names sort before "root"
+  TestUser u1, u2;  // user names sort before "root"
   ASSERT_TRUE(u1.Ok() && u2.Ok());
   const TaskSeed seeds[] = {
       {.name = "delta", .appName = "#c:c#", .action = "zz", .hour = 5, .ownerUid = u2.Uid()},
@@ -89,11 +79,8 @@ TEST_F(ModuleList, SortKeysAndDirections) {
   };
   for (const TaskSeed& seed : seeds) ASSERT_GT(AddTask(seed), 0);
   using V = std::vector<std::string>;
-  const struct {
-    const char* sortBy;
-    const char* direction;
-    V names;  // the whole listing, or its last two for the next trigger time
-  } cases[] = {
+  // names: the whole listing, or its last two for the next trigger time
+  const struct { const char* sortBy; const char* direction; V names; } cases[] = {
       {"enable", "asc", {"alpha", "bravo", "delta", "echo", "charlie"}},
       {"enable", "desc", {"delta", "echo", "charlie", "alpha", "bravo"}},
       {"id", "DESC", {"charlie", "bravo", "echo", "alpha", "delta"}},
@@ -104,8 +91,7 @@ TEST_F(ModuleList, SortKeysAndDirections) {
       {"app_name", "desc", {"alpha", "bravo", "delta", "charlie", "echo"}},
       {"action", "asc", {"echo", "charlie", "alpha", "bravo", "delta"}},
       {"next_trigger_time", "asc", {"alpha", "bravo"}},  // disabled: none, after all others
-      {"", "asc", {"alpha", "bravo"}},
-      {"Name", "asc", {"alpha", "bravo"}},
+      {"", "asc", {"alpha", "bravo"}}, {"Name", "asc", {"alpha", "bravo"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.sortBy) + " " + c.direction);
@@ -129,44 +115,28 @@ TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
   AddTask({.name = "hidden", .listable = false});
 
   // Version 1 lists system tasks only and never "real_owner".
-  Reply v1 = Call(1, "list", R"({"sort_by": "name"})");
-  ASSERT_TRUE(v1.success) << v1.envelope;
-  EXPECT_EQ(Names(v1), (std::vector<std::string>{"off", "other", "script", "vendor"}));
-  EXPECT_EQ(v1.data["total"], 4);
-  Reply r = Call(2, "list", R"({"sort_by": "name"})");
-  ASSERT_TRUE(r.success) << r.envelope;
-  EXPECT_EQ(Names(r), (std::vector<std::string>{"off", "other", "script", "users", "vendor"}));
-  EXPECT_EQ(r.data["total"], 5);
+  const Reply v1 = ListByName(1, {"off", "other", "script", "vendor"});
+  const Reply r = ListByName(2, {"off", "other", "script", "users", "vendor"});
   for (const Reply* reply : {&v1, &r}) {
     for (const Json::Value& t : reply->data["tasks"]) EXPECT_EQ(t.isMember("real_owner"), t["name"] == "users");
   }
-  const Json::Value& users = r.data["tasks"][3];
-  EXPECT_EQ(users["real_owner"], user.Name());
-  EXPECT_EQ(users["owner"], user.Name());
+  EXPECT_TRUE(r.data["tasks"][3]["real_owner"] == user.Name() && r.data["tasks"][3]["owner"] == user.Name());
 
   const Json::Value& script = r.data["tasks"][2];
   EXPECT_EQ(script.getMemberNames(), (std::vector<std::string>{"action", "can_delete", "can_edit", "can_run", "enable",
                                                                 "id", "name", "next_trigger_time", "owner", "type"}));
   EXPECT_EQ(script["id"], static_cast<Json::Int64>(scriptId));
-  EXPECT_EQ(script["type"], "script");
-  EXPECT_EQ(script["action"], "Run: echo hi");
-  EXPECT_EQ(script["enable"], true);
-  EXPECT_EQ(script["can_run"], true);
-  EXPECT_EQ(script["owner"], "root");
+  ExpectMembers(script, R"({"type": "script", "action": "Run: echo hi", "enable": true, "can_run": true,
+                            "owner": "root"})");
   const std::string next = script["next_trigger_time"].asString();
   EXPECT_TRUE(next.size() == 16 && next.substr(11) == "04:05") << next;
 
   const Json::Value& off = r.data["tasks"][0];
-  EXPECT_EQ(off["type"], "beep");
-  EXPECT_EQ(off["enable"], false);
-  EXPECT_EQ(off["next_trigger_time"], "-");
+  ExpectMembers(off, R"({"type": "beep", "enable": false, "next_trigger_time": "-"})");
   EXPECT_FALSE(off.isMember("app_name"));
   // A 3rd-party app's own texts, else the system texts.
-  EXPECT_EQ(r.data["tasks"][4]["type"], "custom");
-  EXPECT_EQ(r.data["tasks"][4]["app_name"], "Vendor Tool");
-  EXPECT_EQ(r.data["tasks"][4]["action"], "Vendor Tool runs");
-  EXPECT_EQ(r.data["tasks"][1]["app_name"], "System title");
-  EXPECT_EQ(r.data["tasks"][1]["action"], "System title runs");
+  ExpectMembers(r.data["tasks"][4], R"({"type": "custom", "app_name": "Vendor Tool", "action": "Vendor Tool runs"})");
+  ExpectMembers(r.data["tasks"][1], R"({"app_name": "System title", "action": "System title runs"})");
 }
 
 TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
@@ -176,35 +146,25 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
   Json::Value boot = Parse(R"({"id": 1, "task_name": "on boot", "enable": true, "event": "bootup",
                                "script": "echo up"})");
   boot["owner"][std::to_string(user.Uid())] = user.Name();
-  Json::Value ownerless = boot;
-  ownerless["task_name"] = "ownerless";
-  ownerless["owner"] = Json::Value(Json::objectValue);
-  Json::Value shutdown = boot;
-  shutdown["task_name"] = "at shutdown";
-  shutdown["owner"] = Parse(R"({"0": "root"})");
-  shutdown["enable"] = false;
   Json::Value events(Json::arrayValue);
-  for (const Json::Value* e : {&boot, &ownerless, &shutdown}) events.append(*e);
+  events.append(boot);
+  events.append(boot)["task_name"] = "ownerless";
+  events[1]["owner"] = Json::Value(Json::objectValue);
+  events.append(Merged(boot, Parse(R"({"task_name": "at shutdown", "enable": false})")))["owner"] =
+      Parse(R"({"0": "root"})");
   SetEventTasks(events);
 
   std::vector<long> firstIds;
   for (int version : {1, 2}) {
     SCOPED_TRACE(version);
     ClearLogs();
-    Reply r = Call(version, "list", R"({"sort_by": "name"})");
-    ASSERT_TRUE(r.success) << r.envelope;
-    EXPECT_EQ(Names(r), (std::vector<std::string>{"at shutdown", "on boot", "stored"}));
-    EXPECT_EQ(r.data["total"], 3);
+    const Reply r = ListByName(version, {"at shutdown", "on boot", "stored"});
     const Json::Value& item = r.data["tasks"][1];
-    EXPECT_EQ(item["type"], "event_script");
+    ExpectMembers(item, R"({"type": "event_script", "enable": true, "action": "Command line", "can_edit": true,
+                            "next_trigger_time": "-"})");
     EXPECT_EQ(item["owner"], user.Name());
-    EXPECT_EQ(item["enable"], true);
-    EXPECT_EQ(item["action"], "Command line");
-    EXPECT_EQ(item["can_edit"], true);
-    EXPECT_EQ(item["next_trigger_time"], "-");
     EXPECT_FALSE(item.isMember("real_owner"));
-    EXPECT_EQ(r.data["tasks"][0]["enable"], false);
-    EXPECT_EQ(r.data["tasks"][0]["owner"], "root");
+    ExpectMembers(r.data["tasks"][0], R"({"enable": false, "owner": "root"})");
     EXPECT_EQ(ExpectOneLog("Fail to get owner"), "ORVA.Core.TaskScheduler:69 Fail to get owner");
     std::vector<long> ids = {r.data["tasks"][0]["id"].asInt64(), item["id"].asInt64()};
     for (long id : ids) {
@@ -215,9 +175,7 @@ TEST_F(ModuleList, EventTasksJoinEveryListingWithNewIds) {
   }
   // The event scheduler failing means no event tasks.
   SetEventTasks(events, false);
-  Reply r = Call(2, "list", "{}");
-  ASSERT_TRUE(r.success) << r.envelope;
-  EXPECT_EQ(Names(r), std::vector<std::string>{"stored"});
+  ListByName(2, {"stored"});
   SetEventTasks(Json::Value(Json::arrayValue));
 }
 

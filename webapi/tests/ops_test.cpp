@@ -11,43 +11,31 @@ using namespace orvatest;
 
 namespace {
 
-
 TEST(ModuleOps, ParameterShapes) {
   ModuleRoot root;
   const long id = AddTask({});
   const char* v1Element = "id must be an integer, enabled must be a boolean";
   const char* v2Element = "id must be an integer, enable must be a boolean";
-  const struct {
-    int version;
-    const char* method;
-    const char* params;
-    const char* msg;  // empty: success
-  } cases[] = {
-      {1, "set_enable", R"({})", "tasks must be an array"},
-      {1, "set_enable", R"({"status": {"id": 1, "enable": true}})", "tasks must be an array"},
-      {2, "set_enable", R"({"status": "x"})", "tasks must be an array"},
+  const char* noArray = "tasks must be an array";
+  const char* v1Task = "task must be an array of id or a single id";
+  const char* v2Tasks = "tasks must be an array of {id, real_owner}";
+  const char* badId = "id must be an integer";
+  // msg (empty: success)
+  const struct { int version; const char* method; const char* params; const char* msg; } cases[] = {
+      {1, "set_enable", R"({})", noArray}, {1, "set_enable", R"({"status": {"id": 1, "enable": true}})", noArray},
+      {2, "set_enable", R"({"status": "x"})", noArray},
       {1, "set_enable", R"({"status": [{"id": "1", "enable": true}]})", v1Element},
       {1, "set_enable", R"({"status": [{"id": 1, "enable": "yes"}]})", v1Element},
-      {1, "set_enable", R"({"status": [5]})", v1Element},
-      {2, "set_enable", R"({"status": [{"id": 1}]})", v2Element},
+      {1, "set_enable", R"({"status": [5]})", v1Element}, {2, "set_enable", R"({"status": [{"id": 1}]})", v2Element},
       {2, "set_enable", R"({"status": [{"id": 1.5, "enable": true}]})", v2Element},
-      {2, "set_enable", R"({"status": [[1, true]]})", v2Element},
-      {1, "delete", R"({})", "task must be an array of id or a single id"},
-      {1, "delete", R"({"task": "7"})", "task must be an array of id or a single id"},
-      {1, "delete", R"({"task": {"id": 7}})", "task must be an array of id or a single id"},
-      {1, "run", R"({"task": true})", "task must be an array of id or a single id"},
-      {1, "run", R"({"task": [1.25]})", "id must be an integer"},
-      {2, "delete", R"({})", "tasks must be an array of {id, real_owner}"},
-      {2, "delete", R"({"tasks": 7})", "tasks must be an array of {id, real_owner}"},
-      {2, "run", R"({"tasks": {"id": 7}})", "tasks must be an array of {id, real_owner}"},
-      {2, "delete", R"({"tasks": [7]})", "id must be an integer"},
-      {2, "run", R"({"tasks": [{"real_owner": "root"}]})", "id must be an integer"},
-      {2, "run", R"({"tasks": [{"id": "7"}]})", "id must be an integer"},
-      {1, "set_enable", R"({"status": []})", ""},
-      {2, "set_enable", R"({"status": []})", ""},
-      {1, "delete", R"({"task": []})", ""},
-      {2, "delete", R"({"tasks": []})", ""},
-      {1, "run", R"({"task": []})", ""},
+      {2, "set_enable", R"({"status": [[1, true]]})", v2Element}, {1, "delete", R"({})", v1Task},
+      {1, "delete", R"({"task": "7"})", v1Task}, {1, "delete", R"({"task": {"id": 7}})", v1Task},
+      {1, "run", R"({"task": true})", v1Task}, {1, "run", R"({"task": [1.25]})", badId},
+      {2, "delete", R"({})", v2Tasks}, {2, "delete", R"({"tasks": 7})", v2Tasks},
+      {2, "run", R"({"tasks": {"id": 7}})", v2Tasks}, {2, "delete", R"({"tasks": [7]})", badId},
+      {2, "run", R"({"tasks": [{"real_owner": "root"}]})", badId}, {2, "run", R"({"tasks": [{"id": "7"}]})", badId},
+      {1, "set_enable", R"({"status": []})", ""}, {2, "set_enable", R"({"status": []})", ""},
+      {1, "delete", R"({"task": []})", ""}, {2, "delete", R"({"tasks": []})", ""}, {1, "run", R"({"task": []})", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " v" + std::to_string(c.version) + " " + c.params);
@@ -61,8 +49,7 @@ TEST(ModuleOps, ParameterShapes) {
 // disabled (-), present (=) or gone (x).
 TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
   ModuleRoot root;
-  TestUser alice;
-  TestUser bob;
+  TestUser alice, bob;
   ASSERT_TRUE(alice.Ok() && bob.Ok());
   std::map<char, std::string> ids = {{'A', alice.Name()}, {'B', bob.Name()}};
   for (char t : std::string("012345")) ids[t] = std::to_string(AddTask({.name = std::string(1, t)}));
@@ -128,9 +115,7 @@ TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
     for (std::string t; after >> t;) {
       const long id = std::stol(ids[t[0]]);
       EXPECT_EQ(TaskExists(id), t[1] != 'x') << t;
-      if (t[1] == '+' || t[1] == '-') {
-        EXPECT_EQ(TaskEnabled(id), t[1] == '+') << t;
-      }
+      if (t[1] == '+' || t[1] == '-') { EXPECT_EQ(TaskEnabled(id), t[1] == '+') << t; }
     }
   }
 }
@@ -156,24 +141,20 @@ TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
   const long ids[] = {AddTask({}), AddTask({}), AddTask({})};
   const long mine =
       AddTask({.name = "alice's", .command = "test \"$(id -un)\" = " + alice.Name(), .byUser = alice.Name()});
-  Reply r = Call(1, "run", "{\"task\": [" + std::to_string(ids[0]) + ", " + std::to_string(ids[1]) + "]}");
-  ASSERT_TRUE(r.success) << r.envelope;
-  r = Call(2, "run", "{\"tasks\": [{\"id\": " + std::to_string(mine) + ", \"real_owner\": \"" + alice.Name() + "\"}]}");
-  ASSERT_TRUE(r.success) << r.envelope;
+  ExpectReply(Call(1, "run", "{\"task\": [" + std::to_string(ids[0]) + ", " + std::to_string(ids[1]) + "]}"), 0);
+  ExpectReply(Call(2, "run", "{\"tasks\": [{\"id\": " + std::to_string(mine) + ", \"real_owner\": \"" + alice.Name() +
+                                 "\"}]}"), 0);
   for (long id : {ids[0], ids[1], mine}) {
     SCOPED_TRACE(id);
     Json::Value last = WaitForLastRun(id);
     ASSERT_TRUE(last.isObject());
-    EXPECT_EQ(last["trigger"], "manual");
-    EXPECT_EQ(last["result"], "success") << last;
+    ExpectMembers(last, R"({"trigger": "manual", "result": "success"})");
   }
   Json::Value untouched;
   ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(ids[2]), untouched), 0);
   EXPECT_TRUE(untouched["last_run"].isNull());
   // "view" reports what the store records.
-  r = Call(1, "view", IdParams(mine));
-  ASSERT_TRUE(r.success);
-  EXPECT_EQ(r.data["last_run"]["result"], "success");
+  EXPECT_EQ(Call(1, "view", IdParams(mine)).data["last_run"]["result"], "success");
 }
 
 }  // namespace

@@ -9,10 +9,15 @@ using namespace orvatest;
 namespace {
 
 std::string ActionOf(const Reply& r, const std::string& name) {
-  for (const Json::Value& t : r.data["tasks"]) {
-    if (t["name"] == name) return t["action"].asString();
-  }
+  for (const Json::Value& t : r.data["tasks"]) if (t["name"] == name) return t["action"].asString();
   return "<missing>";
+}
+
+// The service package "pkga" as installed with `displayName` and `version`.
+void WritePackage(const ModuleRoot& root, const std::string& displayName, const std::string& version) {
+  root.Write("var/lib/orva/packages/pkga/package.json",
+             R"({"name":"pkga","display_name":")" + displayName + R"(","version":")" + version +
+                 R"(","service":true,"control":{"start":"true","stop":"true"}})");
 }
 
 TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
@@ -22,17 +27,14 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
                             "network": {"win_share_service": "Windows file service"}})");
   ASSERT_EQ(rmdir((root.path() + "/var/lib/orva/packages").c_str()), 0);
 
-  TaskSeed service;
-  service.name = "svc";
-  service.app = "ORVA.VEK.TaskScheduler.Service";
-  service.appName = "#service:service_subject#";
-  service.appArgs =
-      R"({"service_action":"1","service_store":[)"
-      R"({"name":"WinShare","display_name":"","enabled":true,"service_type":1},)"
-      R"({"name":"FileXfer","display_name":"","enabled":false,"service_type":1},)"
-      R"({"name":"pkga","display_name":"Old Name","enabled":true,"service_type":2}]})";
-  service.action = R"(#common:start_service#: "WinShare" "Old Name")";
-  long serviceId = AddTask(service);
+  const TaskSeed service = {
+      .name = "svc", .app = "ORVA.VEK.TaskScheduler.Service", .appName = "#service:service_subject#",
+      .action = R"(#common:start_service#: "WinShare" "Old Name")",
+      .appArgs = R"({"service_action":"1","service_store":[)"
+                 R"({"name":"WinShare","display_name":"","enabled":true,"service_type":1},)"
+                 R"({"name":"FileXfer","display_name":"","enabled":false,"service_type":1},)"
+                 R"({"name":"pkga","display_name":"Old Name","enabled":true,"service_type":2}]})"};
+  const long serviceId = AddTask(service);
   ASSERT_GT(serviceId, 0);
   AddTask({.name = "beep", .app = "ORVA.VEK.TaskScheduler.Beep", .action = "WinShare #common:stop_service#"});
 
@@ -52,29 +54,20 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "Old Name")");
   EXPECT_EQ(ActionOf(r, "beep"), "WinShare Stop service");
   EXPECT_EQ(ActionOf(r, "full"), "Start service" + full.action.substr(strlen("#common:start_service#")));
-  auto replaceLogs = LogsWith("replace string failed");
-  ASSERT_EQ(replaceLogs.size(), 1u);
-  EXPECT_EQ(replaceLogs[0].text, "ORVA.Core.TaskScheduler:174 replace string failed");
+  EXPECT_EQ(ExpectOneLog("replace string failed"), "ORVA.Core.TaskScheduler:174 replace string failed");
   // Every service task of the listing tries the enumeration again.
   auto enumLogs = LogsWith("ORVA.Core.TaskScheduler:190 Failed to enum packages");
   ASSERT_EQ(enumLogs.size(), 2u);
   EXPECT_EQ(enumLogs[0].priority, LOG_ERR);
-  auto fallback = LogsWith("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
-                                   std::to_string(serviceId) + "]");
-  ASSERT_EQ(fallback.size(), 1u);
+  ExpectOneLog("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
+                   std::to_string(serviceId) + "]", LOG_WARNING);
   EXPECT_EQ(LogsWith(":214 Unable to update service task package display names [").size(), 2u);
-  EXPECT_EQ(fallback[0].priority, LOG_WARNING);
 
   // 2. The package appears renamed: the next listing enumerates again and shows the new
   //    name; the stored task keeps the old one. Unparsable arguments fall back.
-  root.Write("var/lib/orva/packages/pkga/package.json",
-                 R"({"name":"pkga","display_name":"New Name","version":"1.0","service":true,)"
-                 R"("control":{"start":"true","stop":"true"}})");
-  TaskSeed broken = service;
-  broken.name = "broken";
-  broken.appArgs = "not json";
-  broken.action = "#common:stop_service#: \"WinShare\"";
-  long brokenId = AddTask(broken);
+  WritePackage(root, "New Name", "1.0");
+  const long brokenId = AddTask({.name = "broken", .app = service.app, .appName = service.appName,
+                                 .action = "#common:stop_service#: \"WinShare\"", .appArgs = "not json"});
   ClearLogs();
   r = Call(2, "list", Json::Value(Json::objectValue));
   ASSERT_TRUE(r.success) << r.envelope;
@@ -87,9 +80,7 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   ExpectOneLog(":214 Unable to update service task package display names " + brokenTag);
 
   // 3. Renamed again: this process keeps what it enumerated first.
-  root.Write("var/lib/orva/packages/pkga/package.json",
-                 R"({"name":"pkga","display_name":"Newest Name","version":"1.1","service":true,)"
-                 R"("control":{"start":"true","stop":"true"}})");
+  WritePackage(root, "Newest Name", "1.1");
   r = Call(1, "list", Json::Value(Json::objectValue));
   ASSERT_TRUE(r.success) << r.envelope;
   EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");

@@ -3,6 +3,8 @@
 // round trip through get and set.
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "ORVA.Core.TaskScheduler.Service.h"
 #include "test_support.h"
 
@@ -62,11 +64,8 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
   }
 }
 
-const struct {
-  const char* app;      // stored form
-  const char* command;  // null: the conversion fails
-  const char* action;
-} kFromCases[] = {
+// app: stored form; command (null: the conversion fails)
+const struct { const char* app; const char* command; const char* action; } kFromCases[] = {
     {R"({"service_action": "1", "service_store": [
          {"name": "WinShare", "display_name": "", "enabled": true, "service_type": 1},
          {"name": "MacShare", "display_name": "", "enabled": false, "service_type": 1},
@@ -97,16 +96,13 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
   for (const auto& c : kFromCases) {
     SCOPED_TRACE(c.app);
     _tag_orva_sched_task_ record = FreshRecord();
-    Json::Value json;
-    json["app"] = Parse(c.app);
+    const Json::Value json = Parse(std::string(R"({"app": )") + c.app + "}");
     EXPECT_EQ(ts::ServiceTaskAppArgsFromJson(json, record), c.command != nullptr);
-    EXPECT_STREQ(record.edit_form, "ORVA.VEK.TaskScheduler.Service.FormPanel");
-    EXPECT_EQ(record.can_edit_owner, 0);
-    EXPECT_EQ(record.can_run_app_same_time, 0);
-    EXPECT_EQ(record.can_run_task_same_time, 0);
-    EXPECT_STREQ(record.app, "ORVA.VEK.TaskScheduler.Service");
-    EXPECT_STREQ(record.app_name, "#service:service_subject#");
-    EXPECT_EQ(std::string(record.app_args), Json::FastWriter().write(json["app"]));
+    EXPECT_EQ(std::vector<int>({record.can_edit_owner, record.can_run_app_same_time, record.can_run_task_same_time}),
+              std::vector<int>({0, 0, 0}));
+    EXPECT_EQ(std::vector<std::string>({record.edit_form, record.app, record.app_name, record.app_args}),
+              std::vector<std::string>({"ORVA.VEK.TaskScheduler.Service.FormPanel", "ORVA.VEK.TaskScheduler.Service",
+                                        "#service:service_subject#", Json::FastWriter().write(json["app"])}));
     EXPECT_STREQ(record.command, c.command ? c.command : "");
     EXPECT_STREQ(record.action, c.action ? c.action : "");
   }
@@ -130,15 +126,13 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
                                    "/usr/orva/bin/orvapkg start alpha;\n/usr/orva/bin/orvapkg start gamma;\n");
   EXPECT_STREQ(Record(id).action, "#common:start_service#: \"WinShare\" \"Alpha Pro\" \"gamma\"");
 
-  unlink((root.path() + "/var/lib/orva/packages/gamma/package.json").c_str());
-  rmdir((root.path() + "/var/lib/orva/packages/gamma").c_str());
+  std::filesystem::remove_all(root.path() + "/var/lib/orva/packages/gamma");
   AddPackage(root, "alpha", R"({"name": "alpha", "display_name": "Alpha Next", "service": true})");
   AddPackage(root, "delta", R"({"name": "delta", "control": {"start": "a", "stop": "b"}})");
   AddPackage(root, "aaa", R"({"name": "aaa", "display_name": "First", "service": true})");
-  Reply got = Call(2, "get", IdParams(id));
-  ASSERT_TRUE(got.success) << got.envelope;
-  const Json::Value& services = got.data["extra"]["services"];
-  EXPECT_EQ(got.data["extra"]["action"], "start");
+  const Json::Value extra = GetTask(id)["extra"];
+  const Json::Value& services = extra["services"];
+  EXPECT_EQ(extra["action"], "start");
   ASSERT_EQ(services.size(), 11u) << services.toStyledString();
   EXPECT_EQ(services[0], Parse(R"({"type": "service", "id": "WinShare", "name": "WinShare", "enable": true})"));
   EXPECT_EQ(services[8], Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Next", "enable": true})"));
@@ -147,7 +141,7 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
   EXPECT_EQ(services[10], Parse(R"({"type": "package", "id": "delta", "name": "delta", "enable": false})"));
 
   // A set that only changes the action keeps the selection as it is now.
-  ASSERT_TRUE(Call(2, "set", SetObject(id, "service", Parse(R"({"action": "stop"})"))).success);
+  ExpectSet(SetObject(id, "service", Parse(R"({"action": "stop"})")), id);
   EXPECT_STREQ(Record(id).command,
                "/usr/orva/bin/orvaschedtool --stop-service WinShare;\n/usr/orva/bin/orvapkg stop alpha;\n");
   EXPECT_STREQ(Record(id).action, "#common:stop_service#: \"WinShare\" \"Alpha Next\"");
@@ -165,10 +159,8 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
        "/usr/orva/bin/orvapkg stop alpha;\n"},
       {R"({"services": "WinShare", "action": 3})", "/usr/orva/bin/orvaschedtool --stop-service MacShare;\n"},
       {R"({"services": [{"id": "WinShare", "enable": "yes"}]})", nullptr},
-      {R"({"services": [{"id": 5, "enable": true}]})", nullptr},
-      {R"({"services": [{"enable": true}]})", nullptr},
-      {R"({"services": ["WinShare"]})", nullptr},
-      {R"({"action": "restart"})", nullptr},
+      {R"({"services": [{"id": 5, "enable": true}]})", nullptr}, {R"({"services": [{"enable": true}]})", nullptr},
+      {R"({"services": ["WinShare"]})", nullptr}, {R"({"action": "restart"})", nullptr},
       {R"({"action": "START"})", nullptr},
   };
   for (const auto& [form, command] : cases) {

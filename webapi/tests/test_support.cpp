@@ -4,14 +4,11 @@
 #include <pwd.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <memory>
 #include <mutex>
 
 #include "core/root.h"
@@ -36,19 +33,9 @@ void Capture(int priority, const char* format, va_list ap) {
 
 // Every syslog of the process (module and platform libraries) lands here.
 extern "C" {
-void syslog(int priority, const char* format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  Capture(priority, format, ap);
-  va_end(ap);
-}
+void syslog(int p, const char* format, ...) { va_list ap; va_start(ap, format); Capture(p, format, ap); va_end(ap); }
+void __syslog_chk(int p, int, const char* f, ...) { va_list ap; va_start(ap, f); Capture(p, f, ap); va_end(ap); }
 void vsyslog(int priority, const char* format, va_list ap) { Capture(priority, format, ap); }
-void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list ap;
-  va_start(ap, format);
-  Capture(priority, format, ap);
-  va_end(ap);
-}
 void __vsyslog_chk(int priority, int, const char* format, va_list ap) { Capture(priority, format, ap); }
 }
 
@@ -66,9 +53,7 @@ void ClearLogs() {
 
 std::vector<LogLine> LogsWith(const std::string& needle) {
   std::vector<LogLine> out;
-  for (const LogLine& l : Logs()) {
-    if (l.text.find(needle) != std::string::npos) out.push_back(l);
-  }
+  for (const LogLine& l : Logs()) if (l.text.find(needle) != std::string::npos) out.push_back(l);
   return out;
 }
 
@@ -76,9 +61,7 @@ std::string ExpectOneLog(const std::string& needle, int priority) {
   const std::vector<LogLine> lines = LogsWith(needle);
   EXPECT_EQ(lines.size(), 1u) << needle;
   if (lines.size() != 1) return "";
-  if (priority >= 0) {
-    EXPECT_EQ(lines[0].priority, priority) << lines[0].text;
-  }
+  if (priority >= 0) { EXPECT_EQ(lines[0].priority, priority) << lines[0].text; }
   return lines[0].text;
 }
 
@@ -127,6 +110,11 @@ Reply Call(int version, const std::string& method, const Json::Value& params, co
   ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, "admin", lang);
   ORVA::APIResponse response;
   row->func(&request, &response);
+  return ReplyOf(response);
+}
+
+Reply ReplyOf(const ORVA::APIResponse& response) {
+  Reply reply;
   reply.replies = response.GetReplyCount();
   reply.success = response.IsSuccess();
   reply.data = response.GetData();
@@ -144,10 +132,34 @@ Json::Value TaskObject(const std::string& type, const Json::Value& extra, const 
   return task;
 }
 
-long Create(const std::string& type, const Json::Value& extra, int version) {
-  Reply reply = Call(version, "create", TaskObject(type, extra));
+long CreateTask(const Json::Value& params, int version) {
+  Reply reply = Call(version, "create", params);
   EXPECT_TRUE(reply.success) << reply.envelope;
   return reply.success && reply.data["id"].isIntegral() ? static_cast<long>(reply.data["id"].asInt64()) : -1;
+}
+
+Json::Value GetTask(long id, int version) {
+  Reply reply = Call(version, "get", IdParams(id));
+  EXPECT_TRUE(reply.success) << reply.envelope;
+  return reply.data;
+}
+
+void ExpectSet(const Json::Value& params, long id, int version) {
+  Reply reply = Call(version, "set", params);
+  EXPECT_TRUE(reply.success) << reply.envelope;
+  EXPECT_EQ(reply.data, Parse(IdParams(id)));
+}
+
+void ExpectMembers(const Json::Value& item, const std::string& want) {
+  const Json::Value w = Parse(want);
+  for (const std::string& key : w.getMemberNames()) EXPECT_EQ(item[key], w[key]) << key;
+}
+
+Json::Value Merged(Json::Value base, const Json::Value& changes) {
+  for (const std::string& key : changes.getMemberNames()) {
+    base[key] = changes[key].isObject() && base[key].isObject() ? Merged(base[key], changes[key]) : changes[key];
+  }
+  return base;
 }
 
 long AddTask(const TaskSeed& seed) {
@@ -171,13 +183,9 @@ long AddTask(const TaskSeed& seed) {
   schedule["schedule"]["min"] = seed.min;
   EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(schedule, *task));
   ORVASchedCTaskSetOwner(task, seed.ownerUid);
-  int rc;
-  if (!seed.byUser.empty()) {
-    if (struct passwd* pw = getpwnam(seed.byUser.c_str())) ORVASchedCTaskSetOwner(task, pw->pw_uid);
-    rc = ORVASchedTaskSaveByUser(seed.byUser.c_str(), task);
-  } else {
-    rc = ORVASchedTaskSave(task);
-  }
+  const char* byUser = seed.byUser.empty() ? nullptr : seed.byUser.c_str();
+  if (struct passwd* pw = byUser ? getpwnam(byUser) : nullptr) ORVASchedCTaskSetOwner(task, pw->pw_uid);
+  const int rc = byUser ? ORVASchedTaskSaveByUser(byUser, task) : ORVASchedTaskSave(task);
   EXPECT_GE(rc, 0) << "save failed for " << seed.name;
   return rc < 0 ? -1 : ORVASchedTaskGetID(*task);
 }
@@ -221,16 +229,11 @@ std::atomic<int> gEventCalls{0};
 void EventList(ORVA::APIRequest*, ORVA::APIResponse* response) {
   ++gEventCalls;
   std::lock_guard<std::mutex> lock(gEventMutex);
-  if (gEventReply) {
-    response->SetSuccess(gEventData);
-  } else {
-    response->SetError(117, Json::Value());
-  }
+  gEventReply ? response->SetSuccess(gEventData) : response->SetError(117, Json::Value());
 }
 
 ORVA::APITableRow gEventTable[] = {
-    {"ORVA.Core.EventScheduler", 1, "list", EventList},
-    {nullptr, 0, nullptr, nullptr},
+    {"ORVA.Core.EventScheduler", 1, "list", EventList}, {nullptr, 0, nullptr, nullptr},
 };
 
 }  // namespace

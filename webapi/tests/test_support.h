@@ -22,10 +22,7 @@ extern "C" ORVA::APITableRow gTable[];
 namespace orvatest {
 
 // ---- syslog of the whole process (syslog, vsyslog and their _chk forms are interposed) ----
-struct LogLine {
-  int priority;
-  std::string text;
-};
+struct LogLine { int priority; std::string text; };
 std::vector<LogLine> Logs();
 void ClearLogs();
 std::vector<LogLine> LogsWith(const std::string& needle);  // lines containing `needle`
@@ -53,29 +50,36 @@ struct Reply {
   Json::Value data;
   Json::Value envelope;
 };
+Reply ReplyOf(const ORVA::APIResponse& response);  // what a response holds
 const ORVA::APITableRow* FindRow(int version, const std::string& method);
 Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang = "en");
 // The same with the parameters as JSON text.
-inline Reply Call(int version, const std::string& method, const std::string& params) {
-  return Call(version, method, Parse(params));
-}
-inline Reply Call(int version, const std::string& method, const char* params) {
-  return Call(version, method, Parse(params));
-}
+inline Reply Call(int v, const std::string& m, const std::string& params) { return Call(v, m, Parse(params)); }
+inline Reply Call(int v, const std::string& method, const char* params) { return Call(v, method, Parse(params)); }
 
 // One reply with `code`, success only for 0, and data {"msg": msg} (null for an empty `msg`).
 void ExpectReply(const Reply& r, int code, const std::string& msg = "");
 
+// `base` with `changes` merged in, objects member by member.
+Json::Value Merged(Json::Value base, const Json::Value& changes);
 // A task object of a create or set request, as the edit dialog sends it.
 Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name = "t1");
 // The same for a set of task `id`.
 inline Json::Value SetObject(long id, const std::string& type, const Json::Value& extra) {
-  Json::Value task = TaskObject(type, extra);
-  task["id"] = static_cast<Json::Int64>(id);
-  return task;
+  return Merged(TaskObject(type, extra), Parse(IdParams(id)));
 }
+// "create" with `params`; the new id or -1 (test failed).
+long CreateTask(const Json::Value& params, int version = 2);
 // "create" of `type`; the new id or -1.
-long Create(const std::string& type, const Json::Value& extra, int version = 2);
+inline long Create(const std::string& type, const Json::Value& extra, int version = 2) {
+  return CreateTask(TaskObject(type, extra), version);
+}
+// The data of a successful "get" of task `id`.
+Json::Value GetTask(long id, int version = 2);
+// A "set" with `params` that succeeds and answers {"id": id}.
+void ExpectSet(const Json::Value& params, long id, int version = 2);
+// Each member of `want` (JSON text) equals that member of `item`.
+void ExpectMembers(const Json::Value& item, const std::string& want);
 
 // ---- the real store of the temp root ----
 struct TaskSeed {
