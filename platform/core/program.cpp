@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +17,15 @@ int GetOpt(int argc, char** argv, const char* shortopts, const option* longopts,
     if (c != kOptRoot) return c;
     ORVARootSet(optarg);
   }
+}
+
+bool ParseLong(const char* text, long min, long max, long* out) {
+  char* end = nullptr;
+  errno = 0;
+  const long v = strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || v < min || v > max) return false;
+  *out = v;
+  return true;
 }
 
 int RunShell(const std::string& command, const std::function<void()>& inChild) {

@@ -299,7 +299,6 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
   // Keys are read once per record, from a listed record's side entry where it has one.
   std::vector<SortItem> items;
   std::map<unsigned, std::string> names;  // one user lookup per owner uid
-  PORVAUSER user = nullptr;
   time_t now = time(nullptr);
   // Tasks share schedules (the same time of day, say): one computation per schedule.
   // The trigger depends on the fields before the interval lists only.
@@ -328,9 +327,7 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
         }
         case kOwner: {
           auto ins = names.emplace(t->owner, std::string());
-          if (ins.second && ORVAUserGetByUID(t->owner, &user) == 0) {
-            ins.first->second = user->szName;
-          }
+          if (ins.second) ins.first->second = ORVA::UserName(t->owner);
           it.text = ins.first->second.c_str();
           break;
         }
@@ -348,7 +345,6 @@ extern "C" int ORVASchedTaskListSort(ORVA_SCHED_TASK** ppList, const char* key, 
     });
     items.push_back(it);
   }
-  ORVAUserFree(user);
 
   const bool asc = ascending != 0;
   if (which == kOwner || which == kName || which == kAppName || which == kAction) {

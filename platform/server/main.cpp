@@ -51,10 +51,8 @@ void Usage(FILE* out) {
 }
 
 bool ParseInt(const char* s, int min, int max, int* out) {
-  char* end = nullptr;
-  errno = 0;
-  long v = strtol(s, &end, 10);
-  if (errno != 0 || end == s || *end != '\0' || v < min || v > max) return false;
+  long v = 0;
+  if (!ORVA::ParseLong(s, min, max, &v)) return false;
   *out = static_cast<int>(v);
   return true;
 }

@@ -12,6 +12,7 @@
 #include "core/conf.h"
 #include "core/kelc.h"
 #include "core/log.h"
+#include "core/program.h"
 #include "core/root.h"
 #include "core/sqlite_db.h"
 
@@ -113,9 +114,8 @@ SessionStore::~SessionStore() { Db().Close(); }
 int SessionStore::IdleTimeout() {
   if (idle_ < 0) {
     std::string v = OrvaConf().Def("session_idle_timeout", "1800");
-    char* end = nullptr;
-    long n = strtol(v.c_str(), &end, 10);
-    if (end == v.c_str() || *end != '\0' || n <= 0 || n > 365L * 86400) {
+    long n = 0;
+    if (!ORVA::ParseLong(v.c_str(), 1, 365L * 86400, &n)) {
       ORVA_LOG(LOG_ERR, "bad session_idle_timeout \"%s\"; using 1800", v.c_str());
       n = 1800;
     }

@@ -54,10 +54,8 @@ int main(int argc, char** argv) {
     Usage(stderr);
     return 2;
   }
-  char* end = nullptr;
-  errno = 0;
-  long version = strtol(argv[optind + 1], &end, 10);
-  if (errno != 0 || end == argv[optind + 1] || *end != '\0' || version < INT32_MIN || version > INT32_MAX) {
+  long version = 0;
+  if (!ORVA::ParseLong(argv[optind + 1], INT32_MIN, INT32_MAX, &version)) {
     fprintf(stderr, "orva-api: VERSION must be an integer, not \"%s\"\n", argv[optind + 1]);
     return 2;
   }

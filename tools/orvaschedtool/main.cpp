@@ -234,10 +234,8 @@ int Services(bool start, const std::vector<std::string>& ids) {
 }
 
 bool ParseSeconds(const char* text, int& out) {
-  char* end = nullptr;
-  errno = 0;
-  const long v = strtol(text, &end, 10);
-  if (errno || end == text || *end || v < 1 || v > 600) {
+  long v = 0;
+  if (!ORVA::ParseLong(text, 1, 600, &v)) {
     return false;
   }
   out = static_cast<int>(v);

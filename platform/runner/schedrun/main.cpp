@@ -3,6 +3,7 @@
 // the run (start, end, exit code or signal, the tail of the output) in the store.
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <grp.h>
 #include <poll.h>
 #include <pwd.h>
@@ -56,12 +57,7 @@ struct Job {
   bool canRunAppSameTime = true;
 };
 
-bool ParseId(const char* text, long& id) {
-  char* end = nullptr;
-  errno = 0;
-  id = strtol(text, &end, 10);
-  return errno == 0 && end != text && *end == '\0' && id > 0;
-}
+bool ParseId(const char* text, long& id) { return ORVA::ParseLong(text, 1, LONG_MAX, &id); }
 
 bool LoadJob(Job& job) {
   if (job.kind == ORVA_SCHED_RUN_EVENT_TASK) {
