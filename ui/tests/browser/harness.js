@@ -8,19 +8,20 @@ import { before, after } from 'node:test';
 import { spawn, execFileSync } from 'node:child_process';
 import { mkdtempSync, readFileSync, writeFileSync, rmSync, existsSync, linkSync, unlinkSync, mkdirSync } from 'node:fs';
 import { tmpdir } from 'node:os';
-import { join, dirname } from 'node:path';
-import { fileURLToPath } from 'node:url';
+import { join } from 'node:path';
 import { createRequire } from 'node:module';
-import { chromium } from 'playwright-core';
+import { chromium, request } from 'playwright-core';
 import { ApiClient } from '../../assets/js/api.js';
 
-const require = createRequire(import.meta.url);
 const build = process.env.ORVA_BUILD_DIR;
-const source = process.env.ORVA_SOURCE_DIR ?? join(dirname(fileURLToPath(import.meta.url)), '../../..');
+const source = process.env.ORVA_SOURCE_DIR;
 export const PASSWORD = 'Orva-test-pw-1';
 export const TS = 'ORVA.Core.TaskScheduler';
 // Daily at 03:00 from 2030: seeded tasks never start on their own during a scenario.
 export const SCHED = { repeat_date: 'daily', date: '2030-01-01', hour: 3, minute: 0, repeat_min: 0, repeat_hour: 0, last_work_hour: 23, week_day: '0,1,2,3,4,5,6' };
+// The appliance runs in a zone far from the browser's, so a page that took the
+// browser's clock for the appliance's shows wrong times and warnings.
+export const APPLIANCE_TZ = 'Asia/Kathmandu';
 
 function sh(cmd, args, input) {
   for (let i = 0; ; i++) {
@@ -34,6 +35,7 @@ function sh(cmd, args, input) {
   }
 }
 
+// The PAM service, linked in whole so that a parallel run never reads half of it.
 function ensurePam() {
   const path = '/etc/pam.d/orva-webapi';
   if (existsSync(path)) return;
@@ -48,98 +50,69 @@ function ensurePam() {
   }
 }
 
-// The appliance runs in a zone far from the browser's (BROWSER_TZ), so a page that
-// took the browser's clock for the appliance's shows wrong times and warnings.
-export const APPLIANCE_TZ = 'Asia/Kathmandu';
-const BROWSER_TZ = 'America/Los_Angeles';
-
-// A running appliance: {base, root, token, admin, plain, client, stop()}.
-export async function startSystem() {
-  assert.ok(build, 'ORVA_BUILD_DIR must be set (CTest sets it)');
-  const root = mkdtempSync(join(tmpdir(), 'orvat-browser-'));
-  execFileSync('/bin/bash', [join(source, 'scripts/stage.sh'), build, root], { stdio: 'pipe' });
-  const tag = `${process.pid}`;
-  const group = `orvatg${tag}`;
-  const admin = `orvata${tag}`;
-  const plain = `orvatu${tag}`;
-  sh('groupadd', [group]);
-  sh('useradd', ['-M', '-s', '/bin/sh', '-G', group, admin]);
-  sh('useradd', ['-M', '-s', '/bin/sh', plain]);
-  sh('chpasswd', [], `${admin}:${PASSWORD}\n${plain}:${PASSWORD}\n`);
-  ensurePam();
-  writeFileSync(join(root, 'etc/orva/orva.conf'), `admin_group="${group}"\nsupportUnixShare="yes"\ndefault_lang="en"\n`);
-  writeFileSync(join(root, 'etc/orva/shares.json'), JSON.stringify([{ name: 'docs', path: join(root, 'srv/docs'), recycle_bin: true }]));
-  mkdirSync(join(root, 'srv/docs/.recycle'), { recursive: true });
-
-  const bin = join(root, 'usr/orva/bin');
-  const procs = [];
-  const opts = { stdio: 'ignore', env: { ...process.env, TZ: APPLIANCE_TZ } };
-  procs.push(spawn(join(bin, 'orva-webapid'), ['--root', root, '--listen', '127.0.0.1:0', '--workers', '2'], opts));
-  procs.push(spawn(join(bin, 'orva-schedulerd'), ['--root', root], opts));
-  const listenFile = join(root, 'run/orva/webapi.listen');
-  for (let i = 0; i < 400 && !existsSync(listenFile); i++) await new Promise((r) => setTimeout(r, 50));
-  assert.ok(existsSync(listenFile), 'the server did not start');
-  const base = `http://${readFileSync(listenFile, 'utf8').trim()}`;
-  const token = readFileSync(join(root, 'run/orva/login.token'), 'utf8').trim();
-  const client = new ApiClient({ fetchImpl: cookieFetch(), path: `${base}/webapi/entry`, lang: 'en' });
-  await client.login({ token });
-  return {
-    base, root, token, admin, plain, client,
-    stop() {
-      for (const p of procs) p.kill('SIGTERM');
-      for (const u of [admin, plain]) try { sh('userdel', [u]); } catch { /* gone */ }
-      try { sh('groupdel', [group]); } catch { /* gone */ }
-      rmSync(root, { recursive: true, force: true });
-    },
-  };
-}
-
-// One appliance and browser for a scenario file (each file runs in its own process, so
-// the bindings are the file's own): started before its tests, then `setup()` seeds it;
-// stopped after.
+// One appliance and browser for a scenario file (each file runs in its own process):
+// sys = {base, root, token, admin, plain, client}, started before the file's tests,
+// then `setup()` seeds it; stopped after.
 export let sys;
 export let browser;
 export function useSystem(setup = async () => {}) {
+  const procs = [];
+  let api;
   before(async () => {
-    sys = await startSystem();
-    browser = await launch();
+    assert.ok(build && source, 'ORVA_BUILD_DIR and ORVA_SOURCE_DIR must be set (CTest sets them)');
+    const root = mkdtempSync(join(tmpdir(), 'orvat-browser-'));
+    execFileSync('/bin/bash', [join(source, 'scripts/stage.sh'), build, root], { stdio: 'pipe' });
+    const [group, admin, plain] = ['orvatg', 'orvata', 'orvatu'].map((p) => `${p}${process.pid}`);
+    sys = { root, admin, plain, group };
+    sh('groupadd', [group]);
+    sh('useradd', ['-M', '-s', '/bin/sh', '-G', group, admin]);
+    sh('useradd', ['-M', '-s', '/bin/sh', plain]);
+    sh('chpasswd', [], `${admin}:${PASSWORD}\n${plain}:${PASSWORD}\n`);
+    ensurePam();
+    writeFileSync(join(root, 'etc/orva/orva.conf'), `admin_group="${group}"\nsupportUnixShare="yes"\ndefault_lang="en"\n`);
+    writeFileSync(join(root, 'etc/orva/shares.json'), JSON.stringify([{ name: 'docs', path: join(root, 'srv/docs'), recycle_bin: true }]));
+    mkdirSync(join(root, 'srv/docs/.recycle'), { recursive: true });
+
+    const bin = join(root, 'usr/orva/bin');
+    const opts = { stdio: 'ignore', env: { ...process.env, TZ: APPLIANCE_TZ } };
+    procs.push(spawn(join(bin, 'orva-webapid'), ['--root', root, '--listen', '127.0.0.1:0', '--workers', '2'], opts));
+    procs.push(spawn(join(bin, 'orva-schedulerd'), ['--root', root], opts));
+    const listenFile = join(root, 'run/orva/webapi.listen');
+    for (let i = 0; i < 400 && !existsSync(listenFile); i++) await new Promise((r) => setTimeout(r, 50));
+    assert.ok(existsSync(listenFile), 'the server did not start');
+    sys.base = `http://${readFileSync(listenFile, 'utf8').trim()}`;
+    sys.token = readFileSync(join(root, 'run/orva/login.token'), 'utf8').trim();
+    // The test's own client keeps the session cookie as a browser does.
+    api = await request.newContext();
+    const fetchImpl = async (url, init) => {
+      const res = await api.post(url, { headers: init.headers, data: init.body });
+      return { status: res.status(), text: () => res.text() };
+    };
+    sys.client = new ApiClient({ fetchImpl, path: `${sys.base}/webapi/entry`, lang: 'en' });
+    await sys.client.login({ token: sys.token });
+    browser = await chromium.launch({
+      executablePath: process.env.ORVA_CHROMIUM ?? '/usr/bin/chromium',
+      args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
+        '--disable-component-update', '--disable-sync', '--disable-dev-shm-usage'],
+    });
     await setup();
   });
   after(async () => {
     await browser?.close();
-    sys?.stop();
+    await api?.dispose();
+    for (const p of procs) p.kill('SIGTERM');
+    if (!sys) return;
+    for (const u of [sys.admin, sys.plain]) try { sh('userdel', [u]); } catch { /* gone */ }
+    try { sh('groupdel', [sys.group]); } catch { /* gone */ }
+    rmSync(sys.root, { recursive: true, force: true });
   });
 }
 
-// fetch with a cookie jar, as a browser keeps the session cookie.
-function cookieFetch() {
-  const jar = new Map();
-  return async (url, init) => {
-    const headers = { ...(init.headers ?? {}) };
-    if (jar.size) headers.Cookie = [...jar].map(([k, v]) => `${k}=${v}`).join('; ');
-    const res = await fetch(url, { ...init, headers });
-    for (const c of res.headers.getSetCookie()) {
-      const [, name, value] = c.split(';')[0].match(/^\s*([^=]*?)\s*=\s*(.*?)\s*$/);
-      if (value === '') jar.delete(name);
-      else jar.set(name, value);
-    }
-    return res;
-  };
-}
-
-export function launch() {
-  return chromium.launch({
-    executablePath: process.env.ORVA_CHROMIUM ?? '/usr/bin/chromium',
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
-      '--disable-component-update', '--disable-sync', '--disable-dev-shm-usage'],
-  });
-}
-
-// A fresh browser context and page; any script error or CSP violation of the page fails
-// the test (collected in page.problems, checked by the scenario's end).
-export async function openPage(browser, { lang = 'en-US', dark = false, width = 1366, height = 900 } = {}) {
+// A fresh browser context and page in the browser's own zone; any script error or CSP
+// violation of the page lands in page.problems, checked by the scenario's end.
+export async function openPage({ lang = 'en-US', dark = false, width = 1366, height = 900 } = {}) {
   const context = await browser.newContext({
-    locale: lang, timezoneId: BROWSER_TZ, colorScheme: dark ? 'dark' : 'light', viewport: { width, height }, reducedMotion: 'reduce',
+    locale: lang, timezoneId: 'America/Los_Angeles', colorScheme: dark ? 'dark' : 'light', viewport: { width, height }, reducedMotion: 'reduce',
   });
   const page = await context.newPage();
   page.problems = [];
@@ -155,6 +128,7 @@ export async function openPage(browser, { lang = 'en-US', dark = false, width = 
 export const addTask = (name, type, extra, over = {}) => sys.client.call(TS, 3, 'create', {
   name, owner: 'root', enable: true, type, extra, schedule: SCHED, ...over,
 });
+export const listTasks = async () => (await sys.client.call(TS, 2, 'list', {})).tasks;
 
 // The grid shows the server's list: loaded, not busy.
 export async function gridReady(page) {
@@ -176,6 +150,21 @@ export async function signInWithPassword(page, account, { password = PASSWORD, h
   await page.locator('#login-submit').click();
 }
 
+export async function signedInPage(opts) {
+  const page = await openPage(opts);
+  await signInWithToken(page);
+  return page;
+}
+
+export function noProblems(page) {
+  assert.deepEqual(page.problems, [], 'no script errors or CSP violations');
+}
+
+export async function closePage(page) {
+  noProblems(page);
+  await page.context().close();
+}
+
 export const row = (page, name) => page.locator('#grid-body tr', { has: page.locator('td.col-name', { hasText: new RegExp(`^${name.replace(/[.*+?^${}()|[\]\\]/g, '\\$&')}$`) }) });
 
 export async function openResult(page, name) {
@@ -184,9 +173,7 @@ export async function openResult(page, name) {
 }
 
 // The editor is open and filled.
-export async function editorReady(page) {
-  await page.locator('#edit-dialog[open] #edit-body .section').first().waitFor();
-}
+export const editorReady = (page) => page.locator('#edit-dialog[open] #edit-body .section').first().waitFor();
 
 export async function openEditor(page, kind) {
   await page.locator('#create-btn').click();
@@ -196,13 +183,7 @@ export async function openEditor(page, kind) {
 
 export const closeDialog = (page, id) => page.locator(`#${id} .dialog-foot [data-close]`).click();
 
-export async function saveEditor(page) {
-  await page.locator('#edit-save').click();
-  await page.locator('#edit-dialog').waitFor({ state: 'hidden' });
-  await gridReady(page);
-}
-
-const axeSource = readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8');
+const axeSource = readFileSync(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
 // axe-core over what is in view (the open dialog, or the page); zero violations allowed.
 // Evaluated through the debugger, so the page's own CSP does not stand in the way.
 export async function axeCheck(page, what) {
@@ -215,39 +196,7 @@ export async function axeCheck(page, what) {
   assert.deepEqual(violations, [], `axe on ${what}`);
 }
 
-// WCAG contrast of an element's text on its background, as rendered now.
-export function contrastOf(locator) {
-  return locator.evaluate((el) => {
-    const rgb = (c) => c.match(/[\d.]+/g).slice(0, 3).map(Number);
-    const lum = ([r, g, b]) => {
-      const f = (v) => { const s = v / 255; return s <= 0.03928 ? s / 12.92 : ((s + 0.055) / 1.055) ** 2.4; };
-      return 0.2126 * f(r) + 0.7152 * f(g) + 0.0722 * f(b);
-    };
-    const cs = getComputedStyle(el);
-    // A brightness filter changes the painted colours: apply it.
-    const k = Number(/brightness\(([\d.]+)\)/.exec(cs.filter)?.[1] ?? 1);
-    const [a, b] = [cs.color, cs.backgroundColor].map((c) => lum(rgb(c).map((v) => Math.min(255, v * k))));
-    return (Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05);
-  });
-}
-
+// ORVA_SHOTS=DIR keeps the README's screenshots.
 export async function shot(page, name) {
   if (process.env.ORVA_SHOTS) await page.screenshot({ path: join(process.env.ORVA_SHOTS, `${name}.png`) });
-}
-
-export function noProblems(page) {
-  assert.deepEqual(page.problems, [], 'no script errors or CSP violations');
-}
-
-// A page of its own context, signed in with the token.
-export async function signedInPage(opts) {
-  const page = await openPage(browser, opts);
-  await signInWithToken(page);
-  return page;
-}
-
-// The scenario's end for a page: no problems, its context closed.
-export async function closePage(page) {
-  noProblems(page);
-  await page.context().close();
 }
