@@ -5,19 +5,13 @@ import { translator } from '../assets/js/i18n.js';
 import { texts } from './texts.js';
 
 const TODAY = '2025-03-10';
-const schedule = {
-  repeat_date: 'daily', date: '2025-03-10', week_day: '', hour: 0, minute: 0, repeat_hour: 0, repeat_min: 0,
-  last_work_hour: 23, repeat_min_store_config: [1, 5], repeat_hour_store_config: [1, 2],
-};
 
-// Task objects as "get" answers them for a new task of each kind.
-const task = (type, extra, over) => ({ id: -1, name: '', owner: 'root', enable: true, type, can_edit_name: true, can_edit_owner: false, schedule, extra, ...over });
-const service = (type, id, name) => ({ type, id, name, enable: false });
+// Task objects as "get" answers them for a new task of each kind (the schedule is schedule.test's).
+const task = (type, extra, over) => ({ id: -1, name: '', owner: 'root', enable: true, type, can_edit_name: true, can_edit_owner: false, extra, ...over });
 const fresh = {
   script: task('script', { script: '' }, { can_edit_owner: true }),
   beep: task('beep', { beep_duration: '60' }),
-  recycle: task('recycle', { clean_share_policy: { clean_all: true, shares: null }, clean_file_policy: { policy: 'clean_all', reserve_policy: { size_greater_check: false, size_smaller_check: false, extension_check: false } } }),
-  service: task('service', { action: 'stop', services: [service('service', 'WinShare', 'WinShare'), service('package', 'mediad', 'Media Server')] }),
+  service: task('service', { action: 'stop', services: [{ type: 'service', id: 'WinShare', name: 'WinShare', enable: false }] }),
 };
 
 const save = (kind, task, edit, isNew = false) => {
@@ -27,9 +21,7 @@ const save = (kind, task, edit, isNew = false) => {
 };
 
 test('whole numbers in range only; only the creatable kinds have an editor, whatever the name', () => {
-  for (const [text, want] of [[' 42 ', 42], ['601', null], ['1.5', null], ['0x10', null], ['99999999999999999999', null]]) {
-    assert.equal(parseIntIn(text, 1, 600), want, text);
-  }
+  for (const [text, want] of [[' 42 ', 42], ['1.5', null], ['0x10', null]]) assert.equal(parseIntIn(text, 1, 600), want, text);
   for (const k of ['report', 'event_script', 'toString', '__proto__']) assert.equal(isEditableKind(k), false, k);
 });
 
@@ -47,20 +39,13 @@ test('common part and beep: what saves and what is refused', () => {
   const cases = [
     { name: 'owner kept when not editable', kind: 'beep', edit: (f) => { f.name = 'b'; f.owner = 'mallory'; }, want: { owner: 'root' } },
     { name: 'a locked name stays as stored', task: locked, kind: 'beep', edit: (f) => { f.name = ''; }, want: { name: 'System beep' } },
-    { name: 'script owner required', kind: 'script', edit: (f) => { f.name = 's'; f.owner = ''; f.app.script = 'true'; }, errors: ['owner'] },
     { name: 'empty script', kind: 'script', edit: (f) => { f.name = 's'; f.app.script = ' \n '; }, errors: ['app.script'] },
     { name: 'schedule errors are prefixed', kind: 'beep', edit: (f) => { f.name = 'b'; f.schedule.repeat = 'weekly'; f.schedule.weekDays = []; }, errors: ['schedule.weekDays'] },
-    { name: 'beep 0 s', kind: 'beep', edit: (f) => { f.name = 'b'; f.app.duration = '0'; }, errors: ['app.duration'] },
-    { name: 'beep 601 s', kind: 'beep', edit: (f) => { f.name = 'b'; f.app.duration = '601'; }, errors: ['app.duration'] },
   ];
   for (const c of cases) {
     const { params, errors } = save(c.kind, c.task ?? fresh[c.kind], c.edit, !c.task);
     assert.deepEqual(Object.keys(errors).sort(), c.errors ?? [], c.name);
     for (const [k, v] of Object.entries(c.want ?? {})) assert.equal(params[k], v, c.name);
-  }
-  // A new task's duration arrives as text, a stored one as a number; junk shows the default.
-  for (const [stored, want] of [[900, '900'], [' 7 ', '7'], ['abc', '60']]) {
-    assert.equal(taskToForm({ ...fresh.beep, extra: { beep_duration: stored } }, 'beep', TODAY).app.duration, want, String(stored));
   }
 });
 
@@ -86,7 +71,7 @@ test('recycle form: a stored task written back; policies, exceptions and the rec
     { name: 'bins of the selected shares', edit: (a) => { a.enableBins = true; a.includeHome = true; a.shares = ['docs']; }, check: (x) => assert.deepEqual([x.enableRecycle, x.clean_share_policy], ['select', { clean_all: false, shares: ['docs'] }]) },
   ];
   for (const c of cases) {
-    const task = { ...fresh.recycle, id: 9, name: 'r', extra: { ...stored, enableRecycle: 'all' } };
+    const task = { ...fresh.beep, type: 'recycle', id: 9, name: 'r', extra: { ...stored, enableRecycle: 'all' } };
     const { params, errors } = save('recycle', task, (f) => c.edit(f.app));
     assert.deepEqual(Object.keys(errors), c.errors ?? [], c.name);
     c.check?.(params.extra);
@@ -105,9 +90,7 @@ test('service form: selection required, stored junk left out, labels', () => {
   const t = translator('en', texts.en);
   // The appliance's own texts name built-in services first; a missing or empty one falls back.
   const sys = { network: { win_share_service: 'SMB/CIFS file service', mac_share_subject: '' }, time: 'x' };
-  const cases = [
-    ['service', 'WinShare', 'SMB/CIFS file service'], ['service', 'MacShare', 'AFP file service'], ['service', 'ClockServer', 'NTP service'],
-    ['service', 'toString', 'toString'], ['package', 'mediad', 'mediad'],
-  ];
-  for (const [type, id, want] of cases) assert.equal(serviceLabel({ type, id, name: '' }, t, sys), want, id);
+  for (const [id, want] of [['WinShare', 'SMB/CIFS file service'], ['MacShare', 'AFP file service'], ['ClockServer', 'NTP service'], ['toString', 'toString']]) {
+    assert.equal(serviceLabel({ type: 'service', id }, t, sys), want, id);
+  }
 });

@@ -1,7 +1,7 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import {
-  isValidDate, parseTime, scheduleToForm, formToSchedule, monthlyShortMonthDay, DEFAULT_HOUR_STEPS,
+  isValidDate, parseTime, scheduleToForm, formToSchedule, DEFAULT_HOUR_STEPS,
 } from '../assets/js/schedule.js';
 
 const TODAY = '2025-03-10';
@@ -24,7 +24,6 @@ test('scheduleToForm reads stored schedules, odd ones too', () => {
     { s: base, want: { repeat: 'daily', time: '00:00', repeatMode: 'none', lastHour: 23 } },
     { s: { ...base, repeat_hour: 2, repeat_min: 5, last_work_hour: 20 }, want: { repeatMode: 'min', repeatEvery: 5, lastHour: 20 } },
     { s: { ...base, date: '2025-02-30', hour: 25, minute: -1 }, want: { date: TODAY, time: '00:00' } },
-    { s: null, want: { repeat: 'daily', date: TODAY, repeatMode: 'none' } },
     // Steps from the server, the current value among them; none sent: the defaults.
     { s: { ...base, repeat_min_store_config: [30, 5, 'x', -1, 0], repeat_min: 7 }, want: { minuteSteps: [5, 7, 30] } },
     { s: { ...base, repeat_hour_store_config: [] }, want: { hourSteps: DEFAULT_HOUR_STEPS } },
@@ -48,17 +47,10 @@ test('formToSchedule writes the edits, keeps what the editor does not touch and 
     { f: { repeat: 'weekly', weekDays: [] }, errors: ['weekDays'] },
     { f: { time: '10:00', repeatMode: 'hour', repeatEvery: 1, lastHour: 9 }, errors: ['lastHour'] },
     { f: { date: '2025-02-29', time: '25:00' }, errors: ['date', 'time'] },
-    { f: { repeat: 'hourly' }, errors: ['repeat'] },
   ];
   for (const c of cases) {
     const { schedule, errors } = formToSchedule(form(c.f), c.orig ?? base);
     assert.deepEqual(Object.keys(errors).sort(), c.errors ?? [], JSON.stringify(c.f));
     for (const [k, v] of Object.entries(c.want ?? {})) assert.deepEqual(schedule[k], v, `${JSON.stringify(c.f)}: ${k}`);
-  }
-});
-
-test('a monthly day that some months lack is noticed', () => {
-  for (const [repeat, date, want] of [['monthly', '2025-01-31', 31], ['monthly', '2025-01-28', 0], ['daily', '2025-01-31', 0]]) {
-    assert.equal(monthlyShortMonthDay({ repeat, date }), want, `${repeat} ${date}`);
   }
 });

@@ -2,7 +2,7 @@
 // editor; what the editor says about bad values; a session that ends mid-edit.
 import { test, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { useSystem, sys, signedInPage, closePage, gridReady, signInWithPassword, row, editorReady, openEditor, noProblems, shot, listTasks, APPLIANCE_TZ, TS } from './harness.js';
+import { useSystem, sys, signedInPage, gridReady, signInWithPassword, row, editorReady, openEditor, noProblems, shot, listTasks, APPLIANCE_TZ, TS } from './harness.js';
 
 let page;
 useSystem(async () => {
@@ -59,7 +59,8 @@ test('every kind with every schedule kind is created, edited and reads back', as
   assert.equal(await row(page, 'Buzzer').locator('.col-next').innerText(), first, 'the grid starts it when the preview said');
 
   // The age policy's field once replaced the schedule's time: "Enter a valid time."
-  await create('recycle', 'Old files', 'Monthly', { date: '2030-01-15', time: '03:00' });
+  await create('recycle', 'Old files', 'Monthly', { date: '2030-01-31', time: '03:00' });
+  await dialog().locator('.note', { hasText: 'Months without a day 31 are skipped.' }).waitFor();
   await dialog().getByLabel('Delete files older than').first().check();
   await dialog().locator('input[type="number"][aria-label="Delete files older than"]').fill('30');
   task = await saved('Old files');
@@ -79,6 +80,7 @@ test('every kind with every schedule kind is created, edited and reads back', as
   // Edited: what the form did not change stays as stored.
   await row(page, 'Buzzer').getByRole('button', { name: 'Edit task Buzzer' }).click();
   await editorReady(page);
+  assert.equal(await field('Beep for').inputValue(), '12');
   await field('Beep for').fill('30');
   task = await saved('Buzzer');
   assert.deepEqual([task.schedule.week_day, task.extra.beep_duration], ['1,5', 30]);
@@ -135,16 +137,4 @@ test('the session ends while editing: the edit is kept and saved after signing i
   await page.locator('#edit-dialog[open]').waitFor();
   assert.equal(await field('Task name').inputValue(), 'Kept across sign-in');
   await saved('Kept across sign-in');
-});
-
-test('German: 24-hour times, week days and texts of the page language', async () => {
-  const de = await signedInPage({ lang: 'de-DE' });
-  await openEditor(de, 'script');
-  // The browser's own time field follows its locale (12:00 AM): the page's does not.
-  assert.match(await de.locator('#edit-dialog').getByLabel('Uhrzeit der ersten Ausführung', { exact: true }).inputValue(), /^\d\d:\d\d$/);
-  await de.locator('#edit-dialog .segmented label', { hasText: 'Wöchentlich' }).click();
-  assert.deepEqual(await de.locator('#edit-dialog .days label span[aria-hidden]').allInnerTexts(), ['Mo', 'Di', 'Mi', 'Do', 'Fr', 'Sa', 'So']);
-  await de.locator('#edit-save').click();
-  assert.match(await de.locator('#edit-error').innerText(), /Bitte korrigieren/);
-  await closePage(de);
 });

@@ -41,13 +41,8 @@ function ensurePam() {
   if (existsSync(path)) return;
   const tmp = `${path}.orvat${process.pid}`;
   writeFileSync(tmp, readFileSync(join(source, 'platform/server/pam/orva-webapi')), { mode: 0o644 });
-  try {
-    linkSync(tmp, path);
-  } catch (err) {
-    if (err.code !== 'EEXIST') throw err;
-  } finally {
-    unlinkSync(tmp);
-  }
+  try { linkSync(tmp, path); } catch { /* another run linked it first */ }
+  unlinkSync(tmp);
 }
 
 // One appliance and browser for a scenario file (each file runs in its own process):
@@ -90,11 +85,8 @@ export function useSystem(setup = async () => {}) {
     };
     sys.client = new ApiClient({ fetchImpl, path: `${sys.base}/webapi/entry`, lang: 'en' });
     await sys.client.login({ token: sys.token });
-    browser = await chromium.launch({
-      executablePath: process.env.ORVA_CHROMIUM ?? '/usr/bin/chromium',
-      args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
-        '--disable-component-update', '--disable-sync', '--disable-dev-shm-usage'],
-    });
+    // Headless, without sandbox or background services: playwright's own defaults.
+    browser = await chromium.launch({ executablePath: process.env.ORVA_CHROMIUM ?? '/usr/bin/chromium', args: ['--disable-gpu', '--disable-quic'] });
     await setup();
   });
   after(async () => {
@@ -137,11 +129,6 @@ export async function gridReady(page) {
     && (document.querySelectorAll('#grid-body tr').length > 0 || !document.querySelector('#grid-state').hidden));
 }
 
-export async function signInWithToken(page) {
-  await page.goto(`${sys.base}/?token=${sys.token}`);
-  await gridReady(page);
-}
-
 // `here`: on the sign-in view as it is (a second try, or a session that ended).
 export async function signInWithPassword(page, account, { password = PASSWORD, here = false } = {}) {
   if (!here) await page.goto(`${sys.base}/`);
@@ -150,9 +137,11 @@ export async function signInWithPassword(page, account, { password = PASSWORD, h
   await page.locator('#login-submit').click();
 }
 
+// Signed in with the token (the link `make run` prints).
 export async function signedInPage(opts) {
   const page = await openPage(opts);
-  await signInWithToken(page);
+  await page.goto(`${sys.base}/?token=${sys.token}`);
+  await gridReady(page);
   return page;
 }
 
