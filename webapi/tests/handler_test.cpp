@@ -1,7 +1,6 @@
 // "get", "set" and "create": the task object every kind shares, the schedule's key names,
 // version differences, parameter checks, handler choice, acting on behalf of a user, and
 // the beep and script kinds' command lines, action texts and stored arguments.
-#include "ORVA.Core.TaskScheduler.Beep.h"
 #include "test_support.h"
 
 using namespace orvatest;
@@ -14,21 +13,19 @@ TEST(ModuleHandler, GetAnswersTheTaskObjectAndSetChangesIt) {
   Json::Value params = TaskObject("beep", Parse(R"({"beep_duration": 10})"), "buzz");
   params["schedule"] = Parse(R"({"repeat_date": "weekly", "week_day": "1,3", "hour": 7, "minute": 45})");
   const long id = CreateTask(params);
-  const Json::Value got = GetTask(id);
-  Json::Value t = got;
-  EXPECT_EQ(t["schedule"]["week_day"], "1,3");
-  EXPECT_EQ(t["schedule"]["minute"], 45);
-  for (const char* gone : {"repeat", "week_name", "min", "next_trigger_time"}) EXPECT_FALSE(t["schedule"].isMember(gone));
-  t.removeMember("schedule");
+  Json::Value got = GetTask(id);
+  ExpectMembers(got["schedule"], params["schedule"].toStyledString());
+  for (const char* gone : {"repeat", "week_name", "min", "next_trigger_time"}) {
+    EXPECT_FALSE(got["schedule"].isMember(gone)) << gone;
+  }
+  got.removeMember("schedule");
   Json::Value want = Parse(R"({"name": "buzz", "owner": "root", "enable": true, "type": "beep",
       "action": "Beep for 10 seconds", "can_edit_name": true, "can_edit_owner": false, "extra": {"beep_duration": 10}})");
   want["id"] = static_cast<Json::Int64>(id);
-  EXPECT_EQ(t, want);
-
-  // What get answered, changed, goes back through set.
-  ExpectSet(Merged(got, Parse(R"({"enable": false, "name": "second", "extra": {"beep_duration": 20}})")), id);
+  EXPECT_EQ(got, want);
+  // What get answered, changed, goes back through set; an "enable" other than true disables.
+  ExpectSet(Merged(GetTask(id), Parse(R"({"enable": "true", "name": "second", "extra": {"beep_duration": 20}})")), id);
   ExpectMembers(GetTask(id), R"({"enable": false, "name": "second", "action": "Beep for 20 seconds"})");
-  EXPECT_EQ(GetTask(id)["schedule"]["repeat_date"], "weekly");
   EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 20");
 }
 
@@ -38,21 +35,20 @@ TEST(ModuleHandler, VersionOneNeitherShowsNorSetsMinuteAndHourRepetition) {
   for (int version : {1, 2, 3}) {
     SCOPED_TRACE(version);
     Json::Value params = TaskObject("script", Parse(R"({"script": "true"})"));
-    params["schedule"]["repeat_min"] = 15;
-    params["schedule"]["repeat_min_store_config"] = Parse("[5, 15]");
-    params["schedule"]["repeat_hour_store_config"] = Parse("[2]");
+    params["schedule"] = Merged(params["schedule"], Parse(R"({"repeat_min": 15, "repeat_min_store_config": [5, 15],
+                                                             "repeat_hour_store_config": [2]})"));
     const long id = CreateTask(params, version);
     const bool v1 = version == 1;
-    EXPECT_EQ(Record(id).schedule.repeat_min, v1 ? 0 : 15);
-    EXPECT_EQ(Record(id).schedule.n_repeat_min_cfg, v1 ? fresh.schedule.n_repeat_min_cfg : 2);
-    EXPECT_EQ(Record(id).schedule.n_repeat_hour_cfg, v1 ? fresh.schedule.n_repeat_hour_cfg : 1);
+    const _tag_orva_sched_task_ r = Record(id);
+    EXPECT_EQ(r.schedule.repeat_min, v1 ? 0 : 15);
+    EXPECT_EQ(r.schedule.n_repeat_min_cfg, v1 ? fresh.schedule.n_repeat_min_cfg : 2);
+    EXPECT_EQ(r.schedule.n_repeat_hour_cfg, v1 ? fresh.schedule.n_repeat_hour_cfg : 1);
     const Json::Value got = GetTask(id, version);
     for (const char* key : {"repeat_min", "repeat_min_store_config", "repeat_hour_store_config"}) {
       EXPECT_EQ(got["schedule"].isMember(key), !v1) << key;
     }
     EXPECT_TRUE(got["schedule"].isMember("repeat_hour"));
     // The same through "set" on the existing task.
-    params.removeMember("type");
     params["id"] = static_cast<Json::Int64>(id);
     params["schedule"]["repeat_min"] = 30;
     ExpectSet(params, id, version);
@@ -65,10 +61,9 @@ TEST(ModuleHandler, VersionOneNeitherShowsNorSetsMinuteAndHourRepetition) {
 TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
   ModuleRoot root;
   const long beep = Create("beep", Parse(R"({"beep_duration": 10})"));
-  for (const char* type : {"report", "custom", "backup", "power", "zemupdate", "beep"}) {
-    SCOPED_TRACE(type);
+  for (const char* type : {"report", "custom", "beep"}) {
     const Reply got = Call(2, "get", "{\"id\": " + std::to_string(beep) + ", \"type\": \"" + type + "\"}");
-    ExpectMembers(got.data, std::string(R"({"name": "t1", "type": ")") + type + "\"}");
+    EXPECT_EQ(got.data["type"], type);
     EXPECT_EQ(got.data["extra"], std::string(type) == "beep" ? Parse(R"({"beep_duration": 10})") : Json::Value())
         << got.envelope;
   }
@@ -84,8 +79,7 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
     ExpectMembers(got, std::string(R"({"extra": null, "can_edit_owner": false, "type": ")") + key + "\"}");
     ExpectSet(Merged(got, Parse(R"({"name": "renamed", "enable": false})")), id);
     const _tag_orva_sched_task_ r = Record(id);
-    EXPECT_STREQ(r.name, "renamed");
-    EXPECT_EQ(r.enabled, 0);
+    EXPECT_TRUE(std::string(r.name) == "renamed" && !r.enabled) << r.name;
   }
 }
 
@@ -98,7 +92,6 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
       {2, "get", R"({"id": 1, "type": 5})", 4800, nullptr}, {2, "get", R"({"id": 999})", 4801, nullptr},
       {3, "get", R"({"id": 999, "real_owner": ""})", 4801, nullptr},
       {2, "get", R"({"id": 1, "type": "Beep"})", 4800, "Unknown app type: Beep"},
-      {2, "get", R"({"id": 1, "type": "event_script"})", 4800, "Unknown app type: event_script"},
       {2, "get", ofEvent, 4800, "Unknown app type: event_script"},
       {2, "set", ofEvent, 4800, "Unknown app type: event_script"}, {2, "set", "{}", 4800, nullptr},
       {2, "set", R"({"id": 1.5})", 4800, nullptr}, {1, "set", R"({"id": 999, "type": "beep"})", 4801, nullptr},
@@ -106,7 +99,6 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
       {1, "create", R"({"type": "custom"})", 4800, "Unknown app type: custom"},
       {3, "create", R"({"type": "report"})", 4800, "Unknown app type: report"},
       {2, "create", R"({"type": "event_script"})", 4800, "Unknown app type: event_script"},
-      {2, "create", R"({"type": ""})", 4800, "Unknown app type: "},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " v" + std::to_string(c.version) + " " + c.params);
@@ -116,73 +108,11 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
     EXPECT_TRUE(!c.log || (line.starts_with("main:") && line.ends_with(c.log))) << line;
   }
   EXPECT_EQ(StoredCount(), 1);  // none of them created anything
-}
-
-TEST(ModuleHandler, DirectCallsOfTheBasicHandler) {
-  ModuleRoot root;
-  // data: of the error reply; log (null: nothing logged)
-  const struct {
-      const char* params; int version; const char* method; const char* data; int code; const char* log;
-  } cases[] = {
-      // Without an id, get is refused before the store.
-      {"{}", 2, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
-      {R"({"id": "5"})", 2, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
-      {R"({"id": null})", 1, "get", R"({"msg": "id is invalid"})", 4800, nullptr},
-      {R"({"id": 4242})", 1, "get", "null", 0, "ORVA.Core.TaskScheduler.Basic:"},
-      {R"({"id": 1})", 2, "Get", "null", 0, nullptr},  // not a method of this handler
-      {R"({"id": 1})", 2, "create", "null", 0, nullptr}, {R"({"id": 1})", 2, "", "null", 0, nullptr},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.method) + " " + c.params);
-    ClearLogs();
-    Direct<TaskSchedulerBasicHandler> d(Parse(c.params), c.version, "get");
-    d.handler.Process(c.method, c.version);
-    const Reply r = ReplyOf(d.response);
-    EXPECT_TRUE(r.replies == 1 && !r.success && r.envelope["error"]["code"] == c.code && r.data == Parse(c.data))
-        << r.envelope;
-    if (c.log) { EXPECT_TRUE(ExpectOneLog(c.log).ends_with(" Load Task failed [-][4242]")); }
-    if (!c.log) { EXPECT_EQ(LogCount(), 0u); }
-  }
-  // Set without an id creates a new task.
-  Direct<TaskSchedulerBeepHandler> d(TaskObject("beep", Parse(R"({"beep_duration": 5})")), 2, "set");
-  d.handler.Process_v2("set");
-  ASSERT_TRUE(d.response.IsSuccess()) << d.response.GetEnvelope();
-  EXPECT_STREQ(Record(d.response.GetData()["id"].asInt64()).command, "/usr/orva/bin/orvaschedtool --beep 5");
-}
-
-// The schedule's key names are reshaped both ways by get and set above.
-TEST(ModuleHandler, BasicObjectIsReshapedBothWays) {
-  ModuleRoot root;
-  Direct<TaskSchedulerBasicHandler> d;
-  for (const auto& [enabled, enable] : {std::pair<const char*, bool>{"\"on\"", true}, {"\"ON\"", true},
-                                        {"\"On\"", true}, {"\"off\"", false}, {"\"yes\"", false}, {"null", false}}) {
-    SCOPED_TRACE(enabled);
-    Json::Value task = Parse(std::string(R"({"basic": {"id": 7, "task_name": "n", "owner": "u", "action": "plain",
-        "app": "ORVA.VEK.TaskScheduler.Service", "can_edit_name": false, "enabled": )") + enabled +
-                             "}, \"schedule\": {}}");
-    ASSERT_TRUE(d.handler.ReConstructJsonGet_Basic(task));
-    Json::Value want = Parse(R"({"id": 7, "name": "n", "owner": "u", "action": "plain", "type": "service",
-                                 "can_edit_name": false, "can_edit_owner": false, "schedule": {}})");
-    want["enable"] = enable;
-    EXPECT_EQ(task, want);
-  }
-  const std::pair<const char*, const char*> sets[] = {
-      {R"({"id": 5, "name": "n", "owner": "o", "enable": true})",
-       R"({"id": "5", "task_name": "n", "owner": "o", "enabled": "on"})"},
-      {R"({"name": "n", "owner": "o", "enable": false})",
-       R"({"id": "-1", "task_name": "n", "owner": "o", "enabled": "off"})"},
-      {R"({"id": "12", "enable": "true"})", R"({"id": "12", "task_name": null, "owner": null, "enabled": "off"})"},
-      {R"({"enable": 1, "other": 2})", R"({"id": "-1", "task_name": null, "owner": null, "enabled": "off"})"},
-  };
-  for (const auto& [in, basic] : sets) {
-    SCOPED_TRACE(in);
-    Json::Value task = Parse(in);
-    const bool hadOther = task.isMember("other");
-    ASSERT_TRUE(d.handler.ReConstructJsonSet_Basic(task));
-    EXPECT_EQ(task["basic"], Parse(basic));
-    for (const char* gone : {"id", "name", "owner", "enable"}) EXPECT_FALSE(task.isMember(gone)) << gone;
-    EXPECT_EQ(task.isMember("other"), hadOther);
-  }
+  // A task that the handler then cannot load: an error without code or message.
+  ClearLogs();
+  const Reply r = Call(1, "get", R"({"id": 4242, "type": "beep"})");
+  EXPECT_TRUE(r.replies == 1 && !r.success && r.code == 0 && r.data.isNull()) << r.envelope;
+  EXPECT_TRUE(ExpectOneLog("ORVA.Core.TaskScheduler.Basic:").ends_with(" Load Task failed [-][4242]"));
 }
 
 TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
@@ -191,23 +121,26 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
   const char* basic = "Convert task from json (basic) failed. [0x";
   const char* schedule = "Convert task from json (schedule) failed. [0x";
   // changes: merged into a valid set request
-  const struct { const char* changes; const char* msg; const char* log; } cases[] = {
-      {R"({"name": ""})", "Invalid (basic) object", basic},
+  const struct { std::string changes; const char* msg; const char* log; } cases[] = {
       {R"({"owner": "orvat-nobody"})", "Invalid (basic) object", basic},
       {R"({"schedule": {"hour": 24}})", "Invalid (schedule) object", schedule},
       {R"({"schedule": "daily"})", "Invalid (schedule) object", schedule},
+      // Longer than the store keeps: refused, never cut short.
+      {"{\"name\": \"" + std::string(ORVA_SCHED_NAME_MAX, 'n') + "\"}", "Invalid (basic) object", basic},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.changes);
     ClearLogs();
-    Json::Value params = SetObject(id, "beep", Parse(R"({"beep_duration": 9})"));
-    for (const std::string& key : Parse(c.changes).getMemberNames()) params[key] = Parse(c.changes)[key];
-    ExpectReply(Call(2, "set", params), 117, c.msg);
+    ExpectReply(Call(2, "set", Merged(SetObject(id, "beep", Parse(R"({"beep_duration": 9})")), Parse(c.changes))),
+                117, c.msg);
     EXPECT_NE(ExpectOneLog("ORVA.Core.TaskScheduler.Basic:").find(c.log), std::string::npos);
     EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 4");
   }
 }
 
+// Every kind in every version: its record's fixed values (simple form, can edit name,
+// can edit owner, may run beside the app's others, may run twice at once, listable) and
+// the "extra" of a new task.
 TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   ModuleRoot root;
   Json::Value params = TaskObject("script", Parse(R"({"script": "echo 77"})"));
@@ -215,32 +148,44 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   EXPECT_EQ(Call(2, "create", params).data, Parse(R"({"id": 77})"));
   EXPECT_STREQ(Record(77).command, "echo 77");
   // An id out of range would use up the id sequence: refused, and later creates still work.
-  for (const char* id : {"9223372036854775807", "1000000000", "-2", "18446744073709551615", "1.5", "[1]", "\"x\""}) {
-    SCOPED_TRACE(id);
+  for (const char* id : {"1000000000", "-2", "18446744073709551615", "\"x\""}) {
     params["id"] = Parse(id);
-    EXPECT_EQ(Call(2, "create", params).code, 4800);
+    EXPECT_EQ(Call(2, "create", params).code, 4800) << id;
   }
   EXPECT_EQ(StoredCount(), 1);
+  EXPECT_EQ(LogsWith("Invalid task id, json id=").size(), 4u);
   params["id"] = 999999999;
   EXPECT_TRUE(Call(2, "create", params).success);
-  EXPECT_EQ(LogsWith("Invalid task id, json id=").size(), 7u);
 
-  const struct { const char* type; const char* extra; const char* app; } kinds[] = {
-      {"beep", R"({"beep_duration": 2})", "ORVA.VEK.TaskScheduler.Beep"},
-      {"script", R"({"script": "true"})", "ORVA.VEK.TaskScheduler.Script"},
-      {"recycle", "{}", "ORVA.VEK.TaskScheduler.Recycle"},
-      {"service", R"({"action": "start"})", "ORVA.VEK.TaskScheduler.Service"},
+  const struct { const char* type; const char* extra; const char* app; const char* appName; const char* flags;
+                 const char* defaults; } kinds[] = {
+      {"beep", R"({"beep_duration": 2})", "Beep", "#beep:beep_title#", "110101", R"({"beep_duration": "60"})"},
+      {"script", R"({"script": "true"})", "Script", "#common:command_line#", "111101", R"({"script": ""})"},
+      {"recycle", "{}", "Recycle", "#share:recycle_bin#", "110101", nullptr},
+      {"service", R"({"action": "start"})", "Service", "#service:service_subject#", "010001", nullptr},
   };
   for (int version : {1, 2, 3}) {
-    for (const auto& c : kinds) {
-      SCOPED_TRACE(std::string(c.type) + " v" + std::to_string(version));
-      const long id = Create(c.type, Parse(c.extra), version);
+    for (const auto& k : kinds) {
+      SCOPED_TRACE(std::string(k.type) + " v" + std::to_string(version));
+      const long id = Create(k.type, Parse(k.extra), version);
       ASSERT_GT(id, 0);
       EXPECT_NE(id, 77);
-      EXPECT_STREQ(Record(id).app, c.app);
+      const _tag_orva_sched_task_ r = Record(id);
+      const std::string app = std::string("ORVA.VEK.TaskScheduler.") + k.app;
+      EXPECT_TRUE(r.app == app && r.edit_form == app + ".FormPanel" && r.app_name == std::string(k.appName))
+          << r.app << " " << r.edit_form << " " << r.app_name;
+      std::string flags;
+      for (int f : {r.simple_edit_form, r.can_edit_name, r.can_edit_owner, r.can_run_app_same_time,
+                    r.can_run_task_same_time, r.listable}) {
+        flags += std::to_string(f);
+      }
+      EXPECT_EQ(flags, k.flags);
       const Json::Value got = GetTask(id, version);
-      EXPECT_EQ(got["type"], c.type);
-      EXPECT_EQ(got["can_edit_owner"], std::string(c.type) == "script");
+      EXPECT_TRUE(got["type"] == k.type && got["can_edit_owner"] == (std::string(k.type) == "script")) << got;
+      if (k.defaults) {
+        const Reply fresh = Call(version, "get", std::string(R"({"id": -1, "type": ")") + k.type + "\"}");
+        EXPECT_EQ(fresh.data["extra"], Parse(k.defaults)) << fresh.envelope;
+      }
     }
   }
 }
@@ -293,43 +238,36 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   set["name"] = "by the system";
   ExpectSet(set, id);
   expectUsers("by the system");
-  set["real_owner"] = user.Name();
-  EXPECT_TRUE(Call(3, "get", set).success);
 }
 
 TEST(ModuleBeepScript, BeepDurationIsClampedInCommandAndActionButStoredAsSent) {
   ModuleRoot root;
   const std::pair<const char*, const char*> cases[] = {
-      {"0", "1"},       {"-5", "1"},      {"1", "1"},        {"60", "60"},          {"600", "600"},
-      {"601", "600"},   {"100000", "600"}, {"900", "600"},   {"\"60\"", "60"},      {"\"0\"", "1"},
-      {"-2147483649", "1"}, {"99999999999", "600"}, {nullptr, "1"},  // missing: 0, so one second
+      {"0", "1"},     {"1", "1"},          {"600", "600"},          {"601", "600"},
+      {"\"60\"", "60"}, {"-2147483649", "1"}, {"99999999999", "600"}, {nullptr, "1"},  // missing: 0, so one second
   };
   Json::FastWriter writer;
   for (const auto& [duration, seconds] : cases) {
     SCOPED_TRACE(duration ? duration : "missing");
     Json::Value extra(Json::objectValue);
     if (duration) extra["beep_duration"] = Parse(duration);
-    const long id = Create("beep", extra);
-    ASSERT_GT(id, 0);
-    const _tag_orva_sched_task_ r = Record(id);
+    const _tag_orva_sched_task_ r = Record(Create("beep", extra));
     EXPECT_EQ(std::vector<std::string>({r.command, r.action, r.app_args}),
               std::vector<std::string>({std::string("/usr/orva/bin/orvaschedtool --beep ") + seconds,
                                         std::string("#volume:beep_on# ") + seconds + " #common:time_seconds#",
                                         writer.write(extra)}));
-    EXPECT_EQ(writer.write(GetTask(id)["extra"]), writer.write(extra));
   }
 }
 
 TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
   ModuleRoot root;
-  for (const std::string script : {"echo a; echo b", "", "#!/bin/sh\nset -e\necho \"$HOME\" 'x y' `date`\n\tcd /tmp\n",
-                                   "echo 'Grüße #common:run# 100%' > /tmp/x", "printf '%s\\n' a\\\\b"}) {
+  for (const std::string script : {"", "#!/bin/sh\nset -e\necho \"$HOME\" 'x y' `date`\n\tcd /tmp\n",
+                                   "echo 'Grüße #common:run# 100%' > /tmp/x"}) {
     SCOPED_TRACE(script);
     Json::Value extra;
     extra["script"] = script;
     extra["note"] = "kept";  // any other key survives the round trip
     const long id = Create("script", extra);
-    ASSERT_GT(id, 0);
     const _tag_orva_sched_task_ r = Record(id);
     EXPECT_EQ(std::vector<std::string>({r.command, r.action, r.app_args}),
               std::vector<std::string>({script, "#common:run#: " + script, Json::FastWriter().write(extra)}));
@@ -339,53 +277,15 @@ TEST(ModuleBeepScript, ScriptCommandIsTheScriptByteForByte) {
   EXPECT_EQ(GetTask(AddTask({.appArgs = "{not json"}))["type"], "script");
 }
 
-// Each kind's fixed values of the record, and what a never-saved record reads back with (a
-// recycle create with an empty form, above and end to end, stands on the recycle kind's).
-TEST(ModuleBeepScript, FixedValuesAndNewTaskDefaults) {
-  ModuleRoot root;
-  const _tag_orva_sched_task_ fresh = FreshRecord();
-  const struct {
-    const char* type;
-    const char* extra;
-    const char* form;
-    const char* appName;
-    int canEditOwner;
-    int canRunTaskSameTime;
-    const char* defaults;  // "extra" of a new task
-  } kinds[] = {
-      {"beep", R"({"beep_duration": 10})", "ORVA.VEK.TaskScheduler.Beep.FormPanel", "#beep:beep_title#", 0,
-       fresh.can_run_task_same_time /* never set by this kind */, R"({"beep_duration": "60"})"},
-      {"script", R"({"script": "true"})", "ORVA.VEK.TaskScheduler.Script.FormPanel", "#common:command_line#", 1, 0,
-       R"({"script": ""})"},
-  };
-  for (const auto& k : kinds) {
-    SCOPED_TRACE(k.type);
-    const _tag_orva_sched_task_ r = Record(Create(k.type, Parse(k.extra)));
-    EXPECT_STREQ(r.edit_form, k.form);
-    EXPECT_STREQ(r.app_name, k.appName);
-    EXPECT_EQ(r.can_edit_owner, k.canEditOwner);
-    EXPECT_EQ(r.can_run_task_same_time, k.canRunTaskSameTime);
-    EXPECT_EQ(std::vector<int>({r.simple_edit_form, r.can_edit_name, r.can_run_app_same_time, r.listable}),
-              std::vector<int>({1, 1, 1, 1}));
-    const Reply got = Call(2, "get", std::string(R"({"id": -1, "type": ")") + k.type + "\"}");
-    EXPECT_EQ(got.data["extra"], Parse(k.defaults)) << got.envelope;
-  }
-}
-
 // Values that are no duration or script, or an "extra" that is no object: 4800, nothing stored.
 TEST(ModuleBeepScript, UnconvertibleValuesFailTheRequestAndStoreNothing) {
   ModuleRoot root;
   const std::pair<const char*, const char*> cases[] = {
-      {"beep", R"({"beep_duration": "x"})"}, {"script", R"({"script": 5})"},      {"script", R"({"script": null})"},
-      {"script", R"({"script": ["ls"]})"},   {"script", R"({"script": {"a": 1}})"}, {"script", R"({"script": true})"},
       {"beep", R"({"beep_duration": "5s"})"}, {"beep", R"({"beep_duration": 1e300})"},
-      {"beep", R"({"beep_duration": 18446744073709551615})"}, {"beep", R"({"beep_duration": [5]})"},
-      {"script", R"("x")"}, {"beep", "[1]"},
+      {"beep", R"({"beep_duration": [5]})"},  {"script", R"({"script": 5})"},
+      {"script", R"({"script": null})"},      {"script", R"("x")"},
   };
-  for (const auto& [type, extra] : cases) {
-    SCOPED_TRACE(extra);
-    EXPECT_EQ(Call(2, "create", TaskObject(type, Parse(extra))).code, 4800);
-  }
+  for (const auto& [type, extra] : cases) EXPECT_EQ(Call(2, "create", TaskObject(type, Parse(extra))).code, 4800) << extra;
   EXPECT_EQ(StoredCount(), 0);
 }
 

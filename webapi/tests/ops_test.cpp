@@ -1,7 +1,7 @@
-// "set_enable", "delete" and "run" of both versions: parameter checks, bulk operations
-// that stop at the first failure, acting on behalf of users and the real runner.
-#include <unistd.h>
-
+// The method table and exports, "view", and "set_enable", "delete" and "run" of both
+// versions: parameter checks and bulk operations that stop at the first failure, on
+// behalf of users.
+#include <set>
 #include <sstream>
 
 #include "scheduler/run.h"
@@ -11,9 +11,57 @@ using namespace orvatest;
 
 namespace {
 
-TEST(ModuleOps, ParameterShapes) {
+TEST(ModuleTable, EighteenRowsThenTheZeroRowAndOnlyTheTableExported) {
+  const std::pair<int, const char*> rows[] = {
+      {1, "list"}, {2, "list"}, {1, "set_enable"}, {2, "set_enable"}, {1, "delete"}, {2, "delete"},
+      {1, "run"},  {2, "run"},  {1, "get"},        {2, "get"},        {3, "get"},    {1, "set"},
+      {2, "set"},  {3, "set"},  {1, "create"},     {2, "create"},     {3, "create"}, {1, "view"},
+  };
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    ASSERT_NE(gTable[i].api, nullptr) << i;
+    EXPECT_TRUE(std::string(gTable[i].api) == "ORVA.Core.TaskScheduler" && gTable[i].version == rows[i].first &&
+                std::string(gTable[i].method) == rows[i].second && gTable[i].func) << i;
+  }
+  const ORVA::APITableRow& end = gTable[std::size(rows)];
+  EXPECT_TRUE(!end.api && !end.version && !end.method && !end.func);
+
+  TempRoot dir;
+  const Result nm = Spawn({"/usr/bin/nm", "-D", "--defined-only",
+                           std::string(ORVA_BUILD_DIR) + "/lib/webapi/ORVA.Core.TaskScheduler.so"}, dir.path());
+  ASSERT_EQ(nm.status, 0) << nm.err;
+  std::set<std::string> names;
+  std::istringstream lines(nm.out);
+  for (std::string line; std::getline(lines, line);) names.insert(line.substr(line.rfind(' ') + 1));
+  EXPECT_EQ(names, (std::set<std::string>{"GetAPITable", "gTable"}));
+}
+
+TEST(ModuleOps, ViewAnswersTheStoresRunStatus) {
   ModuleRoot root;
   const long id = AddTask({});
+  // code (0: success); log: the one line logged
+  const struct { std::string params; int code; const char* log; } cases[] = {
+      {"{}", 4800, "main:302 Invalid paramters."}, {R"({"id": 1.5})", 4800, "main:302 Invalid paramters."},
+      {R"({"id": 424242})", 117, "ORVA.Core.TaskScheduler:652 get run status failed [0x"}, {IdParams(id), 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.params);
+    ClearLogs();
+    const Reply r = Call(1, "view", c.params);
+    if (c.code == 0) {
+      Json::Value status;
+      ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(id), status), 0);
+      EXPECT_TRUE(r.success && r.replies == 1 && r.data == status) << r.envelope;
+      continue;
+    }
+    ExpectReply(r, c.code, c.code == 117 ? "get run status failed" : "");
+    // The entry's refusal logs exactly one line and calls nothing else.
+    if (c.code == 4800) { EXPECT_EQ(Logs().size(), 1u); }
+    EXPECT_TRUE(ExpectOneLog(c.log, LOG_ERR).starts_with(c.log));
+  }
+}
+
+TEST(ModuleOps, ParameterShapes) {
+  ModuleRoot root;
   const char* v1Element = "id must be an integer, enabled must be a boolean";
   const char* v2Element = "id must be an integer, enable must be a boolean";
   const char* noArray = "tasks must be an array";
@@ -22,18 +70,14 @@ TEST(ModuleOps, ParameterShapes) {
   const char* badId = "id must be an integer";
   // msg (empty: success)
   const struct { int version; const char* method; const char* params; const char* msg; } cases[] = {
-      {1, "set_enable", R"({})", noArray}, {1, "set_enable", R"({"status": {"id": 1, "enable": true}})", noArray},
-      {2, "set_enable", R"({"status": "x"})", noArray},
+      {1, "set_enable", R"({})", noArray}, {2, "set_enable", R"({"status": "x"})", noArray},
       {1, "set_enable", R"({"status": [{"id": "1", "enable": true}]})", v1Element},
-      {1, "set_enable", R"({"status": [{"id": 1, "enable": "yes"}]})", v1Element},
       {1, "set_enable", R"({"status": [5]})", v1Element}, {2, "set_enable", R"({"status": [{"id": 1}]})", v2Element},
       {2, "set_enable", R"({"status": [{"id": 1.5, "enable": true}]})", v2Element},
-      {2, "set_enable", R"({"status": [[1, true]]})", v2Element}, {1, "delete", R"({})", v1Task},
-      {1, "delete", R"({"task": "7"})", v1Task}, {1, "delete", R"({"task": {"id": 7}})", v1Task},
-      {1, "run", R"({"task": true})", v1Task}, {1, "run", R"({"task": [1.25]})", badId},
-      {2, "delete", R"({})", v2Tasks}, {2, "delete", R"({"tasks": 7})", v2Tasks},
-      {2, "run", R"({"tasks": {"id": 7}})", v2Tasks}, {2, "delete", R"({"tasks": [7]})", badId},
-      {2, "run", R"({"tasks": [{"real_owner": "root"}]})", badId}, {2, "run", R"({"tasks": [{"id": "7"}]})", badId},
+      {1, "delete", R"({"task": "7"})", v1Task}, {1, "run", R"({"task": {"id": 7}})", v1Task},
+      {1, "run", R"({"task": [1.25]})", badId}, {2, "delete", R"({"tasks": 7})", v2Tasks},
+      {2, "run", R"({})", v2Tasks}, {2, "delete", R"({"tasks": [7]})", badId},
+      {2, "run", R"({"tasks": [{"id": "7"}]})", badId},
       {1, "set_enable", R"({"status": []})", ""}, {2, "set_enable", R"({"status": []})", ""},
       {1, "delete", R"({"task": []})", ""}, {2, "delete", R"({"tasks": []})", ""}, {1, "run", R"({"task": []})", ""},
   };
@@ -41,7 +85,6 @@ TEST(ModuleOps, ParameterShapes) {
     SCOPED_TRACE(std::string(c.method) + " v" + std::to_string(c.version) + " " + c.params);
     ExpectReply(Call(c.version, c.method, c.params), *c.msg ? 4800 : 0, c.msg);
   }
-  EXPECT_TRUE(TaskEnabled(id));
 }
 
 // Bulk requests in order on system tasks 0-5 and alice's task M. In the texts $0-$5 and
@@ -100,9 +143,8 @@ TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
       {2, "run", R"({"tasks": [{"id": 424242, "real_owner": ""}]})", 4803, failedRun,
        {ts + "535 Failed to run task [424242]. [0x"}, ""},
       {2, "delete", R"({"tasks": [{"id": $M, "real_owner": "$B"}, {"id": $5}]})", 4802, failedDelete,
-       {ts + "461 Failed to delete task [$B][$M]. [0x"}, "M= 5="},
+       {ts + "461 Failed to delete task [$B][$M]. [0x", "lib:"}, "M= 5="},
       {2, "delete", R"({"tasks": [{"id": $M, "real_owner": "$A"}, {"id": $5, "real_owner": 5}]})", 0, "", {}, "Mx 5x"},
-      // A missing task on the system's behalf: the bare-id form below the module line.
       {2, "delete", R"({"tasks": [{"id": 424242}]})", 4802, failedDelete,
        {ts + "461 Failed to delete task [-][424242]. [0x", "lib:"}, ""},
   };
@@ -113,48 +155,12 @@ TEST(ModuleOps, BulkOperationsStopAtTheFirstFailureOnBehalfOfUsers) {
     for (const std::string& log : s.logs) ExpectOneLog(expand(log));
     std::istringstream after(s.after);
     for (std::string t; after >> t;) {
-      const long id = std::stol(ids[t[0]]);
-      EXPECT_EQ(TaskExists(id), t[1] != 'x') << t;
-      if (t[1] == '+' || t[1] == '-') { EXPECT_EQ(TaskEnabled(id), t[1] == '+') << t; }
+      _tag_orva_sched_task_ task{};
+      const bool exists = ORVASchedTaskLoad(std::stol(ids[t[0]]), &task) >= 0;
+      EXPECT_EQ(exists, t[1] != 'x') << t;
+      if (t[1] == '+' || t[1] == '-') { EXPECT_EQ(ORVASchedTaskIsEnabled(task), t[1] == '+') << t; }
     }
   }
-}
-
-// The last run of `id` once the runner recorded it (null after about 20 s).
-Json::Value WaitForLastRun(long id) {
-  Json::Value status;
-  const bool done = WaitFor([&] {
-    status = Json::Value();
-    return ORVASchedTaskGetRunStatus(static_cast<int>(id), status) >= 0 && status["last_run"].isObject() &&
-           !status["running"].asBool();
-  }, 20);
-  return done ? status["last_run"] : Json::Value();
-}
-
-TEST(ModuleOps, RunStartsTheRealRunnerAsTheUser) {
-  ModuleRoot root;
-  const std::string runner = std::string(ORVA_BUILD_DIR) + "/bin/orva-schedrun";
-  ASSERT_EQ(access(runner.c_str(), X_OK), 0) << runner;
-  ASSERT_EQ(symlink(runner.c_str(), (root.path() + "/usr/orva/bin/orva-schedrun").c_str()), 0);
-  TestUser alice;
-  ASSERT_TRUE(alice.Ok());
-  const long ids[] = {AddTask({}), AddTask({}), AddTask({})};
-  const long mine =
-      AddTask({.name = "alice's", .command = "test \"$(id -un)\" = " + alice.Name(), .byUser = alice.Name()});
-  ExpectReply(Call(1, "run", "{\"task\": [" + std::to_string(ids[0]) + ", " + std::to_string(ids[1]) + "]}"), 0);
-  ExpectReply(Call(2, "run", "{\"tasks\": [{\"id\": " + std::to_string(mine) + ", \"real_owner\": \"" + alice.Name() +
-                                 "\"}]}"), 0);
-  for (long id : {ids[0], ids[1], mine}) {
-    SCOPED_TRACE(id);
-    Json::Value last = WaitForLastRun(id);
-    ASSERT_TRUE(last.isObject());
-    ExpectMembers(last, R"({"trigger": "manual", "result": "success"})");
-  }
-  Json::Value untouched;
-  ASSERT_GE(ORVASchedTaskGetRunStatus(static_cast<int>(ids[2]), untouched), 0);
-  EXPECT_TRUE(untouched["last_run"].isNull());
-  // "view" reports what the store records.
-  EXPECT_EQ(Call(1, "view", IdParams(mine)).data["last_run"]["result"], "success");
 }
 
 }  // namespace

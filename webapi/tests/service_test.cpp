@@ -1,6 +1,6 @@
 // Service task: offered services and packages, the start/stop command lines and action
-// text, the stored selection kept up to date with installed packages, and the form's
-// round trip through get and set.
+// text, the stored selection kept up to date with installed packages, the form's round
+// trip through get and set, and listed service tasks with today's package names.
 #include <unistd.h>
 
 #include <filesystem>
@@ -31,22 +31,14 @@ long AddServiceTask(const std::string& appArgs) {
 
 TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
   const std::pair<const char*, bool> confs[] = {  // orva.conf, UnixShare offered
-      {"", false},                                     {"supportUnixShare=\"yes\"\n", true},
-      {"supportUnixShare=\"YES\"\n", true},           {"other=\"1\"\nsupportUnixShare=\"Yes\"\n", true},
-      {"supportUnixShare=\"no\"\n", false},           {"supportUnixShare=\"1\"\n", false},
-      {"supportUnixShare=\"yes please\"\n", false},
+      {"", false}, {"other=\"1\"\nsupportUnixShare=\"YES\"\n", true}, {"supportUnixShare=\"yes please\"\n", false},
   };
   for (const auto& [conf, unixShare] : confs) {
     SCOPED_TRACE(conf);
     ModuleRoot root;
     root.Write("etc/orva/orva.conf", conf);
     StandardPackages(root);
-    Json::Value packages(Json::arrayValue);
-    ASSERT_TRUE(ts::EnumInstalledPackagesAsJson(packages));
-    EXPECT_EQ(packages, Parse(R"([{"display_name": "Alpha Pro", "enabled": false, "name": "alpha", "service_type": 2},
-                                  {"display_name": "gamma", "enabled": false, "name": "gamma", "service_type": 2}])"));
     Reply got = Call(2, "get", R"({"id": -1, "type": "service"})");
-    ASSERT_TRUE(got.success) << got.envelope;
     Json::Value want = Parse(R"({"action": "stop", "services": []})");
     std::vector<std::string> ids = {"WinShare", "MacShare", "PrinterBeacon", "LoginGuard",
                                     "FileXfer", "FileXferTls", "FileXferSsh", "ClockServer"};
@@ -60,7 +52,7 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
     }
     want["services"].append(Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Pro", "enable": false})"));
     want["services"].append(Parse(R"({"type": "package", "id": "gamma", "name": "gamma", "enable": false})"));
-    EXPECT_EQ(got.data["extra"], want) << got.data["extra"].toStyledString();
+    EXPECT_EQ(got.data["extra"], want) << got.envelope;
   }
 }
 
@@ -79,14 +71,11 @@ const struct { const char* app; const char* command; const char* action; } kFrom
          {"name": "alpha", "display_name": "Alpha", "enabled": true, "service_type": 7}]})",
      "/usr/orva/bin/orvapkg stop my\\ pkg;\n/usr/orva/bin/orvapkg stop alpha;\n",
      "#common:stop_service#: \"Mine\" \"Alpha\""},
-    {R"({"service_action": "0", "service_store": [{"name": "ClockServer", "enabled": true, "service_type": 1}]})",
-     "/usr/orva/bin/orvaschedtool --stop-service ClockServer;\n", "#common:stop_service#: \"ClockServer\""},
     {R"({"service_action": "1", "service_store": [{"name": "WinShare", "enabled": false, "service_type": 1},
          {"name": "x", "enabled": "true", "service_type": 1}]})",
      "", "#common:start_service#:"},
     {R"({"service_action": "2", "service_store": [{"name": "WinShare", "enabled": true, "service_type": 1}]})",
      nullptr, nullptr},
-    {R"({"service_store": [{"name": "WinShare", "enabled": true, "service_type": 1}]})", nullptr, nullptr},
     {R"({"service_action": "1", "service_store": []})", nullptr, nullptr},
     {R"({"service_action": "0"})", nullptr, nullptr},
 };
@@ -98,21 +87,10 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
     _tag_orva_sched_task_ record = FreshRecord();
     const Json::Value json = Parse(std::string(R"({"app": )") + c.app + "}");
     EXPECT_EQ(ts::ServiceTaskAppArgsFromJson(json, record), c.command != nullptr);
-    EXPECT_EQ(std::vector<int>({record.can_edit_owner, record.can_run_app_same_time, record.can_run_task_same_time}),
-              std::vector<int>({0, 0, 0}));
-    EXPECT_EQ(std::vector<std::string>({record.edit_form, record.app, record.app_name, record.app_args}),
-              std::vector<std::string>({"ORVA.VEK.TaskScheduler.Service.FormPanel", "ORVA.VEK.TaskScheduler.Service",
-                                        "#service:service_subject#", Json::FastWriter().write(json["app"])}));
+    EXPECT_EQ(std::string(record.app_args), Json::FastWriter().write(json["app"]));
     EXPECT_STREQ(record.command, c.command ? c.command : "");
     EXPECT_STREQ(record.action, c.action ? c.action : "");
   }
-  // The package list handed to the reverse direction must be an array.
-  _tag_orva_sched_task_ record = FreshRecord();
-  Json::Value json;
-  ClearLogs();
-  EXPECT_FALSE(ts::ServiceTaskAppArgsToJson(record, Json::Value(Json::objectValue), json));
-  EXPECT_TRUE(json.isNull());
-  EXPECT_TRUE(ExpectOneLog("ORVA.Core.TaskScheduler.Service:").ends_with(" Package list must be json array."));
 }
 
 // The stored selection follows the installed packages: gone ones drop out, new ones join
@@ -124,15 +102,12 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
       {"id": "WinShare", "enable": true}, {"id": "alpha", "enable": true}, {"id": "gamma", "enable": true}]})"));
   EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --start-service WinShare;\n"
                                    "/usr/orva/bin/orvapkg start alpha;\n/usr/orva/bin/orvapkg start gamma;\n");
-  EXPECT_STREQ(Record(id).action, "#common:start_service#: \"WinShare\" \"Alpha Pro\" \"gamma\"");
 
   std::filesystem::remove_all(root.path() + "/var/lib/orva/packages/gamma");
   AddPackage(root, "alpha", R"({"name": "alpha", "display_name": "Alpha Next", "service": true})");
   AddPackage(root, "delta", R"({"name": "delta", "control": {"start": "a", "stop": "b"}})");
   AddPackage(root, "aaa", R"({"name": "aaa", "display_name": "First", "service": true})");
-  const Json::Value extra = GetTask(id)["extra"];
-  const Json::Value& services = extra["services"];
-  EXPECT_EQ(extra["action"], "start");
+  const Json::Value services = GetTask(id)["extra"]["services"];
   ASSERT_EQ(services.size(), 11u) << services.toStyledString();
   EXPECT_EQ(services[0], Parse(R"({"type": "service", "id": "WinShare", "name": "WinShare", "enable": true})"));
   EXPECT_EQ(services[8], Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Next", "enable": true})"));
@@ -153,15 +128,13 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
   const Json::Value form = Parse(R"({"action": "stop", "services": [{"id": "MacShare", "enable": true}]})");
   const std::string before = Record(Create("service", form)).app_args;
   const std::pair<const char*, const char*> cases[] = {  // form, command after it (null: refused)
-      {R"({"action": "start"})", "/usr/orva/bin/orvaschedtool --start-service MacShare;\n"},
       {R"({"services": [{"id": "MacShare", "enable": false}, {"id": "nosuch", "enable": true},
                         {"id": "alpha", "enable": true}]})",
        "/usr/orva/bin/orvapkg stop alpha;\n"},
       {R"({"services": "WinShare", "action": 3})", "/usr/orva/bin/orvaschedtool --stop-service MacShare;\n"},
       {R"({"services": [{"id": "WinShare", "enable": "yes"}]})", nullptr},
-      {R"({"services": [{"id": 5, "enable": true}]})", nullptr}, {R"({"services": [{"enable": true}]})", nullptr},
-      {R"({"services": ["WinShare"]})", nullptr}, {R"({"action": "restart"})", nullptr},
-      {R"({"action": "START"})", nullptr},
+      {R"({"services": [{"id": 5, "enable": true}]})", nullptr}, {R"({"services": ["WinShare"]})", nullptr},
+      {R"({"action": "restart"})", nullptr}, {R"({"action": "START"})", nullptr},
   };
   for (const auto& [form, command] : cases) {
     SCOPED_TRACE(form);
@@ -175,8 +148,7 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
     }
     ExpectReply(set, 4800, "invalid (app) object");
     ExpectOneLog("Convert task from json (app) failed.");
-    EXPECT_EQ(std::string(Record(id).app_args), before);
-    EXPECT_STREQ(Record(id).command, "true");
+    EXPECT_TRUE(Record(id).app_args == before && std::string(Record(id).command) == "true");
   }
 }
 
@@ -186,8 +158,7 @@ TEST(ModuleService, GetOfStoredForms) {
       {R"({"service_action": "2", "service_store": [{"name": "WinShare", "enabled": true, "service_type": 1}]})",
        "start"},
       {R"({"service_action": "0", "service_store": []})", "stop"},
-      {"{broken", nullptr},  // only packages, no action: the form cannot be built
-      {R"({"service_store": []})", nullptr},
+      {"{broken", nullptr}, {R"({"service_store": []})", nullptr},
   };
   for (const auto& [stored, action] : cases) {
     SCOPED_TRACE(stored);
@@ -211,6 +182,70 @@ TEST(ModuleService, GetOfStoredForms) {
   ExpectOneLog(" init PackageManager failed");
   ExpectOneLog(" Failed to enum packages");
   ExpectOneLog("convert task to json (app) faield. id:[" + std::to_string(id) + "] [0x");
+}
+
+std::string ActionOf(const Reply& r, const std::string& name) {
+  for (const Json::Value& t : r.data["tasks"]) if (t["name"] == name) return t["action"].asString();
+  return "<missing>";
+}
+
+// Listed service tasks show today's package display names from the process-wide package
+// cache, filled by the first successful enumeration (only listings fill it), and
+// "WinShare" as its text.
+TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
+  ModuleRoot root;
+  SetEventTasks(Json::Value(Json::arrayValue));
+  root.WriteTexts("en", R"({"common": {"start_service": "Start service", "stop_service": "Stop service"},
+                            "network": {"win_share_service": "Windows file service"}})");
+  ASSERT_EQ(rmdir((root.path() + "/var/lib/orva/packages").c_str()), 0);
+
+  const TaskSeed service = {
+      .name = "svc", .app = "ORVA.VEK.TaskScheduler.Service", .appName = "#service:service_subject#",
+      .action = R"(#common:start_service#: "WinShare" "Old Name")",
+      .appArgs = R"({"service_action":"1","service_store":[)"
+                 R"({"name":"WinShare","display_name":"","enabled":true,"service_type":1},)"
+                 R"({"name":"pkga","display_name":"Old Name","enabled":true,"service_type":2}]})"};
+  const long serviceId = AddTask(service);
+  AddTask({.name = "beep", .app = "ORVA.VEK.TaskScheduler.Beep", .action = "WinShare #common:stop_service#"});
+  // A stored action so long that the rewritten one would not fit: it stays as it is.
+  TaskSeed full = service;
+  full.name = "full";
+  const std::string head = R"(#common:start_service#: "WinShare" ")";
+  full.action = head + std::string(ORVA_SCHED_ACTION_MAX - 2 - head.size(), 'p') + "\"";
+  ASSERT_GT(AddTask(full), 0);
+
+  // 1. Packages cannot be enumerated: the stored action, rewritten and translated; every
+  //    service task of the listing tries the enumeration again.
+  ClearLogs();
+  Reply r = Call(2, "list", Json::Value(Json::objectValue));
+  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "Old Name")");
+  EXPECT_EQ(ActionOf(r, "beep"), "WinShare Stop service");
+  EXPECT_EQ(ActionOf(r, "full"), "Start service" + full.action.substr(strlen("#common:start_service#")));
+  EXPECT_EQ(ExpectOneLog("replace string failed"), "ORVA.Core.TaskScheduler:174 replace string failed");
+  EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler:190 Failed to enum packages").size(), 2u);
+  ExpectOneLog("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
+                   std::to_string(serviceId) + "]", LOG_WARNING);
+
+  // 2. The package appears renamed: the next listing enumerates again and shows the new
+  //    name; the stored task keeps the old one. Unparsable arguments fall back.
+  const std::string pkg = R"({"name":"pkga","service":true,"control":{"start":"true","stop":"true"},"display_name":")";
+  root.Write("var/lib/orva/packages/pkga/package.json", pkg + "New Name\"}");
+  const long brokenId = AddTask({.name = "broken", .app = service.app, .appName = service.appName,
+                                 .action = "#common:stop_service#: \"WinShare\"", .appArgs = "not json"});
+  ClearLogs();
+  r = Call(2, "list", Json::Value(Json::objectValue));
+  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
+  EXPECT_STREQ(Record(serviceId).action, service.action.c_str());
+  EXPECT_EQ(ActionOf(r, "broken"), "Stop service: \"Windows file service\"");
+  EXPECT_EQ(LogsWith("Failed to enum packages").size(), 0u);
+  const std::string brokenTag = "[" + std::to_string(brokenId) + "]";
+  ExpectOneLog("ORVA.Core.TaskScheduler:201 Failed to convert service task app args from json " + brokenTag);
+  ExpectOneLog(":214 Unable to update service task package display names " + brokenTag);
+
+  // 3. Renamed again (a larger file): this process keeps what it enumerated first.
+  root.Write("var/lib/orva/packages/pkga/package.json", pkg + "Newest Name\", \"version\": \"1.1\"}");
+  r = Call(1, "list", Json::Value(Json::objectValue));
+  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
 }
 
 }  // namespace
