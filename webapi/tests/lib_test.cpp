@@ -1,4 +1,4 @@
-// The shared layer: app keys, shell words, and the translation of "#section:key#" tokens
+// The shared layer: app keys and the translation of "#section:key#" tokens
 // in action texts through the UI text parser.
 #include "ORVA.Core.TaskScheduler.h"
 #include "test_support.h"
@@ -9,7 +9,7 @@ using namespace orvatest;
 
 namespace {
 
-TEST(ModuleLib, AppKeysOfNamespacesAndShellWords) {
+TEST(ModuleLib, AppKeysOfNamespaces) {
   const std::pair<const char*, const char*> cases[] = {
       {"ORVA.VEK.TaskScheduler.Beep", "beep"},          {"ORVA.VEK.TaskScheduler.Script", "script"},
       {"ORVA.VEK.TaskScheduler.Service", "service"},    {"ORVA.VEK.TaskScheduler.Recycle", "recycle"},
@@ -21,13 +21,6 @@ TEST(ModuleLib, AppKeysOfNamespacesAndShellWords) {
       {"ORVA.VEK.TaskScheduler.Bee", "custom"},         {"", "custom"},
   };
   for (const auto& [ns, key] : cases) EXPECT_EQ(TS::GetAppKeyFromNameSpace(ns), key) << ns;
-  // What the shell makes of escaped words is KELCEncShParam's test; a word that cannot be
-  // made (empty, or more than twice as long) is empty and logged once.
-  for (const std::string name : {"", "\n\n"}) {
-    ClearLogs();
-    EXPECT_EQ(TS::EscapeShellName(name), "");
-    EXPECT_TRUE(ExpectOneLog("escape cmd=" + name + " failed, errno=").starts_with("lib:"));
-  }
 }
 
 class ModuleTexts : public ::testing::Test {

@@ -134,7 +134,7 @@ TEST_F(ModuleList, EventTasksJoinEveryListing) {
   events.append(Merged(boot, Parse(R"({"task_name": "ownerless"})")))["owner"] = Json::Value(Json::objectValue);
   SetEventTasks(events);
   for (int version : {1, 2}) {
-    ClearLogs();
+    gLogs.clear();
     const Reply r = ListByName(version, {"on boot", "stored"});
     ExpectMembers(r.data["tasks"][0], R"({"type": "event_script", "action": "Command line", "owner": "root"})");
     EXPECT_EQ(ExpectOneLog("Fail to get owner"), "ORVA.Core.TaskScheduler:69 Fail to get owner");

@@ -1,12 +1,10 @@
 // Test support for the task scheduler module: a private system root, captured syslog
-// lines, calls of the entry functions, the real store, a stand-in event scheduler and
-// handlers built directly around a request. Each test program is one file that includes
-// this once (it defines the process's syslog).
+// lines, calls of the entry functions, the real store and a stand-in event scheduler.
+// Each test program is one file that includes this once (it defines the process's syslog).
 #pragma once
 
 #include <stdarg.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <mutex>
@@ -29,21 +27,11 @@ namespace orvatest {
 
 // ---- syslog of the whole process (module and platform libraries) ----
 struct LogLine { int priority; std::string text; };
-inline std::mutex gLogMutex;
 inline std::vector<LogLine> gLogs;
 
-inline std::vector<LogLine> Logs() {
-  std::lock_guard<std::mutex> lock(gLogMutex);
-  return gLogs;
-}
-inline void ClearLogs() {
-  std::lock_guard<std::mutex> lock(gLogMutex);
-  gLogs.clear();
-}
-// The lines containing `needle`.
 inline std::vector<LogLine> LogsWith(const std::string& needle) {
   std::vector<LogLine> out;
-  for (const LogLine& l : Logs()) if (l.text.find(needle) != std::string::npos) out.push_back(l);
+  for (const LogLine& l : gLogs) if (l.text.find(needle) != std::string::npos) out.push_back(l);
   return out;
 }
 // Exactly one line holds `needle`; it was logged at `priority` (-1: any). Its text, or "".
@@ -60,7 +48,6 @@ inline std::string ExpectOneLog(const std::string& needle, int priority = -1) {
 inline void OrvatestCapture(int priority, const char* format, va_list ap) {
   char buffer[8192];
   vsnprintf(buffer, sizeof(buffer), format, ap);  // %m still sees the caller's errno
-  std::lock_guard<std::mutex> lock(orvatest::gLogMutex);
   orvatest::gLogs.push_back({priority & LOG_PRIMASK, buffer});
 }
 
@@ -77,14 +64,10 @@ namespace orvatest {
 class ModuleRoot : public TempRoot {
  public:
   ModuleRoot() : TempRoot("orvat-module") {
-    chmod(path().c_str(), 0755);  // runs as other users traverse it
-    for (const char* sub : {"usr/orva/bin", "usr/orva/lib/webapi", "usr/orva/orvaman/webman/texts/en",
-                            "var/lib/orva/packages", "run/orva"}) {
-      std::filesystem::create_directories(Real(sub));
-    }
+    std::filesystem::create_directories(Real("var/lib/orva/packages"));
     Write("etc/orva/orva.conf", "");
     Write("etc/orva/shares.json", "[]");
-    ClearLogs();
+    gLogs.clear();
   }
   void WriteTexts(const std::string& lang, const std::string& json) const {
     Write("usr/orva/orvaman/webman/texts/" + lang + "/strings.json", json);
@@ -108,23 +91,15 @@ struct Reply {
   Json::Value envelope;
 };
 
-inline Reply ReplyOf(const ORVA::APIResponse& response) {
-  Reply reply;
-  reply.replies = response.GetReplyCount();
-  reply.success = response.IsSuccess();
-  reply.data = response.GetData();
-  reply.envelope = response.GetEnvelope();
-  reply.code = reply.replies ? reply.envelope["error"]["code"].asInt() : 0;
-  return reply;
-}
-
-inline Reply Call(int version, const std::string& method, const Json::Value& params, const std::string& lang = "en") {
+inline Reply Call(int version, const std::string& method, const Json::Value& params) {
   for (const ORVA::APITableRow* row = gTable; row->api; ++row) {
     if (row->version != version || method != row->method) continue;
-    ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, "admin", lang);
+    ORVA::APIRequest request("ORVA.Core.TaskScheduler", version, method, params, "admin", "en");
     ORVA::APIResponse response;
     row->func(&request, &response);
-    return ReplyOf(response);
+    const Json::Value envelope = response.GetEnvelope();
+    return {response.GetReplyCount(), response.IsSuccess(), envelope["error"]["code"].asInt(), response.GetData(),
+            envelope};
   }
   ADD_FAILURE() << "no row for " << method << " v" << version;
   return Reply();
@@ -149,17 +124,15 @@ inline Json::Value Merged(Json::Value base, const Json::Value& changes) {
 }
 
 // A task object of a create or set request, as the edit dialog sends it.
-inline Json::Value TaskObject(const std::string& type, const Json::Value& extra, const std::string& name = "t1") {
+// With an id > 0, a set of that task.
+inline Json::Value TaskObject(const std::string& type, const Json::Value& extra, long id = 0) {
   Json::Value task = Parse(R"({"owner": "root", "enable": true, "schedule": {"repeat_date": "daily", "hour": 3,
                                "minute": 30}})");
   task["type"] = type;
-  task["name"] = name;
+  task["name"] = "t1";
   if (!extra.isNull()) task["extra"] = extra;
+  if (id > 0) task["id"] = static_cast<Json::Int64>(id);
   return task;
-}
-// The same for a set of task `id`.
-inline Json::Value SetObject(long id, const std::string& type, const Json::Value& extra) {
-  return Merged(TaskObject(type, extra), Parse(IdParams(id)));
 }
 // "create" with `params`; the new id or -1 (test failed).
 inline long CreateTask(const Json::Value& params, int version = 2) {
@@ -170,7 +143,6 @@ inline long CreateTask(const Json::Value& params, int version = 2) {
 inline long Create(const std::string& type, const Json::Value& extra, int version = 2) {
   return CreateTask(TaskObject(type, extra), version);
 }
-// The data of a successful "get" of task `id`.
 inline Json::Value GetTask(long id, int version = 2) {
   const Reply reply = Call(version, "get", IdParams(id));
   EXPECT_TRUE(reply.success) << reply.envelope;
@@ -215,11 +187,8 @@ inline long AddTask(const TaskSeed& seed) {
   ORVASchedCTaskSetAppArgs(task, seed.appArgs.c_str());
   ORVASchedCTaskSetState(task, seed.enabled ? 1 : 0);
   ORVASchedCTaskSetListable(task, seed.listable ? 1 : 0);
-  Json::Value schedule;
-  schedule["schedule"]["repeat"] = "daily";
-  schedule["schedule"]["hour"] = seed.hour;
-  schedule["schedule"]["min"] = seed.min;
-  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(schedule, *task));
+  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse("{\"schedule\": {\"repeat\": \"daily\", \"hour\": " +
+      std::to_string(seed.hour) + ", \"min\": " + std::to_string(seed.min) + "}}"), *task));
   ORVASchedCTaskSetOwner(task, seed.ownerUid);
   const char* byUser = seed.byUser.empty() ? nullptr : seed.byUser.c_str();
   if (struct passwd* pw = byUser ? getpwnam(byUser) : nullptr) ORVASchedCTaskSetOwner(task, pw->pw_uid);
@@ -228,13 +197,11 @@ inline long AddTask(const TaskSeed& seed) {
   return rc < 0 ? -1 : ORVASchedTaskGetID(*task);
 }
 
-// The stored record (fails the test if unloadable).
 inline _tag_orva_sched_task_ Record(long id) {
   _tag_orva_sched_task_ record{};
   EXPECT_GE(ORVASchedTaskLoad(id, &record), 0) << "task " << id;
   return record;
 }
-// A never-saved record as the store gives it.
 inline _tag_orva_sched_task_ FreshRecord() {
   _tag_orva_sched_task_ record{};
   EXPECT_TRUE(ORVA::Core::TaskScheduler::InitTask(boost::none, record));
@@ -266,17 +233,5 @@ inline void SetEventTasks(const Json::Value& data, bool reply = true) {
   gEventData = data;
   gEventReply = reply;
 }
-
-// A handler of kind H around a request with `params`, for calling its operations directly.
-template <typename H>
-struct Direct {
-  explicit Direct(const Json::Value& params = Json::Value(Json::objectValue), int version = 2,
-                  const char* method = "set")
-      : request("ORVA.Core.TaskScheduler", version, method, params, "admin", "en"),
-        handler(&request, &response, boost::none) {}
-  ORVA::APIRequest request;
-  ORVA::APIResponse response;
-  H handler;
-};
 
 }  // namespace orvatest
