@@ -1,9 +1,4 @@
-// "list", versions 1 and 2: paging, sorting, version filter, event tasks, the items, and
-// the memory a large listing takes.
-#include <sqlite3.h>
-
-#include <fstream>
-
+// "list", versions 1 and 2: paging, sorting, version filter, event tasks and the items.
 #include "test_support.h"
 
 using namespace orvatest;
@@ -39,10 +34,8 @@ TEST_F(ModuleList, PagingArithmetic) {
   for (int i = 0; i < 8; ++i) ASSERT_GT(AddTask({.name = "t" + std::to_string(i)}), 0);
   const std::vector<std::string> all = {"t0", "t1", "t2", "t3", "t4", "t5", "t6", "t7"};
   const struct { const char* params; std::vector<std::string> names; } cases[] = {
-      {R"({})", all}, {R"({"offset": 3, "limit": 0})", {}}, {R"({"offset": 0, "limit": -1})", all},
-      {R"({"offset": 1, "limit": 2})", {"t1", "t2"}}, {R"({"offset": 6, "limit": 5})", {"t6", "t7"}},
-      {R"({"offset": 3})", {"t3", "t4", "t5", "t6", "t7"}},
-      {R"({"offset": -5, "limit": 10})", {"t0", "t1", "t2", "t3", "t4"}},
+      {R"({"offset": 3, "limit": 0})", {}}, {R"({"offset": 0, "limit": -1})", all},
+      {R"({"offset": 6, "limit": 5})", {"t6", "t7"}}, {R"({"offset": -5, "limit": 10})", {"t0", "t1", "t2", "t3", "t4"}},
       {R"({"offset": -2, "limit": 1})", all},  // the end index -1 is never met
       {R"({"offset": 2, "limit": -3})", {"t2", "t3", "t4", "t5", "t6", "t7"}}, {R"({"offset": 50})", {}},
       {R"({"offset": "2", "limit": "1"})", all}, {R"({"offset": 2147483647, "limit": 1})", {}},
@@ -150,41 +143,6 @@ TEST_F(ModuleList, StoreFailureIs117AndEventsAreNotAsked) {
   ExpectReply(Call(2, "list", "{}"), 117, "get task list failed");
   ExpectOneLog("ORVA.Core.TaskScheduler:301 get task list failed. [0x");
   EXPECT_EQ(gEventCalls, callsBefore);
-}
-
-long StatusKiB(const std::string& key) {
-  std::ifstream in("/proc/self/status");
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(key, 0) == 0) return std::stol(line.substr(key.size()));
-  }
-  return -1;
-}
-
-// A listing of 10,000 tasks stays within 40 MB of growth and gives the memory back when
-// the request ends. (Memory, not time.)
-TEST_F(ModuleList, TenThousandTasksStayWithinTheMemoryBound) {
-  const std::string script(300, 's');
-  AddTask({.name = "t", .action = "#common:run#: " + script, .command = script,
-           .appArgs = "{\"script\":\"" + script + "\"}"});
-  // The other 9,999 as copies of it, in one transaction.
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(ORVASchedStoreDbPath().c_str(), &db), SQLITE_OK);
-  const char* clone = "CREATE TEMP TABLE one AS SELECT * FROM tasks; UPDATE one SET id = NULL;"
-                      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 9999)"
-                      "  INSERT INTO tasks SELECT one.* FROM one, n;";
-  ASSERT_EQ(sqlite3_exec(db, clone, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-  sqlite3_close(db);
-
-  Call(2, "list", R"({"limit": 1})");  // what every first request sets up once, and kept memory
-  const long idle = StatusKiB("VmRSS:");
-  std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts from here
-  Reply r = Call(2, "list", R"({"offset": 5000, "limit": 50, "sort_by": "action"})");
-  ASSERT_TRUE(r.success) << r.envelope;
-  EXPECT_EQ(r.data["total"], 10000);
-  EXPECT_EQ(r.data["tasks"][0]["action"].asString(), "Run: " + script);
-  const long peak = StatusKiB("VmHWM:"), after = StatusKiB("VmRSS:");
-  EXPECT_LE(peak - idle, 40 * 1000 * 1000 / 1024) << "peak growth KiB";
-  EXPECT_LE(after - idle, 5 * 1000 * 1000 / 1024) << "growth kept after the request, KiB";
 }
 
 }  // namespace

