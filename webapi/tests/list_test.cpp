@@ -66,14 +66,13 @@ TEST_F(ModuleList, SortKeysAndDirections) {
       {"enable", "asc", {"alpha", "bravo", "delta", "echo", "charlie"}},
       {"enable", "desc", {"delta", "echo", "charlie", "alpha", "bravo"}},
       {"id", "DESC", {"charlie", "bravo", "echo", "alpha", "delta"}},
-      {"name", "Desc", {"echo", "delta", "charlie", "bravo", "alpha"}},
       {"name", "descending", {"alpha", "bravo", "charlie", "delta", "echo"}},
       {"owner", "", {"echo", "bravo", "delta", "alpha", "charlie"}},
       {"type", "asc", {"echo", "charlie", "delta", "bravo", "alpha"}},
       {"app_name", "desc", {"alpha", "bravo", "delta", "charlie", "echo"}},
       {"action", "asc", {"echo", "charlie", "alpha", "bravo", "delta"}},
       {"next_trigger_time", "asc", {"alpha", "bravo"}},  // disabled: none, after all others
-      {"", "asc", {"alpha", "bravo"}}, {"Name", "asc", {"alpha", "bravo"}},
+      {"Name", "asc", {"alpha", "bravo"}},
   };
   for (const auto& c : cases) {
     Json::Value p;

@@ -1,7 +1,6 @@
-// The exports, "view", and "set_enable", "delete" and "run" of both
+// "view", and "set_enable", "delete" and "run" of both
 // versions: parameter checks and bulk operations that stop at the first failure, on
 // behalf of users.
-#include <set>
 #include <sstream>
 
 #include "test_support.h"
@@ -9,18 +8,6 @@
 using namespace orvatest;
 
 namespace {
-
-// The server finds the rows through GetAPITable (every call here goes through gTable).
-TEST(ModuleTable, ExportsOnlyTheTable) {
-  TempRoot dir;
-  const Result nm = Spawn({"/usr/bin/nm", "-D", "--defined-only",
-                           std::string(ORVA_BUILD_DIR) + "/lib/webapi/ORVA.Core.TaskScheduler.so"}, dir.path());
-  ASSERT_EQ(nm.status, 0) << nm.err;
-  std::set<std::string> names;
-  std::istringstream lines(nm.out);
-  for (std::string line; std::getline(lines, line);) names.insert(line.substr(line.rfind(' ') + 1));
-  EXPECT_EQ(names, (std::set<std::string>{"GetAPITable", "gTable"}));
-}
 
 // Malformed parameters, and "view" of a task the store does not know ("view" of a known
 // task answers its run status, end to end).
@@ -35,9 +22,7 @@ TEST(ModuleOps, ParameterShapesAndView) {
   const struct { int version; const char* method; const char* params; int code; const char* msg; } cases[] = {
       {1, "set_enable", R"({})", 4800, noArray}, {2, "set_enable", R"({"status": "x"})", 4800, noArray},
       {1, "set_enable", R"({"status": [{"id": "1", "enable": true}]})", 4800, v1Element},
-      {1, "set_enable", R"({"status": [5]})", 4800, v1Element},
       {2, "set_enable", R"({"status": [{"id": 1}]})", 4800, v2Element},
-      {2, "set_enable", R"({"status": [{"id": 1.5, "enable": true}]})", 4800, v2Element},
       {1, "delete", R"({"task": "7"})", 4800, v1Task}, {1, "run", R"({"task": {"id": 7}})", 4800, v1Task},
       {1, "run", R"({"task": [1.25]})", 4800, badId}, {2, "delete", R"({"tasks": 7})", 4800, v2Tasks},
       {2, "run", R"({})", 4800, v2Tasks}, {2, "delete", R"({"tasks": [7]})", 4800, badId},

@@ -1,5 +1,5 @@
 // Recycle-bin task: the orvarecycle command line and action text of the flat object, the
-// form's reshaping both ways, and switching the bins on against a real shares.json.
+// form's round trip, and switching the bins on against a real shares.json.
 #include "ORVA.Core.TaskScheduler.Recycle.h"
 #include "test_support.h"
 
@@ -65,21 +65,6 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
     EXPECT_EQ(gLogs.size(), c.command ? 0u : 1u);
     if (!c.command) { EXPECT_TRUE(ExpectOneLog(c.action, LOG_ERR).starts_with("ORVA.Core.TaskScheduler.Recycle:")); }
   }
-  // Characters that may not be in a kept extension fail the conversion while the exception is on.
-  for (const char* ext : {"tar.gz", "a b", "x^", "a\\b", "a?", "a/b", "a:b", "a*", "a`", "a$", "a\"", "a>", "a<", "a|"}) {
-    SCOPED_TRACE(ext);
-    gLogs.clear();
-    Direct d;
-    _tag_orva_sched_task_ record = FreshRecord();
-    Json::Value in = Parse(R"({"app": {"recycle_action": "2", "advconfig": {"reserve_policy_extension_check": "on",
-                                 "reserve_policy_extension": [{"file_ext": "ok"}]}}})");
-    in["app"]["advconfig"]["reserve_policy_extension"][1]["file_ext"] = ext;
-    EXPECT_FALSE(d.handler.ConvertFromJson_App(in, record));
-    EXPECT_STREQ(record.command, "");
-    EXPECT_EQ(gLogs.size(), 2u);
-    ExpectOneLog(std::string("Invalid file extension arguments [") + ext + "]");
-    ExpectOneLog("Failed to check clean policy, json app={");
-  }
 }
 
 // The shares of the root's shares.json whose recycle bin is on, blank-separated.
@@ -91,31 +76,13 @@ std::string BinsOn(const ModuleRoot& root) {
   return out;
 }
 
-// Switching the bins on: the chosen shares, or all (and the home folders); a share that
-// fails does not stop the others.
-TEST(ModuleRecycle, EnableRecycleBinSwitchesTheChosenShares) {
-  const struct { const char* mode; const char* shares; const char* on; } cases[] = {
-      {"all", "[]", "docs web"}, {"all_include_home", "[]", "docs home web"}, {"select", R"(["nosuch", "web"])", "web"},
-  };
-  for (const auto& c : cases) {
-    ModuleRoot root;
-    root.Write("etc/orva/shares.json", R"([{"name": "docs", "path": "/srv/docs", "recycle_bin": false},
-                                           {"name": "home", "path": "/home", "recycle_bin": false},
-                                           {"name": "web", "path": "/srv/web", "recycle_bin": false}])");
-    Direct d;
-    EXPECT_TRUE(d.handler.EnableRecycleBin(Parse(c.shares), Json::Value(c.mode)));
-    EXPECT_EQ(BinsOn(root), c.on) << c.mode;
-    EXPECT_EQ(LogsWith("ORVA.Core.TaskScheduler.Recycle:").size(), std::string(c.mode) == "select" ? 1u : 0u);
-  }
-  ExpectOneLog("enable share=nosuch recycle bin failed");
-}
-
 // The form a create sends comes back from get, and "enableRecycle" switches the bins on at
-// once without being stored. Sets in turn merge their form into the stored flat object
+// once (the chosen shares, or all) without being stored. Sets in turn merge their form into the stored flat object
 // (values of the wrong type are skipped); one that the kind refuses keeps the task.
 TEST(ModuleRecycle, FormRoundTripAndMergingSets) {
   ModuleRoot root;
   root.Write("etc/orva/shares.json", R"([{"name": "docs", "path": "/srv/docs", "recycle_bin": false},
+                                         {"name": "home", "path": "/home", "recycle_bin": false},
                                          {"name": "web", "path": "/srv/web", "recycle_bin": false}])");
   const Json::Value form = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]},
       "clean_file_policy": {"policy": "size", "size": 100, "sort_type": 0,
@@ -126,6 +93,8 @@ TEST(ModuleRecycle, FormRoundTripAndMergingSets) {
   EXPECT_STREQ(Record(id).action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
   EXPECT_EQ(std::string(Record(id).app_args).find("enableRecycle"), std::string::npos) << Record(id).app_args;
   EXPECT_EQ(GetTask(id)["extra"], form);
+  Create("recycle", Parse(R"({"enableRecycle": "all_include_home"})"));  // every share and the home folders
+  EXPECT_EQ(BinsOn(root), "docs home web");
 
   const std::string all = " --clean -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576";
   const std::pair<const char*, std::string> sets[] = {  // form sent, the command after it
@@ -143,6 +112,13 @@ TEST(ModuleRecycle, FormRoundTripAndMergingSets) {
     EXPECT_TRUE(refused ? r.code == 117 && r.data["msg"] == "Invalid (app) object" : r.success) << r.envelope;
     EXPECT_EQ(Record(id).command, "/usr/orva/bin/orvarecycle" + sets[i].second) << sets[i].first;
   }
+  // Characters that may not be in a kept extension: refused, the task kept.
+  for (const char* ext : {"tar.gz", "a b", "x^", "a\\b", "a?", "a/b", "a:b", "a*", "a`", "a$", "a\"", "a>", "a<", "a|"}) {
+    Json::Value sent = Parse(R"({"clean_file_policy": {"reserve_policy": {"extension_check": true}}})");
+    sent["clean_file_policy"]["reserve_policy"]["extension"][0]["file_ext"] = ext;
+    ExpectReply(Call(2, "set", TaskObject("recycle", sent, id)), 4800, "invalid (app) object");
+  }
+  EXPECT_EQ(Record(id).command, "/usr/orva/bin/orvarecycle" + all);
 }
 
 }  // namespace
