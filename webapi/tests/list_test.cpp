@@ -1,4 +1,6 @@
-// "list", versions 1 and 2: paging, sorting, version filter, event tasks and the items.
+// "list", versions 1 and 2: paging, sorting, version filter, event tasks and the items;
+// app keys, and the translation of "#section:key#" tokens in action texts.
+#include "ORVA.Core.TaskScheduler.h"
 #include "test_support.h"
 
 using namespace orvatest;
@@ -21,9 +23,12 @@ Reply ListByName(int version, const std::vector<std::string>& names) {
 class ModuleList : public ::testing::Test {
  protected:
   void SetUp() override {
-    root.WriteTexts("en", R"({"common": {"run": "Run", "command_line": "Command line"},
-                              "app": {"title": "System title"}})");
-    root.WriteAppTexts("vendor", "Vendor.App", R"({"app": {"title": "Vendor Tool"}})");
+    root.WriteTexts("en", R"({"common": {"ok": "OK", "run": "Run", "command_line": "Command line", "empty": "",
+                                         "num": 5, "ab": "#x:y#", "start_service": "Start service"},
+                              "a": {"b": "AB", "b:c": "A-BC"}, "b": {"c": "BC"}, "x": {"y": "XY"},
+                              "": {"": "empty both"}, "app": {"title": "System title"}, "sect": "not an object"})");
+    root.WriteTexts("de", R"({"common": {"run": "Ausführen"}})");
+    root.WriteAppTexts("vendor", "Vendor.App", R"({"app": {"title": "Vendor Tool"}, "a": {"b": "vendor AB"}})");
     SetEventTasks(Json::Value(Json::arrayValue));
   }
   ModuleRoot root;
@@ -142,6 +147,53 @@ TEST_F(ModuleList, StoreFailureIs117AndEventsAreNotAsked) {
   ExpectReply(Call(2, "list", "{}"), 117, "get task list failed");
   ExpectOneLog("ORVA.Core.TaskScheduler:301 get task list failed. [0x");
   EXPECT_EQ(gEventCalls, callsBefore);
+}
+
+TEST(ModuleLib, AppKeysOfNamespaces) {
+  // (The other kinds' keys show in the handler and list tests.)
+  const std::pair<const char*, const char*> cases[] = {
+      {"ORVA.VEK.TaskScheduler.AutoPower", "power"}, {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"},
+      {"ORVA.VEK.BackupApp.NetBackup", "backup"},    {"ORVA.VEK.BackupApp.LocalBackup", "backup"},
+      {"ORVA.VEK.BackupApp.LUNBackup", "backup"},    {"ORVA.VEK.BackupApp.S3Backup", "backup"},
+      {"orva.vek.taskscheduler.beep", "custom"},     {"ORVA.VEK.TaskScheduler.Beep.FormPanel", "custom"},
+  };
+  for (const auto& [ns, key] : cases) EXPECT_EQ(ORVA::Core::TaskScheduler::GetAppKeyFromNameSpace(ns), key) << ns;
+}
+
+TEST_F(ModuleList, ActionTokensAreTranslatedByTheScanner) {
+  // action (null: none, which is set to null); an action that is no string stays
+  const struct { const char* lang; const char* app; Json::Value action; Json::Value want; } cases[] = {
+      {"en", "", "", ""}, {"en", "", "plain text", "plain text"}, {"en", "", "#common:ok", "#common:ok"},
+      {"en", "", "#common:start_service#: \"WinShare\" \"FileXfer\"", "Start service: \"WinShare\" \"FileXfer\""},
+      {"en", "", "#a:b#c:d#", "ABc:d#"}, {"en", "", "## #x:y#", "## XY"}, {"en", "", "#a#b:c#", "#aBC"},
+      {"en", "", "#nope:none# and #x:y#", "#nope:none# and XY"}, {"en", "", "#x:y##x:y#", "XYXY"},
+      {"en", "", "#a:b:c#", "A-BC"}, {"en", "", "#:#", "empty both"}, {"en", "", "#", "#"},
+      {"en", "", "::#x:y#::", "::XY::"}, {"en", "", "x:#y#", "x:#y#"},
+      {"en", "", "#common:run#: echo '#'; date +%H:%M#", "Run: echo '#'; date +%H:%M#"},
+      // Texts that are empty, no string, or under a section that is no object: the token stays.
+      {"en", "", "#common:empty# #common:num# #sect:x#", "#common:empty# #common:num# #sect:x#"},
+      {"en", "", "#Common:ok#", "#Common:ok#"},
+      // "#common:ab#" gives "#x:y#"; the later token then replaces that copy, its own stays.
+      {"en", "", "#common:ab# #x:y#", "XY #x:y#"},
+      // A 3rd-party app's own texts first, then the system texts; other apps only the system's.
+      {"en", "Vendor.App", "#a:b# / #x:y# / #app:title#", "vendor AB / XY / Vendor Tool"},
+      {"en", "Other.App", "#a:b# #app:title# #nope:none#", "AB System title #nope:none#"},
+      // No fallback to another language.
+      {"de", "", "#common:run# #common:ok#", "Ausführen #common:ok#"}, {"fr", "", "#common:ok#", "#common:ok#"},
+      {"en", "", Json::Value(), Json::Value()}, {"en", "", 12, 12},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.lang) + " " + c.app + " " + c.action.toStyledString());
+    ORVA::APIRequest request("ORVA.Core.TaskScheduler", 2, "list", Json::Value(Json::objectValue), "admin", c.lang);
+    ORVA::APIResponse response;
+    TaskSchedulerHandler handler(&request, &response, 0, "", Json::Value(), new ORVA::Core::TaskScheduler::AppParser(c.lang));
+    Json::Value item = Parse(R"({"other": 7})");
+    if (!c.action.isNull()) item["action"] = c.action;
+    Json::Value want = item;
+    want["action"] = c.want;
+    handler.TranslateActionKey(item, c.app);
+    EXPECT_EQ(item, want);
+  }
 }
 
 }  // namespace

@@ -30,8 +30,6 @@ const struct FlatCase {
          "clean_policy_by_time_day": "30"})", " --clean -t 30", kAll},
     {R"({"recycle_action": "2", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "4096",
          "clean_policy_by_size_sort_type": "Delete large files first"})", " --clean -s 4294967296 -o 2", kAll},
-    {R"({"recycle_action": "2", "clean_policy": "Clean_policy_by_time", "clean_policy_by_time_day": "3"})",
-     " --clean", kAll},
     // Policies and exceptions are ignored when enabling.
     {R"({"recycle_action": "1", "clean_policy": "clean_policy_by_size", "clean_policy_by_size_MB_number": "5",
          "advconfig": {"reserve_policy_extension_check": "on", "reserve_policy_extension": [{"file_ext": "a"}],

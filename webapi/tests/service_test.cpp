@@ -50,11 +50,10 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
 
 // app: stored form; command (null: the conversion fails)
 const struct { const char* app; const char* command; const char* action; } kFromCases[] = {
-    {R"({"service_action": "1", "service_store": [
-         {"name": "WinShare", "display_name": "", "enabled": true, "service_type": 1},
-         {"name": "MacShare", "display_name": "", "enabled": false, "service_type": 1},
+    {R"({"service_action": "1", "service_store": [{"name": "WinShare", "enabled": true, "service_type": 1},
          {"name": "alpha", "display_name": "Alpha Pro", "enabled": true, "service_type": 2},
-         {"name": "FileXfer", "display_name": "", "enabled": true, "service_type": 1}]})",
+         {"name": "MacShare", "enabled": "true", "service_type": 1}, {"name": "FileXfer", "enabled": true,
+         "service_type": 1}]})",
      "/usr/orva/bin/orvaschedtool --start-service WinShare FileXfer;\n/usr/orva/bin/orvapkg start alpha;\n",
      "#common:start_service#: \"WinShare\" \"Alpha Pro\" \"FileXfer\""},
     // Only packages: no orvaschedtool part at all.
@@ -63,9 +62,6 @@ const struct { const char* app; const char* command; const char* action; } kFrom
          {"name": "alpha", "display_name": "Alpha", "enabled": true, "service_type": 7}]})",
      "/usr/orva/bin/orvapkg stop my\\ pkg;\n/usr/orva/bin/orvapkg stop alpha;\n",
      "#common:stop_service#: \"Mine\" \"Alpha\""},
-    {R"({"service_action": "1", "service_store": [{"name": "WinShare", "enabled": false, "service_type": 1},
-         {"name": "x", "enabled": "true", "service_type": 1}]})",
-     "", "#common:start_service#:"},
     {R"({"service_action": "2", "service_store": [{"name": "WinShare", "enabled": true, "service_type": 1}]})",
      nullptr, nullptr},
     {R"({"service_action": "1", "service_store": []})", nullptr, nullptr},
