@@ -17,7 +17,7 @@ TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
   const long id = AddTask({.app = "ORVA.VEK.DataAnalysis"});
   const Json::Value report = GetTask(id);
   ExpectMembers(report, R"({"extra": null, "can_edit_owner": false, "type": "report"})");
-  ExpectSet(Merged(report, Parse(R"({"name": "renamed", "enable": false})")), id);
+  EXPECT_TRUE(Call(2, "set", Merged(report, Parse(R"({"name": "renamed", "enable": false})"))).success);
   EXPECT_TRUE(std::string(Record(id).name) == "renamed" && !Record(id).enabled);
 }
 

@@ -56,7 +56,8 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
     SCOPED_TRACE(c.app);
     gLogs.clear();
     Direct d;
-    _tag_orva_sched_task_ record = FreshRecord();
+    _tag_orva_sched_task_ record{};
+    ASSERT_TRUE(ORVA::Core::TaskScheduler::InitTask(boost::none, record));
     EXPECT_EQ(d.handler.ConvertFromJson_App(Parse(std::string(R"({"app": )") + c.app + "}"), record), !!c.command);
     EXPECT_EQ(std::string(record.command), c.command ? std::string("/usr/orva/bin/orvarecycle") + c.command : "");
     EXPECT_EQ(std::string(record.action), c.command ? c.action : "");

@@ -71,7 +71,8 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
   ModuleRoot root;
   for (const auto& c : kFromCases) {
     SCOPED_TRACE(c.app);
-    _tag_orva_sched_task_ record = FreshRecord();
+    _tag_orva_sched_task_ record{};
+    ASSERT_TRUE(ts::InitTask(boost::none, record));
     const Json::Value json = Parse(std::string(R"({"app": )") + c.app + "}");
     EXPECT_EQ(ts::ServiceTaskAppArgsFromJson(json, record), c.command != nullptr);
     EXPECT_EQ(std::string(record.app_args), Json::FastWriter().write(json["app"]));
@@ -103,7 +104,7 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
   EXPECT_EQ(services[10], Parse(R"({"type": "package", "id": "delta", "name": "delta", "enable": false})"));
 
   // A set that only changes the action keeps the selection as it is now.
-  ExpectSet(TaskObject("service", Parse(R"({"action": "stop"})"), id), id);
+  EXPECT_TRUE(Call(2, "set", TaskObject("service", Parse(R"({"action": "stop"})"), id)).success);
   EXPECT_STREQ(Record(id).command,
                "/usr/orva/bin/orvaschedtool --stop-service WinShare;\n/usr/orva/bin/orvapkg stop alpha;\n");
   EXPECT_STREQ(Record(id).action, "#common:stop_service#: \"WinShare\" \"Alpha Next\"");

@@ -51,11 +51,6 @@ class ModuleRoot : public TempRoot {
   void WriteTexts(const std::string& lang, const std::string& json) const {
     Write("usr/orva/orvaman/webman/texts/" + lang + "/strings.json", json);
   }
-  // A 3rd-party app's own texts under namespace `nameSpace`.
-  void WriteAppTexts(const std::string& app, const std::string& nameSpace, const std::string& json) const {
-    Write("usr/orva/orvaman/webman/3rdparty/" + app + "/config.json", "{\"namespace\": \"" + nameSpace + "\"}");
-    Write("usr/orva/orvaman/webman/3rdparty/" + app + "/texts/en/strings.json", json);
-  }
 };
 
 inline Json::Value Parse(const std::string& text) { return ParseJson(text); }
@@ -127,11 +122,6 @@ inline Json::Value GetTask(long id, int version = 2) {
   EXPECT_TRUE(reply.success) << reply.envelope;
   return reply.data;
 }
-// A "set" with `params` that succeeds and answers {"id": id}.
-inline void ExpectSet(const Json::Value& params, long id, int version = 2) {
-  const Reply reply = Call(version, "set", params);
-  EXPECT_TRUE(reply.success && reply.data == Parse(IdParams(id))) << reply.envelope;
-}
 // Each member of `want` (JSON text) equals that member of `item`.
 inline void ExpectMembers(const Json::Value& item, const std::string& want) {
   const Json::Value w = Parse(want);
@@ -177,11 +167,6 @@ inline long AddTask(const TaskSeed& seed) {
 inline _tag_orva_sched_task_ Record(long id) {
   _tag_orva_sched_task_ record{};
   EXPECT_GE(ORVASchedTaskLoad(id, &record), 0) << "task " << id;
-  return record;
-}
-inline _tag_orva_sched_task_ FreshRecord() {
-  _tag_orva_sched_task_ record{};
-  EXPECT_TRUE(ORVA::Core::TaskScheduler::InitTask(boost::none, record));
   return record;
 }
 inline int StoredCount() {
