@@ -97,8 +97,7 @@ inline Json::Value Merged(Json::Value base, const Json::Value& changes) {
   return base;
 }
 
-// A task object of a create or set request, as the edit dialog sends it.
-// With an id > 0, a set of that task.
+// A task object of a create request (with an id > 0, of a set), as the edit dialog sends it.
 inline Json::Value TaskObject(const std::string& type, const Json::Value& extra, long id = 0) {
   Json::Value task = Parse(R"({"owner": "root", "enable": true, "schedule": {"repeat_date": "daily", "hour": 3,
                                "minute": 30}})");
@@ -143,7 +142,6 @@ struct TaskSeed {
   unsigned ownerUid = 0;  // the account it runs as
 };
 
-// The new id, or -1 (test failed).
 inline long AddTask(const TaskSeed& seed) {
   ORVASchedTaskPtr owned(ORVASchedTaskAllocFast());
   ORVA_SCHED_TASK* task = owned.get();
@@ -198,15 +196,15 @@ inline void SetEventTasks(const Json::Value& data, bool reply = true) {
 
 }  // namespace orvatest
 
-inline void OrvatestCapture(int priority, const char* format, va_list ap) {
+inline void OrvaCapture(int priority, const char* format, va_list ap) {
   char buffer[8192];
   vsnprintf(buffer, sizeof(buffer), format, ap);  // %m still sees the caller's errno
   orvatest::gLogs.push_back({priority & LOG_PRIMASK, buffer});
 }
 
 extern "C" {
-void syslog(int p, const char* f, ...) { va_list ap; va_start(ap, f); OrvatestCapture(p, f, ap); va_end(ap); }
-void __syslog_chk(int p, int, const char* f, ...) { va_list ap; va_start(ap, f); OrvatestCapture(p, f, ap); va_end(ap); }
-void vsyslog(int priority, const char* format, va_list ap) { OrvatestCapture(priority, format, ap); }
-void __vsyslog_chk(int priority, int, const char* format, va_list ap) { OrvatestCapture(priority, format, ap); }
+void syslog(int p, const char* f, ...) { va_list ap; va_start(ap, f); OrvaCapture(p, f, ap); va_end(ap); }
+void __syslog_chk(int p, int, const char* f, ...) { va_list ap; va_start(ap, f); OrvaCapture(p, f, ap); va_end(ap); }
+void vsyslog(int priority, const char* format, va_list ap) { OrvaCapture(priority, format, ap); }
+void __vsyslog_chk(int priority, int, const char* format, va_list ap) { OrvaCapture(priority, format, ap); }
 }
