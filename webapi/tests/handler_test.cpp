@@ -145,7 +145,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
 
   Json::Value get = Parse(IdParams(id));
   get["real_owner"] = user.Name();
-  Reply got = Call(3, "get", get);
+  const Reply got = Call(3, "get", get);
   EXPECT_TRUE(got.data["real_owner"] == user.Name() && got.data["owner"] == user.Name()) << got.envelope;
   get["real_owner"] = other.Name();
   EXPECT_EQ(Call(3, "get", get).code, 4801);

@@ -19,7 +19,7 @@ namespace ts = ORVA::Core::TaskScheduler;
 
 // The beep's duration is clamped in command and action but stored as sent; values that
 // are no duration, no script, or an "extra" that is no object fail with 4800.
-TEST(ModuleBeepScript, BeepDurationIsClampedInCommandAndActionButStoredAsSent) {
+TEST(ModuleBeepScript, BeepDurationIsClampedButStoredAsSentAndBadValuesAreRefused) {
   ModuleRoot root;
   const std::pair<const char*, const char*> cases[] = {  // duration, seconds (null: refused)
       {"0", "1"},     {"1", "1"},          {"600", "600"},          {"601", "600"},
@@ -280,7 +280,6 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
     SCOPED_TRACE(form);
     // Each case starts from the same stored task.
     const long id = AddTask({.app = "ORVA.VEK.TaskScheduler.Service", .appArgs = before});
-    gLogs.clear();
     const Reply set = Call(2, "set", TaskObject("service", Parse(form), id));
     if (command) {
       EXPECT_TRUE(set.success) << set.envelope;

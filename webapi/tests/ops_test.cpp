@@ -156,7 +156,7 @@ TEST_F(ModuleList, StoreFailureIs117AndEventsAreNotAsked) {
 }
 
 TEST(ModuleLib, AppKeysOfNamespaces) {
-  // (The other kinds' keys show in the handler and list tests.)
+  // (The other kinds' keys show in the items of get and list.)
   const std::pair<const char*, const char*> cases[] = {
       {"ORVA.VEK.TaskScheduler.AutoPower", "power"}, {"ORVA.VEK.TaskScheduler.ZEMAutoUpdate", "zemupdate"},
       {"ORVA.VEK.BackupApp.NetBackup", "backup"},    {"ORVA.VEK.BackupApp.LocalBackup", "backup"},
