@@ -53,17 +53,9 @@ void Log(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
   resp->SetSuccess(Json::Value(Json::objectValue));
 }
 
-// In-process call of an admin-only API: trusted, so it works for any caller.
-void Exec(ORVA::APIRequest* req, ORVA::APIResponse* resp) {
-  Json::Value result(Json::objectValue);
-  ORVA::APIRunner::Exec(result, "ORVA.Test.Admin", 1, "echo", req->GetParam(""), "admin");
-  resp->SetSuccess(result);
-}
-
 #define TEST_ROWS(api)                                                                               \
   {api, 1, "echo", Echo}, {api, 2, "echo", Echo}, {api, 1, "hold", Hold}, {api, 1, "error", Error},    \
-      {api, 1, "throw", Throw}, {api, 1, "noreply", NoReply}, {api, 1, "ping", Ping}, \
-      {api, 1, "exec", Exec}, {api, 1, "log", Log}
+      {api, 1, "throw", Throw}, {api, 1, "noreply", NoReply}, {api, 1, "ping", Ping}, {api, 1, "log", Log}
 
 const ORVA::APITableRow gTable[] = {
     TEST_ROWS("ORVA.Test.Admin"),
