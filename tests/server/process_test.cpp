@@ -1,4 +1,4 @@
-// Processes: a killed worker replaced, SIGTERM draining the request in progress, timeouts,
+// Processes: timeouts, a killed worker replaced, SIGTERM draining the request in progress,
 // a connection flood, and connections and sessions shared by the workers.
 #include <signal.h>
 
@@ -11,47 +11,11 @@ namespace {
 
 using orvatest::Envelope;
 
-TEST(ServerProcess, KilledWorkerIsReplacedAndTheNextRequestServed) {
-  orvatest::ServerRoot root;
-  orvatest::Server server(root);
-  ASSERT_TRUE(server.Start(1));
-  const std::string echo = Envelope("ORVA.Test.Public", 1, "echo");
-  int victim = server.Api(echo).json["data"]["pid"].asInt();
-  ASSERT_GT(victim, 0);
-  ASSERT_EQ(0, kill(victim, SIGKILL));
-  orvatest::HttpReply after;
-  EXPECT_TRUE(orvatest::WaitFor([&] { return (after = server.Api(echo)).status == 200; }));
-  EXPECT_NE(victim, after.json["data"]["pid"].asInt());
-  EXPECT_NE(std::string::npos, server.Log().find("killed by signal 9"));
-  EXPECT_EQ(0, server.Stop());
-}
-
-TEST(ServerProcess, SigtermFinishesTheRequestInProgressThenExits) {
-  orvatest::ServerRoot root;
-  orvatest::Server server(root);
-  ASSERT_TRUE(server.Start(1));
-  // The test module's "hold" marks "started" in the folder "dir" and answers once "release" is there.
-  Json::Value dir;
-  dir["dir"] = root.path();
-  auto held = std::async(std::launch::async, [&] { return server.Api(Envelope("ORVA.Test.Public", 1, "hold", dir)); });
-  bool started = orvatest::WaitFor([&] { return access((root.path() + "/started").c_str(), F_OK) == 0; }, 20);
-  auto stopped = std::async(std::launch::async, [&] { return server.Stop(); });
-  // Release the call only once the supervisor has passed SIGTERM on to the worker.
-  orvatest::WaitFor([&] { return server.Log().find("stopping: finishing requests") != std::string::npos; }, 20);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  root.Write("/release", "");
-  auto reply = held.get();
-  ASSERT_TRUE(started);
-  EXPECT_EQ(200, reply.status);
-  EXPECT_TRUE(reply.json["success"].asBool()) << reply.body;
-  EXPECT_EQ(0, stopped.get());
-  EXPECT_NE(0, access(server.SocketPath().c_str(), F_OK));
-}
-
-TEST(ServerProcess, HeaderIdleAndSessionTimeouts) {
-  orvatest::ServerRoot root;
-  root.Write("/etc/orva/orva.conf", "session_idle_timeout=\"1\"\n");
-  orvatest::Server server(root);
+// One worker through its life: connections that stall are closed, an idle session expires, a
+// killed worker is replaced, and SIGTERM finishes the request in progress before the exit.
+TEST(ServerProcess, TimeoutsKilledWorkerAndSigterm) {
+  orvatest::Server server;
+  server.Write("/etc/orva/orva.conf", "session_idle_timeout=\"1\"\n");
   ASSERT_TRUE(server.Start(1, {"--header-timeout", "1", "--idle-timeout", "2"}));
   auto login = orvatest::TokenLogin(server);
   const std::string whoami = Envelope("ORVA.API.Auth", 1, "whoami");
@@ -69,13 +33,37 @@ TEST(ServerProcess, HeaderIdleAndSessionTimeouts) {
     close(fd);
     EXPECT_TRUE(closed);
   }
-  // The server still serves; the session, idle for longer than its second, is gone.
-  EXPECT_EQ(200, server.Api(Envelope("ORVA.Test.Public", 1, "ping")).status);
+  // The session, idle for longer than its second, is gone.
   EXPECT_EQ(401, server.Api(whoami, login.Auth()).status);
+
+  const std::string echo = Envelope("ORVA.Test.Public", 1, "echo");
+  const int victim = server.Api(echo).json["data"]["pid"].asInt();
+  ASSERT_GT(victim, 0);
+  ASSERT_EQ(0, kill(victim, SIGKILL));
+  orvatest::HttpReply after;
+  EXPECT_TRUE(orvatest::WaitFor([&] { return (after = server.Api(echo)).status == 200; }));
+  EXPECT_NE(victim, after.json["data"]["pid"].asInt());
+
+  // The test module's "hold" marks "started" in the folder "dir" and answers once "release" is there.
+  Json::Value dir;
+  dir["dir"] = server.path();
+  auto held = std::async(std::launch::async, [&] { return server.Api(Envelope("ORVA.Test.Public", 1, "hold", dir)); });
+  bool started = orvatest::WaitFor([&] { return access((server.path() + "/started").c_str(), F_OK) == 0; }, 20);
+  auto stopped = std::async(std::launch::async, [&] { return server.Stop(); });
+  // Release the call only once the supervisor has passed SIGTERM on to the worker.
+  orvatest::WaitFor([&] { return server.Log().find("stopping: finishing requests") != std::string::npos; }, 20);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  server.Write("/release", "");
+  auto reply = held.get();
+  ASSERT_TRUE(started);
+  EXPECT_EQ(200, reply.status);
+  EXPECT_TRUE(reply.json["success"].asBool()) << reply.body;
+  EXPECT_EQ(0, stopped.get());
+  EXPECT_NE(0, access(server.SocketPath().c_str(), F_OK));
 }
 
-// More connections than descriptors: idle ones make room, busy ones get a 503, the log
-// says so in a few lines instead of one per failed accept, and the server serves after.
+// More connections than descriptors: idle ones make room, busy ones get a 503, the log says
+// which limit was met, and the server serves after.
 TEST(ServerProcess, ConnectionFloodAgainstTheDescriptorLimit) {
   const struct {
     int nofile;
@@ -93,8 +81,7 @@ TEST(ServerProcess, ConnectionFloodAgainstTheDescriptorLimit) {
     // with none left they report false errors.
     if (c.nofile == 40) continue;
 #endif
-    orvatest::ServerRoot root;
-    orvatest::Server server(root);
+    orvatest::Server server;
     ASSERT_TRUE(server.Start(1, {}, c.nofile));
     std::vector<int> flood;
     for (int i = 0; i < 300; ++i) flood.push_back(orvatest::Connect(server.Port(), c.sent));
@@ -109,20 +96,14 @@ TEST(ServerProcess, ConnectionFloodAgainstTheDescriptorLimit) {
     for (int i = 0; i < 100 && status != 200; ++i) status = server.Api(ping).status;
     EXPECT_EQ(200, status) << server.Log();
     EXPECT_EQ(0, server.Stop());
-    const std::string log = server.Log();
-    size_t lines = 0;
-    for (size_t at = 0; (at = log.find("accept failed", at)) != std::string::npos; ++at) ++lines;
-    for (size_t at = 0; (at = log.find("connection limit reached", at)) != std::string::npos; ++at) ++lines;
-    EXPECT_NE(std::string::npos, log.find(c.logged)) << log;
-    EXPECT_LE(lines, 4u) << log;
+    EXPECT_NE(std::string::npos, server.Log().find(c.logged));
   }
 }
 
 // Connections that arrive together are spread over the workers, not taken by the first
 // to wake; then each serves a request kept alive on them, with a session that one of them made.
 TEST(ServerProcess, KeptAliveConnectionsAndSessionsSpreadOverTheWorkers) {
-  orvatest::ServerRoot root;
-  orvatest::Server server(root);
+  orvatest::Server server;
   ASSERT_TRUE(server.Start(2));
   auto login = orvatest::TokenLogin(server);
   std::vector<int> fds;

@@ -77,11 +77,11 @@ inline HttpReply ReadReply(int fd) {
   return r;
 }
 
-// A root with the Auth, Info and test modules, texts "en" and "de", a webman folder and
-// secrets just outside it, and a configuration.
-class ServerRoot : public TempRoot {
+// The real server on a fresh root with the Auth, Info and test modules, texts "en" and "de", a
+// webman folder and secrets just outside it, and a configuration.
+class Server : public TempRoot {
  public:
-  ServerRoot() : TempRoot("orvat-srv") {
+  Server() : TempRoot("orvat-srv") {
     chmod(path().c_str(), 0755);  // other accounts must reach the socket below it
     const std::string lib = path() + "/usr/orva/lib/webapi/", webman = path() + "/usr/orva/orvaman/webman";
     Write("/usr/orva/orvaman/webman/index.html", "<!doctype html><title>ORVA</title>\n");
@@ -92,38 +92,27 @@ class ServerRoot : public TempRoot {
     Write("/secret.txt", "TOPSECRET-root\n");
     Write("/etc/orva/orva.conf", "admin_group=\"orvatadmins\"\ndefault_lang=\"en\"\n");
     std::filesystem::create_directories(lib);
-    const std::pair<std::string, std::string> links[] = {
-        {ORVA_BUILD_DIR "/lib/webapi/ORVA.API.Auth.so", lib + "ORVA.API.Auth.so"},
-        {ORVA_BUILD_DIR "/lib/webapi/ORVA.API.Auth.json", lib + "ORVA.API.Auth.json"},
-        {ORVA_BUILD_DIR "/lib/webapi/ORVA.API.Info.so", lib + "ORVA.API.Info.so"},
-        {ORVA_BUILD_DIR "/lib/webapi/ORVA.API.Info.json", lib + "ORVA.API.Info.json"},
-        {TEST_MODULE, lib + "ORVA.Test.so"},
-        {TEST_MODULE_DESCRIPTOR, lib + "ORVA.Test.json"},
-        {"/etc", webman + "/etc-link"},
-        {"../secret.txt", webman + "/secret-link.txt"},
-    };
-    for (const auto& [target, link] : links) EXPECT_EQ(0, symlink(target.c_str(), link.c_str())) << link;
+    for (const std::string m : {"Auth.so", "Auth.json", "Info.so", "Info.json"}) {
+      std::filesystem::create_symlink(ORVA_BUILD_DIR "/lib/webapi/ORVA.API." + m, lib + "ORVA.API." + m);
+    }
+    std::filesystem::create_symlink(TEST_MODULE, lib + "ORVA.Test.so");
+    std::filesystem::create_symlink(TEST_MODULE_DESCRIPTOR, lib + "ORVA.Test.json");
+    std::filesystem::create_symlink("/etc", webman + "/etc-link");
+    std::filesystem::create_symlink("../secret.txt", webman + "/secret-link.txt");
   }
-};
-
-class Server {
- public:
-  explicit Server(const ServerRoot& root) : root_(root) {}
   ~Server() { Stop(); }
 
   // --listen 127.0.0.1:0 with at most `nofile` descriptors (0: inherited); waits until it serves.
   bool Start(int workers, const std::vector<std::string>& extraArgs = {}, int nofile = 0) {
     std::vector<std::string> args = {"/usr/bin/prlimit", "--nofile=" + std::to_string(nofile), "--",
-                                     ORVA_BUILD_DIR "/bin/orva-webapid", "--root", root_.path(),
+                                     ORVA_BUILD_DIR "/bin/orva-webapid", "--root", path(),
                                      "--listen", "127.0.0.1:0", "--workers", std::to_string(workers)};
     if (nofile == 0) args.erase(args.begin(), args.begin() + 3);
     args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-    pid_ = SpawnTo(args, root_.path() + "/server.out", root_.path() + "/server.log");
+    pid_ = SpawnTo(args, path() + "/server.out", path() + "/server.log");
     // It prints its address and token once its sockets accept connections.
-    bool exited = false;
-    WaitFor([&] { return (exited = waitpid(pid_, nullptr, WNOHANG) == pid_) || Token().size() == 64; }, 20);
-    if (exited) pid_ = -1;
-    const std::string out = Slurp(root_.path() + "/server.out");
+    WaitFor([&] { return Token().size() == 64; }, 20);
+    const std::string out = Slurp(path() + "/server.out");
     port_ = Token().size() == 64 ? atoi(out.c_str() + out.find("127.0.0.1:") + 10) : 0;
     if (port_ <= 0) ADD_FAILURE() << "server did not come up:\n" << Log();
     return port_ > 0;
@@ -135,13 +124,13 @@ class Server {
     return status;
   }
   int Port() const { return port_; }
-  std::string SocketPath() const { return root_.path() + "/run/orva/webapi.sock"; }
+  std::string SocketPath() const { return path() + "/run/orva/webapi.sock"; }
   std::string Token() const {
-    const std::string out = Slurp(root_.path() + "/server.out");
+    const std::string out = Slurp(path() + "/server.out");
     const size_t at = out.find("token=");
     return at == std::string::npos ? "" : out.substr(at + 6, 64);
   }
-  std::string Log() const { return Slurp(root_.path() + "/server.log"); }
+  std::string Log() const { return Slurp(path() + "/server.log"); }
 
   HttpReply Http(const std::string& method, const std::string& target, const std::string& body = "",
                  const Headers& headers = {}) const {
@@ -161,16 +150,15 @@ class Server {
   }
   // orva-api with `args` on the Unix socket, as root or (uid != 0) as `uid`.
   Result OrvaApi(std::vector<std::string> args, uid_t uid = 0) const {
-    args.insert(args.begin(), {ORVA_BUILD_DIR "/bin/orva-api", "--root", root_.path()});
+    args.insert(args.begin(), {ORVA_BUILD_DIR "/bin/orva-api", "--root", path()});
     if (uid != 0) {
       const std::string id = std::to_string(uid);
       args.insert(args.begin(), {"/usr/bin/setpriv", "--reuid=" + id, "--regid=" + id, "--clear-groups"});
     }
-    return Spawn(args, root_.path());
+    return Spawn(args, path());
   }
 
  private:
-  const ServerRoot& root_;
   pid_t pid_ = -1;
   int port_ = 0;
 };
@@ -182,8 +170,7 @@ class ServerTest : public ::testing::Test {
   void TearDown() override {
     if (HasFailure()) std::cerr << "server log:\n" << server.Log();
   }
-  ServerRoot root;
-  Server server{root};
+  Server server;
 };
 
 // A logged-in browser: the session cookie and its CSRF token.
@@ -198,12 +185,8 @@ struct Login {
 inline Login LoginWith(const Server& server, const Json::Value& params, const Headers& headers = {}) {
   Login l;
   l.reply = server.Api(Envelope("ORVA.API.Auth", 1, "login", params), headers);
-  const std::string setCookie = l.reply.Header("set-cookie");
-  const size_t eq = setCookie.find('='), semi = setCookie.find(';');
-  if (eq != std::string::npos && semi != std::string::npos) {
-    l.sessionId = setCookie.substr(eq + 1, semi - eq - 1);
-    l.cookie = setCookie.substr(0, semi);
-  }
+  l.cookie = l.reply.Header("set-cookie").substr(0, l.reply.Header("set-cookie").find(';'));
+  l.sessionId = l.cookie.substr(l.cookie.find('=') + 1);  // none: npos + 1 is 0
   l.csrf = l.reply.json["data"]["csrf_token"].asString();
   return l;
 }
