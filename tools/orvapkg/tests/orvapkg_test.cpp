@@ -13,7 +13,6 @@ TEST(PkgTool, ControlCommandsAndTheirFailures) {
   // Not admitted to service tasks, but still controllable by hand.
   root.Write("/var/lib/orva/packages/beta/package.json", R"({"name": "beta", "version": "2", "service": false,
       "control": {"start": "echo up; exit 0", "stop": "echo down >&2; exit 3"}})");
-  root.Write("/var/lib/orva/packages/broken/package.json", "{ not json");
   struct Case {
     std::vector<std::string> args;
     int status;
@@ -26,15 +25,13 @@ TEST(PkgTool, ControlCommandsAndTheirFailures) {
       {{"start", "beta"}, 0, "up", ""},
       {{"stop", "beta"}, 1, "failed with status 3", ""},
       {{"start", "nosuch"}, 1, "unknown package \"nosuch\"", ""},
-      {{"start", "broken"}, 1, "unknown package \"broken\"", ""},
       {{"start", "../alpha"}, 1, "not a package name", ""},
       {{"restart", "alpha"}, 2, "start or stop", ""},
-      {{"start"}, 2, "name an action and a package", ""},
   };
   for (const Case& c : cases) {
     std::vector<std::string> argv = {ORVA_BUILD_DIR "/bin/orvapkg", "--root", root.path()};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
-    SCOPED_TRACE(orvatest::Shown(argv));
+    SCOPED_TRACE(testing::PrintToString(argv));
     const orvatest::Result r = orvatest::Spawn(argv, root.path());
     EXPECT_EQ(r.status, c.status);
     EXPECT_NE((r.out + r.err).find(c.printed), std::string::npos) << r.out << r.err;

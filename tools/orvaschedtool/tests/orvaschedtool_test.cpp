@@ -39,7 +39,7 @@ TEST(SchedTool, ServicesBuzzerAndFailures) {
       {{"--beep", "1", "--device", "/dev/null"}, 1, "cannot play a tone", "win"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(orvatest::Shown(c.args));
+    SCOPED_TRACE(testing::PrintToString(c.args));
     const orvatest::Result r = run(c.args);
     EXPECT_EQ(r.status, c.status);
     EXPECT_NE((r.out + r.err).find(c.printed), std::string::npos) << r.out << r.err;
