@@ -28,9 +28,6 @@ struct HttpReply {
   Headers headers;  // names in lower case
   std::string body;
   Json::Value json;  // the body parsed, when it is JSON
-  std::string Header(const std::string& lowerName) const {
-    return headers.count(lowerName) != 0 ? headers.at(lowerName) : "";
-  }
 };
 
 // A TCP connection to 127.0.0.1:`port` with `sent` written on it; -1 when it cannot connect.
@@ -185,7 +182,7 @@ struct Login {
 inline Login LoginWith(const Server& server, const Json::Value& params, const Headers& headers = {}) {
   Login l;
   l.reply = server.Api(Envelope("ORVA.API.Auth", 1, "login", params), headers);
-  l.cookie = l.reply.Header("set-cookie").substr(0, l.reply.Header("set-cookie").find(';'));
+  l.cookie = l.reply.headers["set-cookie"].substr(0, l.reply.headers["set-cookie"].find(';'));
   l.sessionId = l.cookie.substr(l.cookie.find('=') + 1);  // none: npos + 1 is 0
   l.csrf = l.reply.json["data"]["csrf_token"].asString();
   return l;

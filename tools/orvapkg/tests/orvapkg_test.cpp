@@ -8,8 +8,9 @@ namespace {
 TEST(PkgTool, ControlCommandsAndTheirFailures) {
   orvatest::TempRoot root{"orvapkg"};
   const std::string alpha = root.Real("/var/lib/orva/packages/alpha");
-  root.Write("/var/lib/orva/packages/alpha/package.json", R"({"name": "alpha", "display_name": "Alpha Media",
-      "version": "1.0", "service": true, "control": {"start": "echo \"$ORVA_PKG_NAME $(pwd)\" > state", "stop": "rm state"}})");
+  root.Write("/var/lib/orva/packages/alpha/package.json", R"({"name": "alpha", "version": "1.0",
+      "display_name": "Alpha Media", "service": true,
+      "control": {"start": "echo \"$ORVA_PKG_NAME $(pwd)\" > state", "stop": "rm state"}})");
   // Not admitted to service tasks, but still controllable by hand.
   root.Write("/var/lib/orva/packages/beta/package.json", R"({"name": "beta", "version": "2", "service": false,
       "control": {"start": "echo up; exit 0", "stop": "echo down >&2; exit 3"}})");

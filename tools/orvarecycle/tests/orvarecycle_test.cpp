@@ -131,33 +131,11 @@ TEST_F(RecycleTest, SymbolicLinksAreRemovedNeverFollowed) {
   EXPECT_TRUE(fs::exists(outside + "/dir/inner.txt"));
 }
 
+// Unknown shares (status 1) and bad usage (status 2) are refused before anything is touched;
+// then the named share, or all of them, is cleaned, and the bins are switched.
 TEST_F(RecycleTest, SharesByNameOrAllOfThem) {
   Fill("docs");
   Fill("odd share");
-  Result r = Run({"--clean", "my \"odd\" share", "-t", "15"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(Left("odd share"), (std::set<std::string>{"b.pdf", "c.log"}));
-  EXPECT_EQ(Left("docs").size(), 7u) << "only the named share is cleaned";
-  r = Run({"--clean"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(Left("docs").empty());
-  EXPECT_TRUE(Left("odd share").empty());
-  // A share without a bin is not an error.
-  fs::remove_all(Bin("docs"));
-  EXPECT_EQ(Run({"--clean", "docs"}).status, 0);
-
-  // --enable and --disable switch the bins in the share file.
-  EXPECT_EQ(Run({"--disable"}).status, 0);
-  EXPECT_EQ(Run({"--enable", "my \"odd\" share"}).status, 0);
-  const Json::Value shares = orvatest::ParseJson(orvatest::Slurp(root_ + "/etc/orva/shares.json"));
-  EXPECT_EQ((std::vector<bool>{shares[0]["recycle_bin"].asBool(), shares[1]["recycle_bin"].asBool()}),
-            (std::vector<bool>{false, true}));
-}
-
-// Unknown shares (status 1) and bad usage (status 2) are refused before anything is touched.
-TEST_F(RecycleTest, RefusedCallsTouchNothing) {
-  Fill("docs");
-  const std::set<std::string> full = Left("docs");
   const std::vector<std::pair<std::vector<std::string>, int>> bad = {
       {{"--clean", "docs", "nosuch"}, 1}, {{"--enable", "nosuch"}, 1}, {{}, 2}, {{"--clean", "-t", "abc"}, 2},
       {{"--clean", "-t", "-5"}, 2}, {{"--clean", "-s", "100", "-o", "3"}, 2}, {{"--clean", "-o", "2"}, 2},
@@ -170,8 +148,26 @@ TEST_F(RecycleTest, RefusedCallsTouchNothing) {
     EXPECT_EQ(r.status, status);
     EXPECT_FALSE(r.err.empty());
   }
-  EXPECT_EQ(Left("docs"), full);
+  EXPECT_EQ(Left("docs").size(), 7u);
   EXPECT_EQ(orvatest::Slurp(root_ + "/etc/orva/shares.json"), shares_) << "no share was switched";
+
+  Result r = Run({"--clean", "my \"odd\" share", "-t", "15"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(Left("odd share"), (std::set<std::string>{"b.pdf", "c.log"}));
+  EXPECT_EQ(Left("docs").size(), 7u) << "only the named share is cleaned";
+  r = Run({"--clean"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(Left("docs").empty());
+  EXPECT_TRUE(Left("odd share").empty());
+  // A share without a bin is not an error.
+  fs::remove_all(Bin("docs"));
+  EXPECT_EQ(Run({"--clean", "docs"}).status, 0);
+
+  EXPECT_EQ(Run({"--disable"}).status, 0);
+  EXPECT_EQ(Run({"--enable", "my \"odd\" share"}).status, 0);
+  const Json::Value shares = orvatest::ParseJson(orvatest::Slurp(root_ + "/etc/orva/shares.json"));
+  EXPECT_EQ((std::vector<bool>{shares[0]["recycle_bin"].asBool(), shares[1]["recycle_bin"].asBool()}),
+            (std::vector<bool>{false, true}));
 }
 
 }  // namespace
