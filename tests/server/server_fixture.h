@@ -12,7 +12,6 @@
 #include <json/json.h>
 
 #include <algorithm>
-#include <iostream>
 #include <map>
 #include <string>
 #include <vector>
@@ -158,16 +157,6 @@ class Server : public TempRoot {
  private:
   pid_t pid_ = -1;
   int port_ = 0;
-};
-
-// One server with one worker on a fresh root; its log is shown when the test fails.
-class ServerTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(server.Start(1)); }
-  void TearDown() override {
-    if (HasFailure()) std::cerr << "server log:\n" << server.Log();
-  }
-  Server server;
 };
 
 // A logged-in browser: the session cookie and its CSRF token.
