@@ -167,13 +167,6 @@ inline int Stop(pid_t pid, double seconds = 15) {
   return -1;
 }
 
-// "[a][b]": an argument list as a trace label.
-inline std::string Shown(const std::vector<std::string>& args) {
-  std::string s;
-  for (const std::string& a : args) s += "[" + a + "]";
-  return s;
-}
-
 // Runs a shell command until it succeeds (useradd and friends refuse while another holds
 // the account files' lock); true when it did.
 inline bool RunRetried(const std::string& command) {
@@ -215,11 +208,7 @@ class TestUser {
     }
     if (group* gr = extraGroup ? getgrnam(group_.c_str()) : nullptr) extraGid_ = gr->gr_gid;
   }
-  ~TestUser() { Remove(); }
-  TestUser(const TestUser&) = delete;
-  TestUser& operator=(const TestUser&) = delete;
-  // Deletes the account (and its extra group) before scope end.
-  void Remove() {
+  ~TestUser() {
     if (getpwnam(name_.c_str()) != nullptr && !RunRetried("userdel '" + name_ + "'")) {
       ADD_FAILURE() << "userdel " << name_ << " failed";
     }
@@ -227,6 +216,8 @@ class TestUser {
       ADD_FAILURE() << "groupdel " << group_ << " failed";
     }
   }
+  TestUser(const TestUser&) = delete;
+  TestUser& operator=(const TestUser&) = delete;
   bool Ok() const { return uid_ != 0; }
   const std::string& Name() const { return name_; }
   uid_t Uid() const { return uid_; }
