@@ -36,13 +36,16 @@ TEST(SchedCrash, KilledAndConcurrentWritersLoseNothing) {
   const int kSaves = 60;
   std::mt19937 rng(static_cast<unsigned>(getpid()));
   for (int round = 0; round < 5; ++round) {
-    int pfd[2];
-    ASSERT_EQ(pipe(pfd), 0);
+    int pfd[2], go[2];
+    ASSERT_EQ(pipe(pfd) | pipe(go), 0);
     pid_t pids[2];
     for (int w = 0; w < 2; ++w) {
       ASSERT_GE(pids[w] = fork(), 0);
       if (pids[w] != 0) continue;
       close(pfd[0]);
+      close(go[1]);
+      char c;
+      if (read(go[0], &c, 1) != 0) _exit(3);  // released together when the parent closes the pipe
       for (int i = 0; w == 0 || i < kSaves; ++i) {
         Ack ack{0, w, i};
         auto t = NewTask();
@@ -58,6 +61,8 @@ TEST(SchedCrash, KilledAndConcurrentWritersLoseNothing) {
       _exit(0);
     }
     close(pfd[1]);
+    close(go[0]);
+    close(go[1]);
     usleep(std::uniform_int_distribution<unsigned>(20000, 400000)(rng));
     kill(pids[0], SIGKILL);
     int status = 0;
