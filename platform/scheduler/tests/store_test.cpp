@@ -5,7 +5,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <functional>
 #include <type_traits>
 #include <vector>
 
@@ -22,7 +21,7 @@ using orvatest::TestUser;
 
 namespace {
 
-// The text and flag rows of the field table, with their accessors.
+// The text rows of the field table, with their accessors.
 struct TextField {
   const char* name;
   void (*set)(ORVA_SCHED_TASK*, const char*);
@@ -30,21 +29,11 @@ struct TextField {
   size_t size;
   uint32_t bit;
 };
-struct FlagField {
-  const char* name;
-  std::function<void(ORVA_SCHED_TASK*, int)> set;
-  bool (*get)(const _tag_orva_sched_task_&);
-};
 std::vector<TextField> kTextFields;
-std::vector<FlagField> kFlagFields;
 template <class G, class S, class A>
 void AddField(const char* name, G get, S set, size_t size, A arg) {
   if constexpr (std::is_same_v<S, void (*)(ORVA_SCHED_TASK*, const char*)>) {
     kTextFields.push_back({name, set, get, size, static_cast<uint32_t>(arg)});
-  } else if constexpr (!std::is_same_v<G, std::nullptr_t> && !std::is_same_v<S, std::nullptr_t>) {
-    if constexpr (std::is_same_v<G, bool (*)(const _tag_orva_sched_task_&)>) {
-      kFlagFields.push_back({name, [set](ORVA_SCHED_TASK* t, int v) { set(t, v); }, get});
-    }
   }
 }
 const bool kFieldsRead = [] {
@@ -72,8 +61,9 @@ int CountTasks() {
 
 }  // namespace
 
-// A fresh record (loaded as id -1 over garbage) with every field changed comes back whole
-// from the store and from a listing; ids of removed tasks are never given out again.
+// A fresh record (loaded as id -1 over garbage) with every text and the schedule changed
+// comes back whole from the store and from a listing (the flags: orva-taskctl's test); ids
+// of removed tasks are never given out again.
 TEST(SchedStore, EveryFieldRoundTripsAndIdsAreNotReused) {
   TempRoot root;
   auto t = NewTask(), back = NewTask();
@@ -81,7 +71,6 @@ TEST(SchedStore, EveryFieldRoundTripsAndIdsAreNotReused) {
   ASSERT_EQ(ORVASchedTaskLoad(-1, back.get()), 0);
   EXPECT_EQ(memcmp(t.get(), back.get(), sizeof(ORVA_SCHED_TASK)), 0);
   for (const TextField& f : kTextFields) f.set(t.get(), (std::string("text of ") + f.name + " \"'\n\t").c_str());
-  for (const FlagField& f : kFlagFields) f.set(t.get(), !f.get(*t));
   ORVASchedCTaskSetID(t.get(), 4242);
   ORVASchedCTaskSetOwner(t.get(), 2);
   ORVASchedCTaskSetRealOwner(t.get(), true, 2);
@@ -99,7 +88,6 @@ TEST(SchedStore, EveryFieldRoundTripsAndIdsAreNotReused) {
   ORVA_SCHED_TASK* list = nullptr;
   ASSERT_EQ(ORVASchedTaskListGet(&list, nullptr, nullptr), 1);
   for (const TextField& f : kTextFields) EXPECT_STREQ(f.get(*list), f.get(*t)) << f.name;
-  for (const FlagField& f : kFlagFields) EXPECT_EQ(f.get(*list), f.get(*t)) << f.name;
   EXPECT_EQ(memcmp(&ORVASchedTaskGetSchedule(*list), &s, sizeof(s)), 0);
   EXPECT_EQ(std::vector<int64_t>({ORVASchedTaskGetID(*list), ORVASchedTaskGetOwner(*list),
                                   ORVASchedTaskGetRealOwner(*list), ORVASchedTaskGetMarker(*list)}),
