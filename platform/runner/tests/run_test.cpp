@@ -237,21 +237,6 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   waitpid(other, nullptr, 0);
 }
 
-TEST_F(SchedRunTest, HistoryKeepsTheLastFifty) {
-  long id = Save("true", 0);
-  for (int i = 0; i < ORVA_SCHED_RUN_HISTORY_MAX + 7; ++i) {
-    ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, id, "schedule", "skipped", std::to_string(i)), 0);
-  }
-  Json::Value runs;
-  ASSERT_EQ(History(id, runs), 0);
-  ASSERT_EQ(runs.size(), static_cast<unsigned>(ORVA_SCHED_RUN_HISTORY_MAX));
-  EXPECT_EQ(runs[0]["output"], std::to_string(ORVA_SCHED_RUN_HISTORY_MAX + 6));
-  EXPECT_EQ(runs[ORVA_SCHED_RUN_HISTORY_MAX - 1]["output"], "7");
-  // Removing the task drops its history.
-  ASSERT_EQ(ORVASchedTaskRemove(id), 0);
-  EXPECT_EQ(History(id, runs), -1);
-}
-
 // The daemon's batches: several ids, each task in a process of its own. One bad id: none
 // is run.
 TEST_F(SchedRunTest, RunnerCommandLine) {
