@@ -90,29 +90,6 @@ class SchedulerTest : public ::testing::Test {
   RecordingLauncher launcher;
 };
 
-TEST_F(SchedulerTest, DueTasksStartOnceAtTheirTime) {
-  clock.now = Local(2024, 5, 1, 9, 59, 30);
-  source.tasks = {Daily(1, 10, 0), Daily(2, 10, 0, 30, 11)};
-  orva_sched::Scheduler s(clock, source, launcher);
-  ASSERT_TRUE(s.Rescan());
-  EXPECT_EQ(s.NextWake(), Local(2024, 5, 1, 10, 0));
-  s.Tick();
-  EXPECT_TRUE(launcher.launches.empty());
-
-  clock.now = Local(2024, 5, 1, 10, 0);
-  s.Tick();
-  s.Tick();
-  clock.now += 30;
-  s.Tick();
-  EXPECT_EQ(launcher.launches, (Fired{{1, Local(2024, 5, 1, 10, 0)}, {2, Local(2024, 5, 1, 10, 0)}}));
-  EXPECT_EQ(s.NextOf(1), Local(2024, 5, 2, 10, 0));
-
-  launcher.launches.clear();
-  RunUntil(s, Local(2024, 5, 2, 10, 0) - 1);
-  EXPECT_EQ(launcher.launches,
-            (Fired{{2, Local(2024, 5, 1, 10, 30)}, {2, Local(2024, 5, 1, 11, 0)}, {2, Local(2024, 5, 1, 11, 30)}}));
-}
-
 TEST_F(SchedulerTest, ChangedAndDeletedTasksAreRescheduled) {
   clock.now = Local(2024, 5, 1, 9, 0);
   source.tasks = {Daily(1, 10, 0), Daily(2, 10, 0), Daily(3, 9, 30)};
