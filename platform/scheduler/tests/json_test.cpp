@@ -26,27 +26,23 @@ bool FromJson(const Json::Value& in, ORVA_SCHED_TASK& t) {
 
 }  // namespace
 
-// The keys the module shows are its tests' (get answers them): here the longest name, the
-// id as text, and what JSON written by the store reads back as.
+// The keys the module shows, and what its get answers going back through set, are its
+// tests': here the longest name and the id as text.
 TEST(SchedJson, BasicAtTheLimitAndByUser) {
   TestUser a;
   const std::string longest(ORVA_SCHED_NAME_MAX - 1, 'n');
   Json::Value in = ParseJson(R"({"basic": {"id": "42", "enabled": "OFF"}})");
   in["basic"]["task_name"] = longest;
   in["basic"]["owner"] = a.Name();
-  auto t = NewTask(), again = NewTask();
+  auto t = NewTask();
   ASSERT_TRUE(FromJson(in, *t));
   EXPECT_EQ(std::tuple(ORVASchedTaskGetID(*t), std::string(ORVASchedTaskGetName(*t)), ORVASchedTaskGetOwner(*t),
                        ORVASchedTaskIsEnabled(*t)),
             std::tuple(42L, longest, a.Uid(), false));
-  Json::Value out;
-  ASSERT_TRUE(ORVASchedTaskConvertToJson_Basic(*t, out));
-  ASSERT_TRUE(FromJson(out, *again));
-  EXPECT_EQ(Bytes(*again), Bytes(*t));
   // Absent keys keep what the record holds; "-1" makes it new.
-  ASSERT_TRUE(FromJson(ParseJson(R"({"basic": {"id": "-1"}})"), *again));
-  EXPECT_TRUE(ORVASchedTaskIsNew(*again));
-  EXPECT_EQ(ORVASchedTaskGetName(*again), longest);
+  ASSERT_TRUE(FromJson(ParseJson(R"({"basic": {"id": "-1"}})"), *t));
+  EXPECT_TRUE(ORVASchedTaskIsNew(*t));
+  EXPECT_EQ(ORVASchedTaskGetName(*t), longest);
 
   // On behalf of a user, an absent owner is the user (another owner: the module's tests).
   auto mine = NewTask();
@@ -123,8 +119,4 @@ TEST(SchedJson, BadValuesAreRefusedWithNothingApplied) {
   over["basic"]["task_name"] = std::string(ORVA_SCHED_NAME_MAX, 'n');
   EXPECT_FALSE(FromJson(over, *t));
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_TOO_LONG);
-  // Accepted forms of the id.
-  for (const char* ok : {R"({"basic": {"id": 12}})", R"({"basic": {"id": "12"}})", R"({"basic": {}})", R"({})"}) {
-    EXPECT_TRUE(ORVASchedTaskConvertFromJson_Basic(ParseJson(ok), *t)) << ok;
-  }
 }
