@@ -21,27 +21,19 @@ namespace {
 
 using orvatest::Slurp;
 
-// The task's runs, newest first, each its summary with its output, as the run pages
-// read them; -1 for an unknown task.
-int History(long id, Json::Value& runs) {
-  Json::Value all;
-  runs = Json::Value(Json::arrayValue);
-  if (ORVASchedTaskGetRuns(id, all) != 0) return -1;
-  for (const Json::Value& r : all["runs"]) {
-    Json::Value one;
-    if (ORVASchedTaskGetRun(id, r["run_id"].asInt64(), one) != 0) return -1;
-    runs.append(one);
-  }
-  return 0;
-}
-
-// Waits until the task has `n` runs and none is running; returns the history.
+// Waits until the task has `n` runs and none is running; returns them newest first, each
+// its summary with its output, as the run pages read them.
 Json::Value WaitRuns(long id, unsigned n) {
   Json::Value runs;
   bool done = orvatest::WaitFor([&] {
-    EXPECT_EQ(History(id, runs), 0);
+    Json::Value all, one;
+    EXPECT_EQ(ORVASchedTaskGetRuns(id, all), 0);
+    runs = Json::Value(Json::arrayValue);
     bool running = false;
-    for (const Json::Value& r : runs) running = running || r["result"] == "running";
+    for (const Json::Value& r : all["runs"]) {
+      EXPECT_EQ(ORVASchedTaskGetRun(id, r["run_id"].asInt64(), one), 0);
+      running = running || runs.append(one)["result"] == "running";
+    }
     return runs.size() >= n && !running;
   }, 60);
   EXPECT_TRUE(done) << "task " << id << " did not finish " << n << " runs";
@@ -211,11 +203,7 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   // An open run whose recorded runner is not the process that has the pid now: nothing
   // is signalled, and it is not shown as running.
   long id = Save("true", u.Uid());
-  pid_t other = fork();
-  if (other == 0) {
-    execl("/bin/sleep", "sleep", "30", static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  const pid_t other = orvatest::SpawnTo({"/bin/sleep", "30"}, "/dev/null", "/dev/null");
   int64_t run = ORVASchedRunBegin(ORVA_SCHED_RUN_TASK, id, "manual", other);
   ASSERT_GT(run, 0);
   EXPECT_TRUE(Running(id));
@@ -224,9 +212,7 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   EXPECT_EQ(ORVASchedTaskStop(id, nullptr), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_RUNNING);
   EXPECT_FALSE(Running(id));
-  EXPECT_EQ(waitpid(other, nullptr, WNOHANG), 0);  // still alive
-  kill(other, SIGKILL);
-  waitpid(other, nullptr, 0);
+  EXPECT_EQ(orvatest::Stop(other, 5), 128 + SIGTERM);  // still alive, ended by this SIGTERM only
 }
 
 // The daemon's batches: several ids, each task in a process of its own. One bad id: none
