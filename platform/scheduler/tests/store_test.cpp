@@ -1,6 +1,4 @@
 // The store: records, persistence at the field limits, ids, owners, the database files.
-#include <errno.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -44,13 +42,6 @@ const bool kFieldsRead = [] {
   ORVA_SCHED_TASK_FIELDS(ADD_FIELD)
   return true;
 }();
-
-int CountTasks() {
-  ORVA_SCHED_TASK* list = nullptr;
-  int n = ORVASchedTaskListGet(&list, nullptr, nullptr);
-  ORVASchedTaskListFree(list);
-  return n;
-}
 
 // `rc` is -1 and the error recorded is `code`.
 ::testing::AssertionResult FailedWith(int64_t rc, int code) {
@@ -166,7 +157,7 @@ TEST(SchedStore, AUsersTaskRunsAsThatUser) {
   }
   ORVASchedCTaskSetRealOwner(other.get(), true, a.Uid());
   EXPECT_TRUE(FailedWith(ORVASchedTaskSave(other.get()), ORVA_SCHED_ERR_NOT_OWNER));
-  EXPECT_EQ(CountTasks(), 2);
+  EXPECT_EQ(orvatest::QueryOne(ORVASchedStoreDbPath(), "SELECT count(*) FROM tasks"), "2");
   // Unknown users fail everywhere; so does running a task that was never saved.
   const char* ghost = "orvat-no-such-user";
   EXPECT_TRUE(FailedWith(ORVASchedTaskLoadByUser(ghost, -1, mine.get()), ORVA_SCHED_ERR_NO_USER));
