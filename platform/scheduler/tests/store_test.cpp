@@ -110,9 +110,6 @@ TEST(SchedStore, EveryFieldRoundTripsAndIdsAreNotReused) {
   ASSERT_EQ(ORVASchedTaskSave(next.get()), 0);
   EXPECT_EQ(ORVASchedTaskGetID(*next), 4243);
   EXPECT_TRUE(FailedWith(ORVASchedTaskLoad(4242, back.get()), ORVA_SCHED_ERR_NOT_FOUND));
-  // A spoiled schedule is refused by the store itself, not only by the JSON conversion.
-  next->schedule.hour = 24;
-  EXPECT_TRUE(FailedWith(ORVASchedTaskSave(next.get()), ORVA_SCHED_ERR_INVALID));
 }
 
 // A user touches only their own tasks: the module's tests walk load, save, run and remove
