@@ -67,11 +67,6 @@ class SchedRunTest : public ::testing::Test {
     EXPECT_EQ(ORVASchedTaskSave(t.get()), 0);
     return ORVASchedTaskGetID(*t);
   }
-  // Whether the store shows a run of the task in progress.
-  static bool Running(long id) {
-    Json::Value status;
-    return ORVASchedTaskGetRunStatus(static_cast<int>(id), status) == 0 && status["running"].asBool();
-  }
 
   TempRoot root_;
   std::string out_;
@@ -111,8 +106,6 @@ TEST_F(SchedRunTest, RunsAsTheOwnerWithItsGroupsAndRecordsTheRun) {
 // run as an owner that no longer exists.
 TEST_F(SchedRunTest, RecordsExitSignalAndOutput) {
   TestUser u;
-  // Far above the range useradd takes uids from, so no test user can get it meanwhile.
-  const uid_t gone = 2000000000;
   const std::string tail = std::string(ORVA_SCHED_RUN_OUTPUT_MAX - 5, 'a') + "\xef\xbf\xbd" "END\n";
   const struct {
     std::string command;
@@ -128,7 +121,8 @@ TEST_F(SchedRunTest, RecordsExitSignalAndOutput) {
   };
   std::vector<long> ids;
   for (const auto& c : cases) {
-    ids.push_back(Save(c.command, c.goneOwner ? gone : u.Uid()));
+    // A gone owner's uid lies far above the range useradd takes uids from.
+    ids.push_back(Save(c.command, c.goneOwner ? 2000000000 : u.Uid()));
     ASSERT_EQ(ORVASchedTaskRun(ids.back(), 0, 0), 0);
   }
   for (size_t i = 0; i < ids.size(); ++i) {
@@ -191,12 +185,13 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   const pid_t other = orvatest::SpawnTo({"/bin/sleep", "30"}, "/dev/null", "/dev/null");
   int64_t run = ORVASchedRunBegin(ORVA_SCHED_RUN_TASK, id, "manual", other);
   ASSERT_GT(run, 0);
-  EXPECT_TRUE(Running(id));
+  Json::Value status;
+  EXPECT_TRUE(ORVASchedTaskGetRunStatus(static_cast<int>(id), status) == 0 && status["running"].asBool());
   orvatest::QueryOne(ORVASchedStoreDbPath(),
                       ("UPDATE runs SET runner_start = runner_start + 1 WHERE id = " + std::to_string(run)).c_str());
   EXPECT_EQ(ORVASchedTaskStop(id, nullptr), -1);
   EXPECT_EQ(KELCErrGet(), ORVA_SCHED_ERR_NOT_RUNNING);
-  EXPECT_FALSE(Running(id));
+  EXPECT_TRUE(ORVASchedTaskGetRunStatus(static_cast<int>(id), status) == 0 && !status["running"].asBool());
   EXPECT_EQ(orvatest::Stop(other, 5), 128 + SIGTERM);  // still alive, ended by this SIGTERM only
 }
 
