@@ -2,7 +2,6 @@
 // detached runners waited for.
 #pragma once
 
-#include <dirent.h>
 #include <sqlite3.h>
 
 #include <string>
@@ -14,36 +13,24 @@ namespace orvatest {
 
 inline ORVASchedTaskPtr NewTask() { return ORVASchedTaskPtr(ORVASchedTaskAllocFast()); }
 
-// The first column of the first row of `sql` on the database at `path`, "" if none.
+// Runs `sql` on the database at `path`; the first column of its first row, "" if none.
 inline std::string QueryOne(const std::string& path, const char* sql) {
   sqlite3* db = nullptr;
   std::string out;
-  sqlite3_stmt* st = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
-      sqlite3_prepare_v2(db, sql, -1, &st, nullptr) == SQLITE_OK && sqlite3_step(st) == SQLITE_ROW &&
-      sqlite3_column_text(st, 0)) {
-    out = reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+    sqlite3_exec(db, sql, [](void* o, int, char** v, char**) {
+      *static_cast<std::string*>(o) = v[0] ? v[0] : "";
+      return 1;  // the first row is enough
+    }, &out, nullptr);
   }
-  sqlite3_finalize(st);
   sqlite3_close(db);
   return out;
 }
 
-// True while some other process has `text` on its command line.
-inline bool AnyProcessMentions(const std::string& text) {
-  DIR* proc = opendir("/proc");
-  bool found = false;
-  while (struct dirent* e = proc && !found ? readdir(proc) : nullptr) {
-    if (e->d_name[0] < '1' || e->d_name[0] > '9' || atoi(e->d_name) == getpid()) continue;
-    found = Slurp(std::string("/proc/") + e->d_name + "/cmdline").find(text) != std::string::npos;
-  }
-  if (proc) closedir(proc);
-  return found;
-}
-
 // The detached runners of a test must be gone before its root is removed.
 inline void WaitForRunners(const std::string& root) {
-  if (!WaitFor([&] { return !AnyProcessMentions(root); }, 30)) ADD_FAILURE() << "runners still alive for " << root;
+  const auto gone = [&] { return Spawn({"/usr/bin/pgrep", "-f", root}, root).status == 1; };
+  if (!WaitFor(gone, 30)) ADD_FAILURE() << "runners still alive for " << root;
 }
 
 }  // namespace orvatest

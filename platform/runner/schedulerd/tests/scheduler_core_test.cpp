@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orvatest.h"
@@ -15,49 +16,24 @@
 namespace {
 
 using orva_sched::TaskSnapshot;
+using Fired = std::vector<std::pair<long, time_t>>;  // task id, when it was started
 
-class FakeClock : public orva_sched::Clock {
+// The clock, the store and the runner at once: a settable time, a task list, the launches.
+class Fake : public orva_sched::Clock, public orva_sched::TaskSource, public orva_sched::Launcher {
  public:
   time_t Now() override { return now; }
-  time_t now = 0;
-};
-
-class FakeSource : public orva_sched::TaskSource {
- public:
   bool Load(std::vector<TaskSnapshot>& out) override {
-    if (fail) return false;
     out = tasks;
+    return !fail;
+  }
+  bool Launch(long id) override {
+    launches.emplace_back(id, now);
     return true;
   }
-  TaskSnapshot* Find(long id) {
-    for (auto& t : tasks) {
-      if (t.id == id) return &t;
-    }
-    return nullptr;
-  }
+  time_t now = 0;
   std::vector<TaskSnapshot> tasks;
   bool fail = false;
-};
-
-struct Fired {
-  long id;
-  time_t at;
-  bool operator==(const Fired& o) const { return id == o.id && at == o.at; }
-};
-
-std::ostream& operator<<(std::ostream& os, const Fired& l) {
-  return os << "{task " << l.id << " at " << ORVASchedFormatTriggerTime(l.at) << " (" << l.at << ")}";
-}
-
-class RecordingLauncher : public orva_sched::Launcher {
- public:
-  explicit RecordingLauncher(FakeClock& c) : clock(c) {}
-  bool Launch(long id) override {
-    launches.push_back({id, clock.now});
-    return true;
-  }
-  FakeClock& clock;
-  std::vector<Fired> launches;
+  Fired launches;
 };
 
 // A wall time (the tests run in UTC).
@@ -72,7 +48,6 @@ TaskSnapshot Daily(long id, int h, int mi, int repeatMin = 0, int lastHour = 0) 
   TaskSnapshot t;
   t.id = id;
   t.enabled = true;
-  t.name = "task " + std::to_string(id);
   t.schedule.year = 2024, t.schedule.month = 5, t.schedule.day = 1;
   t.schedule.repeat = ORVA_SCHED_REPEAT_DAILY;
   t.schedule.hour = static_cast<uint8_t>(h), t.schedule.min = static_cast<uint8_t>(mi);
@@ -83,7 +58,7 @@ TaskSnapshot Daily(long id, int h, int mi, int repeatMin = 0, int lastHour = 0) 
 
 class SchedulerTest : public ::testing::Test {
  protected:
-  SchedulerTest() : launcher(clock) {
+  SchedulerTest() {
     setenv("TZ", "UTC", 1);
     tzset();
   }
@@ -91,142 +66,102 @@ class SchedulerTest : public ::testing::Test {
   // What the daemon's loop does: sleep until the earliest trigger, then tick.
   void RunUntil(orva_sched::Scheduler& s, time_t end) {
     for (time_t w = s.NextWake(); w != -1 && w <= end; w = s.NextWake()) {
-      ASSERT_GE(w, clock.now) << "a wake-up in the past would spin";
-      clock.now = w;
+      ASSERT_GE(w, fake.now) << "a wake-up in the past would spin";
+      fake.now = w;
       s.Tick();
     }
-    clock.now = end;
+    fake.now = end;
     s.Tick();
   }
 
   orvatest::TempRoot root{"orvasched-core"};
-  FakeClock clock;
-  FakeSource source;
-  RecordingLauncher launcher;
+  Fake fake;
 };
 
-TEST_F(SchedulerTest, DueTasksStartOnceAtTheirTime) {
-  clock.now = Local(2024, 5, 1, 9, 59, 30);
-  source.tasks = {Daily(1, 10, 0), Daily(2, 10, 0, 30, 11)};
-  orva_sched::Scheduler s(clock, source, launcher);
-  ASSERT_TRUE(s.Rescan());
-  EXPECT_EQ(s.NextWake(), Local(2024, 5, 1, 10, 0));
-  s.Tick();
-  EXPECT_TRUE(launcher.launches.empty());
-
-  clock.now = Local(2024, 5, 1, 10, 0);
-  s.Tick();
-  s.Tick();
-  clock.now += 30;
-  s.Tick();
-  EXPECT_EQ(launcher.launches, (std::vector<Fired>{{1, Local(2024, 5, 1, 10, 0)}, {2, Local(2024, 5, 1, 10, 0)}}));
-  EXPECT_EQ(s.NextOf(1), Local(2024, 5, 2, 10, 0));
-
-  launcher.launches.clear();
-  RunUntil(s, Local(2024, 5, 2, 10, 0) - 1);
-  EXPECT_EQ(launcher.launches, (std::vector<Fired>{{2, Local(2024, 5, 1, 10, 30)},
-                                                    {2, Local(2024, 5, 1, 11, 0)},
-                                                    {2, Local(2024, 5, 1, 11, 30)}}));
-}
-
 TEST_F(SchedulerTest, ChangedAndDeletedTasksAreRescheduled) {
-  clock.now = Local(2024, 5, 1, 9, 0);
-  source.tasks = {Daily(1, 10, 0), Daily(2, 10, 0), Daily(3, 9, 30)};
-  source.tasks[2].enabled = false;
-  orva_sched::Scheduler s(clock, source, launcher);
+  fake.now = Local(2024, 5, 1, 9, 0);
+  fake.tasks = {Daily(1, 10, 0), Daily(2, 10, 0), Daily(3, 9, 30)};
+  fake.tasks[2].enabled = false;
+  orva_sched::Scheduler s(fake, fake, fake);
   ASSERT_TRUE(s.Rescan());
   EXPECT_EQ(s.NextOf(3), -1);
 
-  source.Find(1)->schedule.hour = 11;  // moved
-  source.Find(2)->name = "renamed";    // same schedule: keeps its trigger
+  fake.tasks[0].schedule.hour = 11;  // moved
+  fake.tasks[1].name = "renamed";    // same schedule: keeps its trigger
   ASSERT_TRUE(s.Rescan());
   EXPECT_EQ(s.NextOf(1), Local(2024, 5, 1, 11, 0));
   EXPECT_EQ(s.NextOf(2), Local(2024, 5, 1, 10, 0));
   RunUntil(s, Local(2024, 5, 1, 10, 0, 0));
 
   // A rename in the very second of a run does not run it again.
-  source.Find(2)->name = "renamed again";
+  fake.tasks[1].name = "renamed again";
   ASSERT_TRUE(s.Rescan());
   RunUntil(s, Local(2024, 5, 1, 12, 0));
-  EXPECT_EQ(launcher.launches, (std::vector<Fired>{{2, Local(2024, 5, 1, 10, 0)}, {1, Local(2024, 5, 1, 11, 0)}}));
+  EXPECT_EQ(fake.launches, (Fired{{2, Local(2024, 5, 1, 10, 0)}, {1, Local(2024, 5, 1, 11, 0)}}));
 
   // Deleted, and enabled: the disabled task never ran, now it does.
-  source.tasks.erase(source.tasks.begin());
-  source.Find(3)->enabled = true;
+  fake.tasks.erase(fake.tasks.begin());
+  fake.tasks[1].enabled = true;
   ASSERT_TRUE(s.Rescan());
-  EXPECT_EQ(s.TaskCount(), 2u);
   EXPECT_EQ(s.NextOf(1), -1);
-  launcher.launches.clear();
+  fake.launches.clear();
   RunUntil(s, Local(2024, 5, 2, 12, 0));
-  EXPECT_EQ(launcher.launches, (std::vector<Fired>{{3, Local(2024, 5, 2, 9, 30)}, {2, Local(2024, 5, 2, 10, 0)}}));
+  EXPECT_EQ(fake.launches, (Fired{{3, Local(2024, 5, 2, 9, 30)}, {2, Local(2024, 5, 2, 10, 0)}}));
 
   // A store that cannot be read leaves the table as it was.
-  source.fail = true;
+  fake.fail = true;
   EXPECT_FALSE(s.Rescan());
   EXPECT_EQ(s.TaskCount(), 2u);
   EXPECT_EQ(s.NextOf(2), Local(2024, 5, 3, 10, 0));
 }
 
-TEST_F(SchedulerTest, ClockSetForwardOrBackRecomputes) {
-  clock.now = Local(2024, 5, 1, 9, 0);
-  source.tasks = {Daily(1, 10, 0), Daily(2, 12, 0)};
-  orva_sched::Scheduler s(clock, source, launcher);
+// The clock set forward past a trigger misses it (unless within the grace), set back it
+// comes again; a late wake-up misses what is past the grace; a stopped daemon reports
+// what it missed at its next start and replays none of it.
+TEST_F(SchedulerTest, ClockChangesAndLateWakeUps) {
+  fake.now = Local(2024, 5, 1, 9, 0);
+  fake.tasks = {Daily(1, 10, 0), Daily(2, 12, 0), Daily(3, 13, 0, 5, 23)};
+  orva_sched::Scheduler s(fake, fake, fake);
   ASSERT_TRUE(s.Rescan());
-
-  // Forward past 10:00: that run is missed, not replayed; 12:00 still comes.
-  clock.now = Local(2024, 5, 1, 11, 0);
+  fake.now = Local(2024, 5, 1, 11, 0);
   s.ClockChanged();
-  EXPECT_TRUE(launcher.launches.empty());
+  EXPECT_TRUE(fake.launches.empty());
   EXPECT_EQ(s.NextOf(1), Local(2024, 5, 2, 10, 0));
   EXPECT_EQ(s.NextOf(2), Local(2024, 5, 1, 12, 0));
-
-  // Back before 10:00: 10:00 today comes again.
-  clock.now = Local(2024, 5, 1, 9, 30);
+  fake.now = Local(2024, 5, 1, 9, 30);
   s.ClockChanged();
   EXPECT_EQ(s.NextOf(1), Local(2024, 5, 1, 10, 0));
   RunUntil(s, Local(2024, 5, 1, 10, 0, 5));
-  EXPECT_EQ(launcher.launches, (std::vector<Fired>{{1, Local(2024, 5, 1, 10, 0)}}));
+  EXPECT_EQ(fake.launches, (Fired{{1, Local(2024, 5, 1, 10, 0)}}));
 
-  // A small step over a trigger (within the grace) still runs it, once.
-  launcher.launches.clear();
-  clock.now = Local(2024, 5, 1, 11, 59, 50);
+  fake.launches.clear();
+  fake.now = Local(2024, 5, 1, 11, 59, 50);
   s.Tick();
-  clock.now = Local(2024, 5, 1, 12, 0, 30);
+  fake.now = Local(2024, 5, 1, 12, 0, 30);
   s.ClockChanged();
   s.Tick();
-  EXPECT_EQ(launcher.launches, (std::vector<Fired>{{2, Local(2024, 5, 1, 12, 0, 30)}}));
+  EXPECT_EQ(fake.launches, (Fired{{2, Local(2024, 5, 1, 12, 0, 30)}}));
   EXPECT_EQ(s.NextOf(2), Local(2024, 5, 2, 12, 0));
-}
 
-TEST_F(SchedulerTest, LateWakeUpsAreMissedNotReplayed) {
-  clock.now = Local(2024, 5, 1, 9, 0);
-  source.tasks = {Daily(1, 10, 0), Daily(3, 10, 0, 5, 23)};
-  orva_sched::Scheduler s(clock, source, launcher);
-  ASSERT_TRUE(s.Rescan());
-
-  // Asleep from before 10:00 until 10:07:30: the 10:05 repeat is 150 s late, and
-  // everything before it is missed.
-  clock.now = Local(2024, 5, 1, 10, 7, 30);
+  // Asleep from before 13:00 until 13:07:30: the 13:05 repeat is 150 s late, and all
+  // before it is missed; within the grace the latest trigger runs, once.
+  fake.launches.clear();
+  fake.now = Local(2024, 5, 1, 13, 7, 30);
   s.Tick();
-  EXPECT_TRUE(launcher.launches.empty());
-  EXPECT_EQ(s.NextOf(1), Local(2024, 5, 2, 10, 0));
-  EXPECT_EQ(s.NextOf(3), Local(2024, 5, 1, 10, 10));
-
-  // Within the grace the latest trigger runs, once.
-  clock.now = Local(2024, 5, 1, 10, 10, 40);
+  EXPECT_TRUE(fake.launches.empty());
+  EXPECT_EQ(s.NextOf(3), Local(2024, 5, 1, 13, 10));
+  fake.now = Local(2024, 5, 1, 13, 10, 40);
   s.Tick();
-  EXPECT_EQ(launcher.launches, (std::vector<Fired>{{3, clock.now}}));
+  EXPECT_EQ(fake.launches, (Fired{{3, fake.now}}));
 
-  // Triggers of a stopped daemon are only reported at the next start.
-  launcher.launches.clear();
-  FakeClock later;
+  Fake later;
   later.now = Local(2024, 5, 3, 9, 0);
-  RecordingLauncher l2(later);
-  orva_sched::Scheduler restarted(later, source, l2);
+  later.tasks = fake.tasks;
+  orva_sched::Scheduler restarted(later, later, later);
   ASSERT_TRUE(restarted.Rescan());
-  restarted.ReportMissedSince(Local(2024, 5, 1, 10, 11));
+  restarted.ReportMissedSince(Local(2024, 5, 1, 13, 11));
   restarted.Tick();
-  EXPECT_TRUE(l2.launches.empty());
+  EXPECT_TRUE(later.launches.empty());
   EXPECT_EQ(restarted.NextOf(1), Local(2024, 5, 3, 10, 0));
 }
 
