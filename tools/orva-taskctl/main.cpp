@@ -1,5 +1,6 @@
 // orva-taskctl: raw task records for other packages and for tests.
 //   orva-taskctl [--root DIR] add JSON | show ID | list | remove ID
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -51,12 +52,6 @@ bool UserUid(const std::string& name, unsigned& uid) {
   uid = u->uid;
   ORVAUserFree(u);
   return true;
-}
-
-bool ParseId(const char* text, long& id) {
-  char* end = nullptr;
-  id = strtol(text, &end, 10);
-  return end != text && *end == '\0';
 }
 
 std::string OneLine(const Json::Value& v) {
@@ -244,7 +239,9 @@ int main(int argc, char** argv) {
   if (strcmp(cmd, "add") == 0 && n == 2) return Add(argv[optind + 1]);
   if (strcmp(cmd, "list") == 0 && n == 1) return List();
   if ((strcmp(cmd, "show") == 0 || strcmp(cmd, "remove") == 0) && n == 2) {
-    if (!ParseId(argv[optind + 1], id)) return Error(std::string("not a task id: ") + argv[optind + 1]);
+    if (!ORVA::ParseLong(argv[optind + 1], LONG_MIN, LONG_MAX, &id)) {
+      return Error(std::string("not a task id: ") + argv[optind + 1]);
+    }
     return cmd[0] == 's' ? Show(id) : Remove(id);
   }
   Usage(stderr);

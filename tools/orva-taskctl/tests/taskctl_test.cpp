@@ -73,4 +73,6 @@ TEST(Taskctl, AddShowListRemoveAndBadInput) {
     EXPECT_FALSE(r.err.empty());
   }
   EXPECT_EQ(run({"list"}).json, mine);
+  // An id past the range of a long is no id, not the largest one.
+  EXPECT_EQ(run({"remove", "99999999999999999999"}).err, "orva-taskctl: not a task id: 99999999999999999999\n");
 }
