@@ -1,5 +1,5 @@
 // UI text parsers on temporary roots: bad files and paths, the parse cache's freshness.
-// Lookups through the module's AppParser are the module's ModuleTexts tests.
+// Lookups through the module's AppParser are the module's own tests (ModuleList).
 #include "core/vek_parser.h"
 
 #include <gtest/gtest.h>
