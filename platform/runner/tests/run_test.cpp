@@ -195,6 +195,25 @@ TEST_F(SchedRunTest, StopEndsTheCommandsProcessGroup) {
   EXPECT_EQ(orvatest::Stop(other, 5), 128 + SIGTERM);  // still alive, ended by this SIGTERM only
 }
 
+// A task keeps its last fifty runs; a new task given a removed task's id starts without them.
+TEST_F(SchedRunTest, HistoryKeepsTheLastFiftyAndGoesWithItsTask) {
+  const long id = Save("true", 0);
+  for (int i = 0; i < ORVA_SCHED_RUN_HISTORY_MAX + 7; ++i) {
+    ASSERT_EQ(ORVASchedRunRecord(ORVA_SCHED_RUN_TASK, id, "schedule", "skipped", std::to_string(i)), 0);
+  }
+  Json::Value runs, oldest;
+  ASSERT_EQ(ORVASchedTaskGetRuns(id, runs), 0);
+  ASSERT_EQ(runs["runs"].size(), static_cast<unsigned>(ORVA_SCHED_RUN_HISTORY_MAX));
+  ASSERT_EQ(ORVASchedTaskGetRun(id, runs["runs"][ORVA_SCHED_RUN_HISTORY_MAX - 1]["run_id"].asInt64(), oldest), 0);
+  EXPECT_EQ(oldest["output"], "7");
+  ASSERT_EQ(ORVASchedTaskRemove(id), 0);
+  auto again = NewTask();
+  ORVASchedCTaskSetID(again.get(), id);
+  ASSERT_EQ(ORVASchedTaskSave(again.get()), 0);
+  ASSERT_EQ(ORVASchedTaskGetRuns(id, runs), 0);
+  EXPECT_EQ(runs["runs"].size(), 0u);
+}
+
 // The daemon's batches: several ids, each task in a process of its own. One bad id: none
 // is run.
 TEST_F(SchedRunTest, RunnerCommandLine) {
