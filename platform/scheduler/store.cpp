@@ -286,6 +286,18 @@ bool IsUsersOwn(int64_t marker, unsigned realOwner, unsigned uid) {
   return marker == ORVA_SCHED_MARKER_BY_USER && realOwner == uid;
 }
 
+// The stored task `id` in a record of its own; null (error set) when it cannot be read.
+TaskPtr ReadStored(long id) {
+  TaskPtr tmp = NewZeroed();
+  if (!tmp) {
+    SCHED_ERR(KELC_ERR_OUT_OF_MEMORY);
+    return nullptr;
+  }
+  Conn conn;
+  if (!conn.db() || orva_sched::ReadTask(conn.db(), id, tmp.get()) != 1) return nullptr;
+  return tmp;
+}
+
 // A fresh record; a user's when uid is given.
 int FillFresh(ORVA_SCHED_TASK* pTask, const unsigned* uid) {
   ORVA_SCHED_TASK* fresh = ORVASchedTaskAllocFast();
@@ -311,13 +323,8 @@ int ORVASchedTaskLoad(long id, ORVA_SCHED_TASK* pTask) {
   if (id == -1) {
     return FillFresh(pTask, nullptr);
   }
-  TaskPtr tmp = NewZeroed();
-  if (!tmp) {
-    SCHED_ERR(KELC_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
-  Conn conn;
-  if (!conn.db() || orva_sched::ReadTask(conn.db(), id, tmp.get()) != 1) return -1;
+  TaskPtr tmp = ReadStored(id);
+  if (!tmp) return -1;
   orva_sched::Assign(*pTask, *tmp, false);
   return 0;
 }
@@ -333,13 +340,8 @@ int ORVASchedTaskLoadByUser(const char* user, long id, ORVA_SCHED_TASK* pTask) {
     // A new task of this user: it runs as the user and will be theirs once saved.
     return FillFresh(pTask, &uid);
   }
-  TaskPtr tmp = NewZeroed();
-  if (!tmp) {
-    SCHED_ERR(KELC_ERR_OUT_OF_MEMORY);
-    return -1;
-  }
-  Conn conn;
-  if (!conn.db() || orva_sched::ReadTask(conn.db(), id, tmp.get()) != 1) return -1;
+  TaskPtr tmp = ReadStored(id);
+  if (!tmp) return -1;
   if (!IsUsersOwn(tmp->marker, tmp->real_owner, uid)) {
     SCHED_ERR(ORVA_SCHED_ERR_NOT_OWNER);
     return -1;
