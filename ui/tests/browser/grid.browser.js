@@ -21,10 +21,12 @@ useSystem(async () => {
   })]);
 });
 
-// Types into the search field and waits for the grid's total.
+// Types into the search field and waits for the grid's total and rows that match: the
+// total alone may still be the previous search's.
 async function search(page, text, total) {
   await page.locator('#filter-q').fill(text);
-  await page.waitForFunction((t) => document.querySelector('#pager-total').textContent === t, total);
+  await page.waitForFunction(([t, q]) => document.querySelector('#pager-total').textContent === t
+    && [...document.querySelectorAll('#grid-body td.col-name')].every((td) => td.textContent.toLowerCase().includes(q)), [total, text.toLowerCase()]);
 }
 
 test('filters, select all across pages, bulk actions, event rows and service names', async () => {
