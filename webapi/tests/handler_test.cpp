@@ -10,13 +10,13 @@ namespace {
 // and saved in their common part only.
 TEST(ModuleHandler, TypeParameterAndOtherAppsUseTheBasicHandler) {
   ModuleRoot root;
-  const long beep = Create("beep", Parse(R"({"beep_duration": 10})"));
+  const long beep = Create("beep", ParseJson(R"({"beep_duration": 10})"));
   const Reply got = Call(2, "get", "{\"id\": " + std::to_string(beep) + ", \"type\": \"custom\"}");
   EXPECT_TRUE(got.data["type"] == "custom" && got.data["extra"].isNull()) << got.envelope;
   const long id = AddTask({.app = "ORVA.VEK.DataAnalysis"});
   const Json::Value report = GetTask(id);
   ExpectMembers(report, R"({"extra": null, "can_edit_owner": false, "type": "report"})");
-  EXPECT_TRUE(Call(2, "set", Merged(report, Parse(R"({"name": "renamed", "enable": false})"))).success);
+  EXPECT_TRUE(Call(2, "set", Merged(report, ParseJson(R"({"name": "renamed", "enable": false})"))).success);
   EXPECT_TRUE(std::string(Record(id).name) == "renamed" && !Record(id).enabled);
 }
 
@@ -51,7 +51,7 @@ TEST(ModuleHandler, EntryParameterAndTypeErrors) {
 
 TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
   ModuleRoot root;
-  const long id = Create("beep", Parse(R"({"beep_duration": 4})"));
+  const long id = Create("beep", ParseJson(R"({"beep_duration": 4})"));
   const std::pair<std::string, const char*> cases[] = {  // merged into a valid set request, message
       {R"({"owner": "orvat-nobody"})", "Invalid (basic) object"},
       {R"({"schedule": {"hour": 24}})", "Invalid (schedule) object"},
@@ -59,8 +59,8 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
       {"{\"name\": \"" + std::string(ORVA_SCHED_NAME_MAX, 'n') + "\"}", "Invalid (basic) object"},
   };
   for (const auto& [changes, msg] : cases) {
-    ExpectReply(Call(2, "set", Merged(TaskObject("beep", Parse(R"({"beep_duration": 9})"), id), Parse(changes))),
-                117, msg);
+    const Json::Value task = TaskObject("beep", ParseJson(R"({"beep_duration": 9})"), id);
+    ExpectReply(Call(2, "set", Merged(task, ParseJson(changes))), 117, msg);
     EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --beep 4");
   }
 }
@@ -70,12 +70,12 @@ TEST(ModuleHandler, PlatformRefusalsAnswer117AndStoreNothing) {
 // the "extra" of a new task.
 TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   ModuleRoot root;
-  Json::Value params = TaskObject("script", Parse(R"({"script": "echo 77"})"), 77);
-  EXPECT_EQ(Call(2, "create", params).data, Parse(R"({"id": 77})"));
+  Json::Value params = TaskObject("script", ParseJson(R"({"script": "echo 77"})"), 77);
+  EXPECT_EQ(Call(2, "create", params).data, ParseJson(R"({"id": 77})"));
   EXPECT_STREQ(Record(77).command, "echo 77");
   // An id out of range would use up the id sequence: refused, and later creates still work.
   for (const char* id : {"1000000000", "-2", "18446744073709551615", "\"x\""}) {
-    params["id"] = Parse(id);
+    params["id"] = ParseJson(id);
     EXPECT_EQ(Call(2, "create", params).code, 4800) << id;
   }
   EXPECT_EQ(StoredCount(), 1);
@@ -92,7 +92,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
   for (int version : {1, 2, 3}) {
     for (const auto& k : kinds) {
       SCOPED_TRACE(std::string(k.type) + " v" + std::to_string(version));
-      Json::Value task = TaskObject(k.type, Parse(k.extra));
+      Json::Value task = TaskObject(k.type, ParseJson(k.extra));
       task["schedule"]["repeat_min"] = 15;  // version 1 neither sets nor shows minute repetition
       const long id = CreateTask(task, version);
       const _tag_orva_sched_task_ r = Record(id);
@@ -116,7 +116,7 @@ TEST(ModuleHandler, CreateKeepsAGivenIdAndMakesEveryKindInEveryVersion) {
       }
       if (k.defaults) {
         const Reply fresh = Call(version, "get", std::string(R"({"id": -1, "type": ")") + k.type + "\"}");
-        EXPECT_EQ(fresh.data["extra"], Parse(k.defaults)) << fresh.envelope;
+        EXPECT_EQ(fresh.data["extra"], ParseJson(k.defaults)) << fresh.envelope;
       }
     }
   }
@@ -128,7 +128,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   TestUser user, other;
   ASSERT_TRUE(user.Ok() && other.Ok());
   // The task must run as that user: owner root is refused and nothing is stored.
-  Json::Value params = TaskObject("script", Parse(R"({"script": "id -un"})"));
+  Json::Value params = TaskObject("script", ParseJson(R"({"script": "id -un"})"));
   params["real_owner"] = user.Name();
   ExpectReply(Call(3, "create", params), 117, "Invalid (basic) object");
   EXPECT_EQ(StoredCount(), 0);
@@ -143,7 +143,7 @@ TEST(ModuleHandler, OnBehalfOfAUser) {
   };
   expectUsers("t1");
 
-  Json::Value get = Parse(IdParams(id));
+  Json::Value get = ParseJson(IdParams(id));
   get["real_owner"] = user.Name();
   const Reply got = Call(3, "get", get);
   EXPECT_TRUE(got.data["real_owner"] == user.Name() && got.data["owner"] == user.Name()) << got.envelope;

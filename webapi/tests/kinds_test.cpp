@@ -29,7 +29,7 @@ TEST(ModuleBeepScript, BeepDurationIsClampedButStoredAsSentAndBadValuesAreRefuse
   for (const auto& [duration, seconds] : cases) {
     SCOPED_TRACE(duration ? duration : "missing");
     Json::Value extra(Json::objectValue);
-    if (duration) extra["beep_duration"] = Parse(duration);
+    if (duration) extra["beep_duration"] = ParseJson(duration);
     if (!seconds) {
       EXPECT_EQ(Call(2, "create", TaskObject("beep", extra)).code, 4800);
       continue;
@@ -41,7 +41,7 @@ TEST(ModuleBeepScript, BeepDurationIsClampedButStoredAsSentAndBadValuesAreRefuse
                                         Json::FastWriter().write(extra)}));
   }
   for (const char* extra : {R"({"script": 5})", R"({"script": null})", R"("x")"}) {
-    EXPECT_EQ(Call(2, "create", TaskObject("script", Parse(extra))).code, 4800) << extra;
+    EXPECT_EQ(Call(2, "create", TaskObject("script", ParseJson(extra))).code, 4800) << extra;
   }
   EXPECT_EQ(StoredCount(), 8);
 }
@@ -108,7 +108,7 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
     TaskSchedulerRecycleHandler handler(&request, &response, boost::none);
     _tag_orva_sched_task_ record{};
     ASSERT_TRUE(ts::InitTask(boost::none, record));
-    EXPECT_EQ(handler.ConvertFromJson_App(Parse(std::string(R"({"app": )") + c.app + "}"), record), !!c.command);
+    EXPECT_EQ(handler.ConvertFromJson_App(ParseJson(std::string(R"({"app": )") + c.app + "}"), record), !!c.command);
     EXPECT_EQ(std::string(record.command), c.command ? std::string("/usr/orva/bin/orvarecycle") + c.command : "");
     EXPECT_EQ(std::string(record.action), c.command ? c.action : "");
     EXPECT_EQ(gLogs.size(), c.command ? 0u : 1u);
@@ -119,7 +119,7 @@ TEST(ModuleRecycle, CommandLineAndActionOfTheFlatObject) {
 // The shares of the root's shares.json whose recycle bin is on, blank-separated.
 std::string BinsOn(const ModuleRoot& root) {
   std::string out;
-  for (const Json::Value& s : Parse(root.Read("/etc/orva/shares.json"))) {
+  for (const Json::Value& s : ParseJson(root.Read("/etc/orva/shares.json"))) {
     if (s["recycle_bin"].asBool()) out += (out.empty() ? "" : " ") + s["name"].asString();
   }
   return out;
@@ -134,16 +134,16 @@ TEST(ModuleRecycle, FormRoundTripAndMergingSets) {
   root.Write("etc/orva/shares.json", R"([{"name": "docs", "path": "/srv/docs", "recycle_bin": false},
                                          {"name": "home", "path": "/home", "recycle_bin": false},
                                          {"name": "web", "path": "/srv/web", "recycle_bin": false}])");
-  const Json::Value form = Parse(R"({"clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]},
+  const Json::Value form = ParseJson(R"({"clean_share_policy": {"clean_all": false, "shares": ["docs", "web"]},
       "clean_file_policy": {"policy": "size", "size": 100, "sort_type": 0,
         "reserve_policy": {"size_greater_check": true, "size_greater": 5, "size_smaller_check": true, "size_smaller": 1,
                            "extension_check": true, "extension": [{"file_ext": "doc"}, {"file_ext": "pdf"}]}}})");
-  const long id = Create("recycle", Merged(form, Parse(R"({"enableRecycle": "select"})")));
+  const long id = Create("recycle", Merged(form, ParseJson(R"({"enableRecycle": "select"})")));
   EXPECT_EQ(BinsOn(root), "docs web");
   EXPECT_STREQ(Record(id).action, "#schedule:clean_recycle_bin#: \"docs\" \"web\"");
   EXPECT_EQ(std::string(Record(id).app_args).find("enableRecycle"), std::string::npos) << Record(id).app_args;
   EXPECT_EQ(GetTask(id)["extra"], form);
-  Create("recycle", Parse(R"({"enableRecycle": "all_include_home"})"));  // every share and the home folders
+  Create("recycle", ParseJson(R"({"enableRecycle": "all_include_home"})"));  // every share and the home folders
   EXPECT_EQ(BinsOn(root), "docs home web");
 
   const std::string all = " --clean -s 104857600 -o 1 -file_ext=doc.pdf -l 1048576";
@@ -157,14 +157,14 @@ TEST(ModuleRecycle, FormRoundTripAndMergingSets) {
       {R"({"clean_share_policy": {"clean_all": false, "shares": []}})", all},  // refused: kept
   };
   for (size_t i = 0; i < std::size(sets); ++i) {
-    const Reply r = Call(2, "set", TaskObject("recycle", Parse(sets[i].first), id));
+    const Reply r = Call(2, "set", TaskObject("recycle", ParseJson(sets[i].first), id));
     const bool refused = i + 1 == std::size(sets);
     EXPECT_TRUE(refused ? r.code == 117 && r.data["msg"] == "Invalid (app) object" : r.success) << r.envelope;
     EXPECT_EQ(Record(id).command, "/usr/orva/bin/orvarecycle" + sets[i].second) << sets[i].first;
   }
   // Characters that may not be in a kept extension: refused, the task kept.
   for (const char* ext : {"tar.gz", "a b", "^", "\\", "?", "/", ":", "*", "`", "$", "\"", ">", "<", "|"}) {
-    Json::Value sent = Parse(R"({"clean_file_policy": {"reserve_policy": {"extension_check": true}}})");
+    Json::Value sent = ParseJson(R"({"clean_file_policy": {"reserve_policy": {"extension_check": true}}})");
     sent["clean_file_policy"]["reserve_policy"]["extension"][0]["file_ext"] = ext;
     ExpectReply(Call(2, "set", TaskObject("recycle", sent, id)), 4800, "invalid (app) object");
   }
@@ -187,17 +187,17 @@ TEST(ModuleService, NewTaskOffersBuiltinServicesThenPackages) {
   ModuleRoot root;
   root.Write("etc/orva/orva.conf", "other=\"1\"\nsupportUnixShare=\"YES\"\n");
   StandardPackages(root);
-  Json::Value want = Parse(R"({"action": "stop", "services": []})");
+  Json::Value want = ParseJson(R"({"action": "stop", "services": []})");
   // Each one offered can be started and stopped through the installed services.json.
-  const Json::Value installed = Parse(Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
+  const Json::Value installed = ParseJson(Slurp(std::string(ORVA_SOURCE_DIR) + "/data/etc/services.json"));
   for (const char* id : {"WinShare", "MacShare", "PrinterBeacon", "UnixShare", "LoginGuard", "FileXfer", "FileXferTls",
                          "FileXferSsh", "ClockServer"}) {
     EXPECT_TRUE(installed[id]["start"].isString() && installed[id]["stop"].isString()) << id;
-    Json::Value& e = want["services"].append(Parse(R"({"type": "service", "enable": false})"));
+    Json::Value& e = want["services"].append(ParseJson(R"({"type": "service", "enable": false})"));
     e["id"] = e["name"] = id;
   }
-  want["services"].append(Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Pro", "enable": false})"));
-  want["services"].append(Parse(R"({"type": "package", "id": "gamma", "name": "gamma", "enable": false})"));
+  want["services"].append(ParseJson(R"({"type": "package", "id": "alpha", "name": "Alpha Pro", "enable": false})"));
+  want["services"].append(ParseJson(R"({"type": "package", "id": "gamma", "name": "gamma", "enable": false})"));
   EXPECT_EQ(Call(2, "get", R"({"id": -1, "type": "service"})").data["extra"], want);
 }
 
@@ -226,7 +226,7 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
     SCOPED_TRACE(c.app);
     _tag_orva_sched_task_ record{};
     ASSERT_TRUE(ts::InitTask(boost::none, record));
-    const Json::Value json = Parse(std::string(R"({"app": )") + c.app + "}");
+    const Json::Value json = ParseJson(std::string(R"({"app": )") + c.app + "}");
     EXPECT_EQ(ts::ServiceTaskAppArgsFromJson(json, record), c.command != nullptr);
     EXPECT_EQ(std::string(record.app_args), Json::FastWriter().write(json["app"]));
     EXPECT_STREQ(record.command, c.command ? c.command : "");
@@ -239,7 +239,7 @@ TEST(ModuleService, CommandLineAndActionOfTheStoredForm) {
 TEST(ModuleService, SelectionFollowsInstalledPackages) {
   ModuleRoot root;
   StandardPackages(root);
-  const long id = Create("service", Parse(R"({"action": "start", "services": [
+  const long id = Create("service", ParseJson(R"({"action": "start", "services": [
       {"id": "WinShare", "enable": true}, {"id": "alpha", "enable": true}, {"id": "gamma", "enable": true}]})"));
   EXPECT_STREQ(Record(id).command, "/usr/orva/bin/orvaschedtool --start-service WinShare;\n"
                                    "/usr/orva/bin/orvapkg start alpha;\n/usr/orva/bin/orvapkg start gamma;\n");
@@ -250,14 +250,14 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
   AddPackage(root, "aaa", R"({"name": "aaa", "display_name": "First", "service": true})");
   const Json::Value services = GetTask(id)["extra"]["services"];
   ASSERT_EQ(services.size(), 11u) << services.toStyledString();  // eight services, alpha, aaa, delta
-  EXPECT_EQ(services[0], Parse(R"({"type": "service", "id": "WinShare", "name": "WinShare", "enable": true})"));
-  EXPECT_EQ(services[8], Parse(R"({"type": "package", "id": "alpha", "name": "Alpha Next", "enable": true})"));
+  EXPECT_EQ(services[0], ParseJson(R"({"type": "service", "id": "WinShare", "name": "WinShare", "enable": true})"));
+  EXPECT_EQ(services[8], ParseJson(R"({"type": "package", "id": "alpha", "name": "Alpha Next", "enable": true})"));
   // Newly installed packages follow, unselected, in enumeration order.
-  EXPECT_EQ(services[9], Parse(R"({"type": "package", "id": "aaa", "name": "First", "enable": false})"));
-  EXPECT_EQ(services[10], Parse(R"({"type": "package", "id": "delta", "name": "delta", "enable": false})"));
+  EXPECT_EQ(services[9], ParseJson(R"({"type": "package", "id": "aaa", "name": "First", "enable": false})"));
+  EXPECT_EQ(services[10], ParseJson(R"({"type": "package", "id": "delta", "name": "delta", "enable": false})"));
 
   // A set that only changes the action keeps the selection as it is now.
-  EXPECT_TRUE(Call(2, "set", TaskObject("service", Parse(R"({"action": "stop"})"), id)).success);
+  EXPECT_TRUE(Call(2, "set", TaskObject("service", ParseJson(R"({"action": "stop"})"), id)).success);
   EXPECT_STREQ(Record(id).command,
                "/usr/orva/bin/orvaschedtool --stop-service WinShare;\n/usr/orva/bin/orvapkg stop alpha;\n");
   EXPECT_STREQ(Record(id).action, "#common:stop_service#: \"WinShare\" \"Alpha Next\"");
@@ -266,7 +266,7 @@ TEST(ModuleService, SelectionFollowsInstalledPackages) {
 TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
   ModuleRoot root;
   StandardPackages(root);
-  const Json::Value form = Parse(R"({"action": "stop", "services": [{"id": "MacShare", "enable": true}]})");
+  const Json::Value form = ParseJson(R"({"action": "stop", "services": [{"id": "MacShare", "enable": true}]})");
   const std::string before = Record(Create("service", form)).app_args;
   const std::pair<const char*, const char*> cases[] = {  // form, command after it (null: refused)
       {R"({"services": [{"id": "MacShare", "enable": false}, {"id": "nosuch", "enable": true},
@@ -280,7 +280,7 @@ TEST(ModuleService, SetMergesTheFormAndRejectsBadEntries) {
     SCOPED_TRACE(form);
     // Each case starts from the same stored task.
     const long id = AddTask({.app = "ORVA.VEK.TaskScheduler.Service", .appArgs = before});
-    const Reply set = Call(2, "set", TaskObject("service", Parse(form), id));
+    const Reply set = Call(2, "set", TaskObject("service", ParseJson(form), id));
     if (command) {
       EXPECT_TRUE(set.success) << set.envelope;
       EXPECT_STREQ(Record(id).command, command);

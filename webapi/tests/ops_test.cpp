@@ -54,7 +54,7 @@ TEST_F(ModuleList, PagingArithmetic) {
       {R"({"offset": "2", "limit": "1"})", all}, {R"({"offset": 2147483647, "limit": 1})", {}},
   };
   for (const auto& c : cases) {
-    const Reply r = Call(2, "list", Merged(Parse(c.params), Parse(R"({"sort_by": "name"})")));
+    const Reply r = Call(2, "list", Merged(ParseJson(c.params), ParseJson(R"({"sort_by": "name"})")));
     EXPECT_TRUE(r.success && Names(r) == c.names && r.data["total"] == 8 && r.data["tasks"].isArray())
         << c.params << r.envelope;
   }
@@ -130,11 +130,11 @@ TEST_F(ModuleList, VersionFilterOwnersAndItemFields) {
 // event scheduler that fails means none.
 TEST_F(ModuleList, EventTasksJoinEveryListing) {
   AddTask({.name = "stored"});
-  const Json::Value boot = Parse(R"({"id": 1, "task_name": "on boot", "enable": true, "event": "bootup",
+  const Json::Value boot = ParseJson(R"({"id": 1, "task_name": "on boot", "enable": true, "event": "bootup",
                                      "script": "echo up", "owner": {"0": "root"}})");
   Json::Value events(Json::arrayValue);
   events.append(boot);
-  events.append(Merged(boot, Parse(R"({"task_name": "ownerless"})")))["owner"] = Json::Value(Json::objectValue);
+  events.append(Merged(boot, ParseJson(R"({"task_name": "ownerless"})")))["owner"] = Json::Value(Json::objectValue);
   SetEventTasks(events);
   for (int version : {1, 2}) {
     gLogs.clear();
@@ -194,7 +194,7 @@ TEST_F(ModuleList, ActionTokensAreTranslatedByTheScanner) {
     ORVA::APIResponse response;
     TaskSchedulerHandler handler(&request, &response, 0, "", Json::Value(),
                                  new ORVA::Core::TaskScheduler::AppParser(c.lang));
-    Json::Value item = Parse(R"({"other": 7})");
+    Json::Value item = ParseJson(R"({"other": 7})");
     if (!c.action.isNull()) item["action"] = c.action;
     Json::Value want = item;
     want["action"] = c.want;

@@ -53,7 +53,6 @@ class ModuleRoot : public TempRoot {
   }
 };
 
-inline Json::Value Parse(const std::string& text) { return ParseJson(text); }
 inline std::string IdParams(long id) { return "{\"id\": " + std::to_string(id) + "}"; }
 
 // ---- calls of the entry functions, in-process ----
@@ -79,8 +78,8 @@ inline Reply Call(int version, const std::string& method, const Json::Value& par
   return Reply();
 }
 // The same with the parameters as JSON text.
-inline Reply Call(int v, const std::string& m, const std::string& params) { return Call(v, m, Parse(params)); }
-inline Reply Call(int v, const std::string& method, const char* params) { return Call(v, method, Parse(params)); }
+inline Reply Call(int v, const std::string& m, const std::string& params) { return Call(v, m, ParseJson(params)); }
+inline Reply Call(int v, const std::string& method, const char* params) { return Call(v, method, ParseJson(params)); }
 
 // One reply with `code`, success only for 0, and data {"msg": msg} (null for an empty `msg`).
 inline void ExpectReply(const Reply& r, int code, const std::string& msg = "") {
@@ -99,7 +98,7 @@ inline Json::Value Merged(Json::Value base, const Json::Value& changes) {
 
 // A task object of a create request (with an id > 0, of a set), as the edit dialog sends it.
 inline Json::Value TaskObject(const std::string& type, const Json::Value& extra, long id = 0) {
-  Json::Value task = Parse(R"({"owner": "root", "enable": true, "schedule": {"repeat_date": "daily", "hour": 3,
+  Json::Value task = ParseJson(R"({"owner": "root", "enable": true, "schedule": {"repeat_date": "daily", "hour": 3,
                                "minute": 30}})");
   task["type"] = type;
   task["name"] = "t1";
@@ -123,7 +122,7 @@ inline Json::Value GetTask(long id, int version = 2) {
 }
 // Each member of `want` (JSON text) equals that member of `item`.
 inline void ExpectMembers(const Json::Value& item, const std::string& want) {
-  const Json::Value w = Parse(want);
+  const Json::Value w = ParseJson(want);
   for (const std::string& key : w.getMemberNames()) EXPECT_EQ(item[key], w[key]) << key;
 }
 
@@ -152,7 +151,7 @@ inline long AddTask(const TaskSeed& seed) {
   ORVASchedCTaskSetAppArgs(task, seed.appArgs.c_str());
   ORVASchedCTaskSetState(task, seed.enabled ? 1 : 0);
   ORVASchedCTaskSetListable(task, seed.listable ? 1 : 0);
-  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(Parse("{\"schedule\": {\"repeat\": \"daily\", \"hour\": " +
+  EXPECT_TRUE(ORVASchedTaskConvertFromJson_Schedule(ParseJson("{\"schedule\": {\"repeat\": \"daily\", \"hour\": " +
       std::to_string(seed.hour) + ", \"min\": " + std::to_string(seed.min) + "}}"), *task));
   ORVASchedCTaskSetOwner(task, seed.ownerUid);
   const char* byUser = seed.byUser.empty() ? nullptr : seed.byUser.c_str();
