@@ -58,6 +58,13 @@ TEST(SchedCrash, KilledAndConcurrentWritersLoseNothing) {
     close(pfd[1]);
     close(go[0]);
     close(go[1]);
+    // Killed at a random moment after its first acknowledged save: creating the database may
+    // take longer than any fixed delay on a loaded machine.
+    std::vector<Ack> acks;
+    for (Ack ack; read(pfd[0], &ack, sizeof(ack)) == sizeof(ack);) {  // atomic pipe writes
+      acks.push_back(ack);
+      if (ack.writer == 0) break;
+    }
     usleep(std::uniform_int_distribution<unsigned>(20000, 400000)(rng));
     kill(pids[0], SIGKILL);
     int status = 0;
@@ -67,7 +74,9 @@ TEST(SchedCrash, KilledAndConcurrentWritersLoseNothing) {
     EXPECT_EQ(orvatest::ExitStatus(status), 0) << "round " << round << ": writer 1 failed a save";
     std::vector<int> saved(2, 0);
     ASSERT_EQ(orvatest::QueryOne(ORVASchedStoreDbPath(), "PRAGMA integrity_check"), "ok");
-    for (Ack ack; read(pfd[0], &ack, sizeof(ack)) == sizeof(ack); ++saved[ack.writer]) {  // atomic pipe writes
+    for (Ack ack; read(pfd[0], &ack, sizeof(ack)) == sizeof(ack);) acks.push_back(ack);
+    for (const Ack& ack : acks) {
+      ++saved[ack.writer];
       auto back = NewTask();
       ASSERT_EQ(ORVASchedTaskLoad(ack.id, back.get()), 0) << "lost acknowledged task " << ack.id;
       EXPECT_EQ(ORVASchedTaskGetName(*back), Name(round, ack));
